@@ -1,0 +1,16 @@
+#ifndef RVODDI_H
+#define RVODDI_H
+
+// Every public class of RvoDdi.
+
+#include "RvoDataHash.h"
+#include "RvoDdiGlobal.h"
+#include "RvoDdiLog.h"
+#include "RvoDdiMutex.h"
+#include "RvoDdiMutexLocker.h"
+#include "RvoHashHandle.h"
+#include "RvoHashManager.h"
+#include "RvoSkein.h"
+#include "RvoSmartPointer.h"
+
+#endif // RVODDI_H

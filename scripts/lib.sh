@@ -1,0 +1,35 @@
+# Shared by the scripts in this folder: package installation and builds.
+# shellcheck shell=bash
+
+RVODDI_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# What every build needs, as Debian packages.
+RVODDI_PACKAGES=(cmake ninja-build g++ pkg-config qt6-base-dev libgtest-dev
+                 libbenchmark-dev zlib1g-dev libssl-dev libdeflate-dev)
+
+rvoddi_log() { printf '== %s\n' "$*" >&2; }
+
+# Installs the named Debian packages that are not installed yet.
+rvoddi_ensure_packages() {
+    local missing=() pkg
+    for pkg in "$@"; do
+        dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' \
+            || missing+=("$pkg")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    rvoddi_log "installing ${missing[*]}"
+    local sudo=()
+    [ "$(id -u)" -eq 0 ] || sudo=(sudo)
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq >&2
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+        "${missing[@]}" >&2
+}
+
+# rvoddi_build NAME [cmake options...]: configures and builds build/NAME.
+rvoddi_build() {
+    local name=$1
+    shift
+    local dir="$RVODDI_ROOT/build/$name"
+    cmake -S "$RVODDI_ROOT" -B "$dir" -G Ninja "$@" >&2
+    cmake --build "$dir" --parallel "$(nproc)" >&2
+}

@@ -1,0 +1,121 @@
+#include "RvoDdiMutex.h"
+#include "RvoDdiMutexLocker.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+namespace {
+
+// Whether another thread can take the mutex right now (and gives it back).
+bool freeForOtherThreads(RvoDdiMutex &mutex)
+{
+    bool taken = false;
+    std::thread other([&] {
+        taken = mutex.tryLock();
+        if (taken)
+            mutex.unlock();
+    });
+    other.join();
+    return taken;
+}
+
+} // namespace
+
+TEST(RvoDdiMutex, RecursiveMutexIsReleasedOnlyByTheLastUnlock)
+{
+    RvoDdiMutex mutex(9, RvoDdiMutex::Recursive);
+    mutex.lock();
+    EXPECT_TRUE(mutex.tryLock());
+    EXPECT_TRUE(mutex.tryLock(10));
+    mutex.unlock();
+    mutex.unlock();
+    EXPECT_FALSE(freeForOtherThreads(mutex));
+    mutex.unlock();
+    EXPECT_TRUE(freeForOtherThreads(mutex));
+}
+
+TEST(RvoDdiMutex, NonRecursiveMutexRefusesTheHolderAndTimesOut)
+{
+    RvoDdiMutex mutex;
+    mutex.lock();
+    EXPECT_FALSE(mutex.tryLock());
+    EXPECT_FALSE(mutex.tryLock(5));
+    EXPECT_FALSE(freeForOtherThreads(mutex));
+    mutex.unlock();
+    EXPECT_TRUE(freeForOtherThreads(mutex));
+}
+
+TEST(RvoDdiMutex, UnlockFromAThreadThatDoesNotHoldARecursiveMutexIsIgnored)
+{
+    RvoDdiMutex mutex(0, RvoDdiMutex::Recursive);
+    mutex.lock();
+    std::thread([&] { mutex.unlock(); }).join();
+    EXPECT_FALSE(freeForOtherThreads(mutex));
+    mutex.unlock();
+    EXPECT_TRUE(freeForOtherThreads(mutex));
+}
+
+TEST(RvoDdiMutex, NestedLockingExcludesOtherThreads)
+{
+    RvoDdiMutex mutex(0, RvoDdiMutex::Recursive);
+    long counter = 0; // guarded by mutex
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20000; ++i) {
+                RvoDdiMutexLocker outer(&mutex);
+                RvoDdiMutexLocker inner(&mutex);
+                ++counter;
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(counter, 4 * 20000);
+}
+
+TEST(RvoDdiMutexLocker, NullMutexGivesAnInertLocker)
+{
+    RvoDdiMutexLocker locker(nullptr);
+    EXPECT_FALSE(locker.isHeld());
+    locker.relock();
+    EXPECT_FALSE(locker.isHeld());
+    locker.unlock(); // must not crash
+}
+
+TEST(RvoDdiMutexLocker, DestructorUnlocksOnlyWhatTheLockerHolds)
+{
+    RvoDdiMutex mutex(0, RvoDdiMutex::Recursive);
+    mutex.lock(); // the test's own hold, depth 1
+    {
+        RvoDdiMutexLocker locker(&mutex); // depth 2
+        locker.unlock(); // depth 1
+        EXPECT_FALSE(locker.isHeld());
+    } // not unlocked again
+    EXPECT_FALSE(freeForOtherThreads(mutex));
+    {
+        RvoDdiMutexLocker locker(&mutex);
+        locker.unlock();
+        locker.relock();
+        locker.relock(); // already held: nothing
+        EXPECT_TRUE(locker.isHeld());
+    } // unlocks once
+    EXPECT_FALSE(freeForOtherThreads(mutex));
+    mutex.unlock();
+    EXPECT_TRUE(freeForOtherThreads(mutex));
+}
+
+TEST(RvoDdiMutexLocker, AssignmentCopiesTheFieldsWithoutLocking)
+{
+    RvoDdiMutex mutex;
+    RvoDdiMutexLocker held(&mutex);
+    RvoDdiMutexLocker other(nullptr);
+    other = held;
+    EXPECT_TRUE(other.isHeld());
+    EXPECT_EQ(other.mutex(), &mutex);
+    held.unlock(); // one release for the one lock
+    other = RvoDdiMutexLocker(nullptr);
+    EXPECT_TRUE(freeForOtherThreads(mutex));
+}

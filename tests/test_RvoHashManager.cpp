@@ -1,0 +1,242 @@
+#include "OutputCapture.h"
+#include "RvoHashManager.h"
+
+#include <QByteArray>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+QByteArray content(int n)
+{
+    return QByteArray(100 + n, char('a' + n % 26));
+}
+
+// The registry's statistics, read through dumpStats.
+QStringList statsLines()
+{
+    DebugCapture debug;
+    RvoHashManager::instance().dumpStats();
+    return debug.messages();
+}
+
+} // namespace
+
+TEST(RvoHashManager, GetHashOnEqualBytesReturnsOneObject)
+{
+    RvoHashManager &registry = RvoHashManager::instance();
+    registry.clearStats();
+    const RvoSmartPointer<RvoDataHash> a = registry.getHash(content(1));
+    const QByteArray same = content(1);
+    const RvoSmartPointer<RvoDataHash> b = registry.getHash(
+            reinterpret_cast<const unsigned char *>(same.constData()), same.size());
+    EXPECT_TRUE(a == b);
+    EXPECT_EQ(a->refCount(), 2);
+    EXPECT_EQ(a->size(), RvoDataHash::Skein512);
+    EXPECT_EQ(registry.hashCount(), 1);
+
+    const QStringList expected {
+            QStringLiteral("==== RvoDdi Hash Stats ===="),
+            QStringLiteral("Cache Hits 1"),
+            QStringLiteral("Cache Misses 1"),
+            QStringLiteral("Requests 2"),
+            QStringLiteral("Removes 0"),
+            QStringLiteral("Registered 1"),
+            QStringLiteral("Existant %1").arg(RvoDataHash::hashCount()),
+            QStringLiteral("HashPtrs -1"),
+    };
+    EXPECT_EQ(statsLines(), expected);
+}
+
+TEST(RvoHashManager, TextFormFindsTheRegisteredDigestUntilTheLastReferenceGoes)
+{
+    RvoHashManager &registry = RvoHashManager::instance();
+    const int liveBefore = RvoDataHash::hashCount();
+    RvoSmartPointer<RvoDataHash> hash = registry.getHash(content(2));
+    const QString text = hash->toString();
+
+    EXPECT_TRUE(registry.isHashLive(text));
+    RvoSmartPointer<RvoDataHash> byText = registry.getHash(text);
+    EXPECT_TRUE(byText == hash);
+    byText.reset();
+    EXPECT_TRUE(registry.isHashLive(text));
+
+    registry.clearStats();
+    hash.reset();
+    EXPECT_FALSE(registry.isHashLive(text));
+    EXPECT_EQ(registry.hashCount(), 0);
+    EXPECT_EQ(RvoDataHash::hashCount(), liveBefore);
+    EXPECT_EQ(statsLines().value(4), QStringLiteral("Removes 1"));
+}
+
+TEST(RvoHashManager, MalformedTextNamesNoDigest)
+{
+    RvoHashManager &registry = RvoHashManager::instance();
+    DebugCapture debug;
+    EXPECT_TRUE(registry.getHash(QStringLiteral("1-2-3")).isNull());
+    EXPECT_FALSE(registry.isHashLive(QStringLiteral("1-2-3")));
+    EXPECT_FALSE(registry.isHashLive(QString()));
+    EXPECT_EQ(registry.hashCount(), 0);
+    EXPECT_EQ(debug.count(QStringLiteral("Unknown Hash Bit Size 12")), 2);
+}
+
+TEST(RvoHashManager, AddHashOfAKnownDigestDeletesTheArgument)
+{
+    RvoHashManager &registry = RvoHashManager::instance();
+    const RvoSmartPointer<RvoDataHash> registered = registry.getHash(content(3));
+    const int live = RvoDataHash::hashCount();
+    registry.clearStats();
+
+    auto *duplicate = new RvoDataHash(RvoDataHash::Skein512, registered->data());
+    EXPECT_EQ(RvoDataHash::hashCount(), live + 1);
+    const RvoSmartPointer<RvoDataHash> result = registry.addHash(duplicate);
+    EXPECT_TRUE(result == registered);
+    EXPECT_EQ(RvoDataHash::hashCount(), live);
+    EXPECT_EQ(registered->refCount(), 2);
+
+    const QStringList stats = statsLines();
+    EXPECT_EQ(stats.value(1), QStringLiteral("Cache Hits 1"));
+    EXPECT_EQ(stats.value(3), QStringLiteral("Requests 0")) << "addHash is not a request";
+}
+
+TEST(RvoHashManager, AddHashOfANewDigestRegistersThatObject)
+{
+    RvoHashManager &registry = RvoHashManager::instance();
+    auto *fresh = new RvoDataHash(content(4), RvoDataHash::Skein512);
+    RvoSmartPointer<RvoDataHash> result = registry.addHash(fresh);
+    EXPECT_EQ(result.data(), fresh);
+    EXPECT_EQ(fresh->refCount(), 1);
+    EXPECT_TRUE(registry.getHash(content(4)) == result);
+    EXPECT_TRUE(registry.addHash(nullptr).isNull());
+}
+
+TEST(RvoHashManager, ClearStatsKeepsTheRegisteredDigests)
+{
+    RvoHashManager &registry = RvoHashManager::instance();
+    const RvoSmartPointer<RvoDataHash> a = registry.getHash(content(5));
+    const RvoSmartPointer<RvoDataHash> b = registry.getHash(content(6));
+    registry.clearStats();
+    const QStringList stats = statsLines();
+    EXPECT_EQ(stats.mid(1, 5),
+              (QStringList {QStringLiteral("Cache Hits 0"), QStringLiteral("Cache Misses 0"),
+                            QStringLiteral("Requests 0"), QStringLiteral("Removes 0"),
+                            QStringLiteral("Registered 2")}));
+    EXPECT_EQ(registry.hashCount(), 2);
+}
+
+TEST(RvoHashManager, SnapshotAppendsACountedPointerToEveryDigest)
+{
+    RvoHashManager &registry = RvoHashManager::instance();
+    const RvoSmartPointer<RvoDataHash> a = registry.getHash(content(7));
+    const RvoSmartPointer<RvoDataHash> b = registry.getHash(content(8));
+    QList<RvoSmartPointer<RvoDataHash>> out {RvoSmartPointer<RvoDataHash>()};
+    registry.snapshot(out);
+    ASSERT_EQ(out.size(), 3);
+    EXPECT_TRUE(out.first().isNull()) << "out is not cleared";
+    EXPECT_TRUE((out.at(1) == a && out.at(2) == b) || (out.at(1) == b && out.at(2) == a));
+    EXPECT_EQ(a->refCount(), 2);
+    out.clear();
+    EXPECT_EQ(a->refCount(), 1);
+}
+
+TEST(RvoHashManager, ValidateStateReportsEveryCachedDigestWithItsCount)
+{
+    RvoHashManager &registry = RvoHashManager::instance();
+    const RvoSmartPointer<RvoDataHash> cached = registry.getHash(content(9));
+    const RvoSmartPointer<RvoDataHash> copy(cached);
+    const RvoSmartPointer<RvoDataHash> dontCache = registry.getHash(content(10));
+    dontCache->setDontCache(true);
+
+    StdoutCapture out;
+    registry.validateState();
+    EXPECT_EQ(out.lines(),
+              QStringList {QStringLiteral("There is a live hash '%1' (ref count = 2) "
+                                          "that has been cached, aborting")
+                                   .arg(cached->toString())});
+    EXPECT_EQ(cached->refCount(), 2);
+}
+
+TEST(RvoHashManager, PrintDebugInfoListsAddressCountAndText)
+{
+    RvoHashManager &registry = RvoHashManager::instance();
+    const RvoSmartPointer<RvoDataHash> hash = registry.getHash(content(11));
+    DebugCapture debug;
+    registry.printDebugInfo();
+    const QStringList lines = debug.messages();
+    ASSERT_EQ(lines.size(), 1);
+    const QRegularExpression format(QStringLiteral(R"(^0x[0-9a-f]+ 1 (\d+-){15}\d+$)"));
+    EXPECT_TRUE(format.match(lines.first()).hasMatch()) << qPrintable(lines.first());
+    EXPECT_TRUE(lines.first().endsWith(hash->toString()));
+}
+
+// Several threads intern, copy and drop the same few digests, re-add them
+// through addHash while others release them, ask isHashLive and take
+// snapshots. A lookup racing the last release must neither lose nor
+// double-delete a digest, and no lock order may deadlock.
+TEST(RvoHashManager, ConcurrentInterningAndReleasingKeepsOneObjectPerDigest)
+{
+    RvoHashManager &registry = RvoHashManager::instance();
+    const int liveBefore = RvoDataHash::hashCount();
+    constexpr int kDigests = 4;
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 4000;
+
+    QVector<QByteArray> contents;
+    QVector<QString> texts;
+    for (int i = 0; i < kDigests; ++i) {
+        contents.append(content(20 + i));
+        texts.append(RvoDataHash(contents.last(), RvoDataHash::Skein512).toString());
+    }
+
+    std::atomic<int> mismatches {0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 random(t);
+            for (int round = 0; round < kRounds; ++round) {
+                const int i = int(random() % kDigests);
+                RvoSmartPointer<RvoDataHash> held;
+                switch (random() % 4) {
+                case 0:
+                    held = registry.getHash(contents.at(i));
+                    break;
+                case 1:
+                    held = registry.getHash(texts.at(i));
+                    break;
+                case 2: {
+                    const RvoDataHash probe(texts.at(i));
+                    held = registry.addHash(new RvoDataHash(probe));
+                    break;
+                }
+                default: {
+                    QList<RvoSmartPointer<RvoDataHash>> all;
+                    registry.snapshot(all);
+                    registry.isHashLive(texts.at(i));
+                    continue;
+                }
+                }
+                // Whatever path interned it, the same digest is the same object.
+                const RvoSmartPointer<RvoDataHash> again = registry.getHash(texts.at(i));
+                if (held != again || held->toString() != texts.at(i)
+                    || !registry.isHashLive(texts.at(i)))
+                    mismatches.fetch_add(1);
+                RvoSmartPointer<RvoDataHash> copy(held);
+                held.reset();
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+
+    EXPECT_EQ(mismatches.load(), 0);
+    EXPECT_EQ(registry.hashCount(), 0);
+    EXPECT_EQ(RvoDataHash::hashCount(), liveBefore);
+    for (const QString &text : texts)
+        EXPECT_FALSE(registry.isHashLive(text));
+}
