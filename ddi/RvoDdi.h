@@ -10,6 +10,9 @@
 #include "RvoDdiMutexLocker.h"
 #include "RvoHashHandle.h"
 #include "RvoHashManager.h"
+#include "RvoDataBlock.h"
+#include "RvoDataBlockManager.h"
+#include "RvoDataDeleteLocker.h"
 #include "RvoSkein.h"
 #include "RvoSmartPointer.h"
 

@@ -1,5 +1,9 @@
 #include "RvoBlockRelease_p.h"
 
-// No block store is connected yet: digests own no blocks, so there is
-// nothing to release. The block manager frees the digest's block here.
-void rvoReleaseBlockOf(RvoDataHash *) { }
+#include "RvoDataBlockManager.h"
+
+void rvoReleaseBlockOf(RvoDataHash *hash)
+{
+    // The digest is gone: nothing can name its block any more.
+    RvoDataBlockManager::instance().freeBlock(hash, false, false);
+}

@@ -44,4 +44,12 @@ public:
     int count(const QString &message) const;
 };
 
+#include <ostream>
+
+// Readable QString values in GoogleTest failure messages.
+inline void PrintTo(const QString &text, std::ostream *out)
+{
+    *out << '"' << text.toStdString() << '"';
+}
+
 #endif // OUTPUTCAPTURE_H

@@ -1,0 +1,136 @@
+#ifndef IMAGETILES_H
+#define IMAGETILES_H
+
+// Deterministic test data that compresses like real image tiles: RGBA pixels,
+// 256 to a row, made of smooth gradients, a few flat or shaded shapes and a
+// little sensor-like noise. Each index gives a different tile; the same index
+// always gives the same bytes on every platform (integer arithmetic only), so
+// benchmark figures taken on different days compare.
+
+#include <QByteArray>
+
+#include <cstdint>
+
+namespace ImageTiles {
+
+// splitmix64: small, fast, and good enough to decorrelate neighbouring seeds.
+inline std::uint64_t nextRandom(std::uint64_t &state)
+{
+    std::uint64_t z = (state += 0x9E3779B97F4A7C15ull);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return z ^ (z >> 31);
+}
+
+inline int randomBelow(std::uint64_t &state, int bound)
+{
+    return int(nextRandom(state) % std::uint64_t(bound));
+}
+
+inline unsigned char clampByte(int v)
+{
+    return static_cast<unsigned char>(v < 0 ? 0 : (v > 255 ? 255 : v));
+}
+
+} // namespace ImageTiles
+
+inline QByteArray makeImageLikeTile(int index, int size = 262144)
+{
+    using namespace ImageTiles;
+    if (size <= 0)
+        return QByteArray();
+
+    constexpr int Width = 256;
+    constexpr int MaxShapes = 7;
+    std::uint64_t seed = 0x5EEDull * 1000003ull + std::uint64_t(std::uint32_t(index));
+
+    // Background: a per-channel linear gradient, base + (x * dx + y * dy) / 256.
+    int base[3], dx[3], dy[3];
+    for (int c = 0; c < 3; ++c) {
+        base[c] = 40 + randomBelow(seed, 140);
+        dx[c] = randomBelow(seed, 161) - 80;
+        dy[c] = randomBelow(seed, 161) - 80;
+    }
+
+    struct Shape
+    {
+        bool circle;
+        int x0, y0, x1, y1; // bounding box; a circle's centre and radius come from it
+        int colour[3];
+        int shade; // brightness change across the shape, per 256 pixels
+        int alpha;
+        bool textured; // rougher surface: stronger noise inside
+    };
+    Shape shapes[MaxShapes];
+    const int shapeCount = 3 + randomBelow(seed, MaxShapes - 2);
+    for (int s = 0; s < shapeCount; ++s) {
+        Shape &sh = shapes[s];
+        sh.circle = randomBelow(seed, 2) == 0;
+        sh.x0 = randomBelow(seed, Width);
+        sh.y0 = randomBelow(seed, Width);
+        sh.x1 = sh.x0 + 16 + randomBelow(seed, 112);
+        sh.y1 = sh.y0 + 16 + randomBelow(seed, 112);
+        for (int c = 0; c < 3; ++c)
+            sh.colour[c] = randomBelow(seed, 256);
+        sh.shade = randomBelow(seed, 121) - 60;
+        sh.alpha = randomBelow(seed, 3) == 0 ? 128 + randomBelow(seed, 128) : 255;
+        sh.textured = randomBelow(seed, 3) == 0;
+    }
+
+    QByteArray tile(size, Qt::Uninitialized);
+    unsigned char *out = reinterpret_cast<unsigned char *>(tile.data());
+    const int pixels = (size + 3) / 4;
+    std::uint64_t noise = seed;
+    std::uint64_t bits = 0;
+    int bitsLeft = 0;
+    for (int p = 0; p < pixels; ++p) {
+        const int x = p % Width;
+        const int y = p / Width;
+        int rgb[3];
+        for (int c = 0; c < 3; ++c)
+            rgb[c] = base[c] + (x * dx[c] + y * dy[c]) / 256;
+        int alpha = 255;
+        bool textured = false;
+
+        // Later shapes cover earlier ones, as in a drawn picture.
+        for (int s = 0; s < shapeCount; ++s) {
+            const Shape &sh = shapes[s];
+            if (x < sh.x0 || x >= sh.x1 || y < sh.y0 || y >= sh.y1)
+                continue;
+            if (sh.circle) {
+                const int r = (sh.x1 - sh.x0) / 2;
+                const int cx = sh.x0 + r;
+                const int cy = sh.y0 + r;
+                if ((x - cx) * (x - cx) + (y - cy) * (y - cy) > r * r)
+                    continue;
+            }
+            const int shade = ((x - sh.x0) + (y - sh.y0)) * sh.shade / 256;
+            for (int c = 0; c < 3; ++c)
+                rgb[c] = sh.colour[c] + shade;
+            alpha = sh.alpha;
+            textured = sh.textured;
+        }
+
+        // Noise drawn four bits at a time keeps the generator cheap.
+        for (int c = 0; c < 3; ++c) {
+            if (bitsLeft < 4) {
+                bits = nextRandom(noise);
+                bitsLeft = 64;
+            }
+            const int r = int(bits & 0xF);
+            bits >>= 4;
+            bitsLeft -= 4;
+            // Smooth areas: -1, 0 or +1 on 9 samples in 16; textured: -4..+4.
+            rgb[c] += textured ? r % 9 - 4 : (r < 9 ? r % 3 - 1 : 0);
+        }
+
+        const unsigned char px[4] = {clampByte(rgb[0]), clampByte(rgb[1]), clampByte(rgb[2]),
+                                     static_cast<unsigned char>(alpha)};
+        const qint64 offset = qint64(p) * 4;
+        for (int c = 0; c < 4 && offset + c < size; ++c)
+            out[offset + c] = px[c];
+    }
+    return tile;
+}
+
+#endif // IMAGETILES_H

@@ -1,0 +1,361 @@
+#include "RvoDataBlockManagerReadThread_p.h"
+
+#include "RvoBlockCodec_p.h"
+#include "RvoDataBlock.h"
+#include "RvoDdiDiagnostics_p.h"
+#include "RvoDiskLayout_p.h"
+#include "RvoReadBufferPool_p.h"
+#include "RvoTsan_p.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFutureInterface>
+#include <QRunnable>
+#include <QThreadPool>
+#include <QtEndian>
+
+#include <algorithm>
+#include <cstring>
+
+// 14 doublings from 1 ms: about 16.4 seconds for a file to complete.
+std::atomic<int> RvoDataBlockManagerReadThread::s_BackoffSteps {14};
+
+namespace {
+
+// Decodes one payload on a pool thread and completes the load's future.
+class DecodeTask : public QRunnable
+{
+public:
+    // Decodes the payload: false when it is corrupt; otherwise *block is
+    // the new block (null when it went to the manager).
+    using Decode = bool (*)(DecodeTask &task, RvoDataBlock **block);
+
+    DecodeTask(QFutureInterface<RvoDataBlock *> promise, RvoReadBufferPool::Buffer buffer,
+               qint64 length, qint64 size, RvoSmartPointer<RvoDataHash> hash, bool makeLive,
+               QString path, Decode decode)
+        : promise(std::move(promise))
+        , buffer(std::move(buffer))
+        , length(length)
+        , size(size)
+        , hash(std::move(hash))
+        , makeLive(makeLive)
+        , path(std::move(path))
+        , m_Decode(decode)
+    {
+        setAutoDelete(true);
+    }
+
+    void run() override
+    {
+        rvoHappensAfter(this);
+        RvoDataBlock *block = nullptr;
+        const bool decoded = m_Decode(*this, &block);
+        RvoReadBufferPool::instance().release(std::move(buffer));
+        if (decoded) {
+            if (block)
+                rvoHappensBefore(block);
+            promise.reportResult(block);
+        } else {
+            promise.reportCanceled();
+        }
+        promise.reportFinished();
+    }
+
+    QFutureInterface<RvoDataBlock *> promise;
+    RvoReadBufferPool::Buffer buffer;
+    qint64 length;
+    qint64 size;
+    RvoSmartPointer<RvoDataHash> hash;
+    bool makeLive;
+    QString path;
+
+private:
+    Decode m_Decode;
+};
+
+QFuture<RvoDataBlock *> canceledLoad(QFutureInterface<RvoDataBlock *> &promise)
+{
+    promise.reportCanceled();
+    promise.reportFinished();
+    return promise.future();
+}
+
+} // namespace
+
+RvoDataBlockManagerReadThread::RvoDataBlockManagerReadThread(const QString &root, int bucketCount,
+                                                             int maxRequests, QObject *parent)
+    : QThread(parent)
+    , m_Root(root)
+    , m_BucketCount(bucketCount)
+    , m_MaxRequests(maxRequests)
+{
+}
+
+RvoDataBlockManagerReadThread::~RvoDataBlockManagerReadThread()
+{
+    if (isRunning()) {
+        killRequests();
+        closeDown();
+        wait();
+    }
+    killRequests();
+}
+
+void RvoDataBlockManagerReadThread::request(RvoDataHash *hash,
+                                            RvoDataBlockManager::PreloadPriority priority)
+{
+    if (!hash)
+        return;
+    if (m_PromotionEnabled.load(std::memory_order_relaxed) && hash->isPreloading()) {
+        const qint64 promotions = m_PromotionCount.fetch_add(1, std::memory_order_relaxed) + 1;
+        std::lock_guard<std::mutex> locker(m_Lock);
+        for (size_t i = 1; i < m_Queue.size(); ++i) {
+            if (m_Queue[i].hash.data() != hash)
+                continue;
+            // One step toward the front, without moving the entry; the queue
+            // is re-sorted only every 100th promotion, to keep this cheap.
+            --m_Queue[i].priority;
+            if (promotions % 100 == 0) {
+                std::sort(m_Queue.begin(), m_Queue.end(),
+                          [](const Entry &a, const Entry &b) { return a.priority < b.priority; });
+            }
+            break;
+        }
+        return;
+    }
+    // Taken before the lock: a reference takes the digest's own lock.
+    Entry entry {int(priority), RvoSmartPointer<RvoDataHash>(hash)};
+    {
+        std::lock_guard<std::mutex> locker(m_Lock);
+        if (hash->isPreloading())
+            return; // queued or being loaded already; the entry is dropped below
+        if (priority == RvoDataBlockManager::PreloadBackground
+            && m_Queue.size() >= size_t(qMax(m_MaxRequests, 0)))
+            return;
+        auto position = m_Queue.begin();
+        while (position != m_Queue.end() && position->priority <= entry.priority)
+            ++position;
+        m_Queue.insert(position, std::move(entry));
+        hash->setPreloading(true);
+    }
+    m_Changed.notify_all();
+}
+
+void RvoDataBlockManagerReadThread::run()
+{
+    std::unique_lock<std::mutex> locker(m_Lock);
+    for (;;) {
+        m_Changed.wait(locker, [this] { return m_Closing || !m_Queue.empty(); });
+        if (m_Closing)
+            break;
+        Entry entry = std::move(m_Queue.front());
+        m_Queue.pop_front();
+        m_RequestsHandled.fetch_add(1, std::memory_order_relaxed);
+        locker.unlock();
+        m_Changed.notify_all();
+        if (entry.hash)
+            loadBlock(entry.hash, true);
+        entry.hash.reset();
+        locker.lock();
+    }
+    std::deque<Entry> dropped;
+    dropped.swap(m_Queue);
+    locker.unlock();
+    m_Changed.notify_all();
+}
+
+QFuture<RvoDataBlock *>
+RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &hash, bool makeLive)
+{
+    QFutureInterface<RvoDataBlock *> promise;
+    promise.reportStarted();
+
+    QString directory;
+    QString fileName;
+    if (!buildFilename(hash.data(), m_Root, subCache(), quint32(qMax(m_BucketCount, 1)), directory,
+                       fileName))
+        return canceledLoad(promise);
+    if (!QDir(directory).exists())
+        QDir().mkpath(directory);
+    const QString path = directory + QDir::separator() + fileName;
+
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+        // A save of this block may be under way: let the writers finish.
+        RvoDataBlockManager::instance().flush(false, RvoDataBlockManager::WriteThreads);
+        if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+            qCDebug(lcDdi, "Cannot Open File %s to read. Exist?=%d", qPrintable(path),
+                    QFile::exists(path) ? 1 : 0);
+            return canceledLoad(promise);
+        }
+    }
+
+    qint64 size = 0;
+    qint32 blockSize = 0;
+    if (!readWithBackoff(file, 0, reinterpret_cast<char *>(&size), 8)) {
+        qCDebug(lcDdi, "Cannot read Size from File '%s'", qPrintable(path));
+        discardCorrupt(path, "short");
+        return canceledLoad(promise);
+    }
+    if (!readWithBackoff(file, 8, reinterpret_cast<char *>(&blockSize), 4)) {
+        qCDebug(lcDdi, "Cannot read BlockSize from File '%s'", qPrintable(path));
+        discardCorrupt(path, "short");
+        return canceledLoad(promise);
+    }
+    // The payload holds at least its own 4-byte length.
+    if (size < 0 || blockSize < 4) {
+        discardCorrupt(path, "lengths");
+        return canceledLoad(promise);
+    }
+    // Waits for the bytes to exist before anything is allocated for them.
+    if (!readWithBackoff(file, kBlockFileHeaderSize, nullptr, blockSize)) {
+        qCDebug(lcDdi, "Cannot read all Data from File '%s'", qPrintable(path));
+        discardCorrupt(path, "short");
+        return canceledLoad(promise);
+    }
+    RvoReadBufferPool::Buffer buffer = RvoReadBufferPool::instance().acquire(blockSize);
+    if (buffer.isNull()) {
+        rvoReport(QStringLiteral("Cannot allocate %1 bytes to read %2").arg(blockSize).arg(path));
+        return canceledLoad(promise);
+    }
+    if (!readWithBackoff(file, kBlockFileHeaderSize, buffer.data(), blockSize)) {
+        qCDebug(lcDdi, "Cannot read all Data from File '%s'", qPrintable(path));
+        RvoReadBufferPool::instance().release(std::move(buffer));
+        discardCorrupt(path, "short");
+        return canceledLoad(promise);
+    }
+    file.close();
+    if (qFromBigEndian<quint32>(buffer.data()) != quint64(size)) {
+        RvoReadBufferPool::instance().release(std::move(buffer));
+        discardCorrupt(path, "lengths");
+        return canceledLoad(promise);
+    }
+    m_BytesRead.fetch_add(size, std::memory_order_relaxed);
+
+    QFuture<RvoDataBlock *> future = promise.future();
+    auto *task
+            = new DecodeTask(promise, std::move(buffer), blockSize, size, hash, makeLive, path,
+                             [](DecodeTask &t, RvoDataBlock **block) {
+                                 return decompressAndMakeBlock(t.buffer.data(), t.length, t.hash,
+                                                               t.makeLive, t.size, t.path, block);
+                             });
+    rvoHappensBefore(task);
+    QThreadPool::globalInstance()->start(task);
+    return future;
+}
+
+bool RvoDataBlockManagerReadThread::decompressAndMakeBlock(const char *payload, qint64 length,
+                                                           const RvoSmartPointer<RvoDataHash> &hash,
+                                                           bool makeLive, qint64 size,
+                                                           const QString &path,
+                                                           RvoDataBlock **result)
+{
+    // One decoder per pool thread, kept for the thread's life.
+    thread_local RvoBlockCodec codec;
+    QByteArray bytes;
+    const bool decoded = codec.uncompress(payload, length, size, &bytes);
+    hash->setPreloading(false);
+    if (!decoded) {
+        discardCorrupt(path, "payload");
+        return false;
+    }
+    auto *block = new RvoDataBlock(0, 0);
+    block->m_Data = std::move(bytes);
+    block->m_Size = size;
+    block->m_Compressed = false;
+    block->m_Cached.store(true, std::memory_order_release);
+    if (makeLive) {
+        // The manager owns it from here and may drop it as a duplicate.
+        RvoDataBlockManager::instance().makeBlockLive(hash.data(), block);
+        block = nullptr;
+    }
+    *result = block;
+    return true;
+}
+
+RvoDataBlock *RvoDataBlockManagerReadThread::waitForBlock(QFuture<RvoDataBlock *> future)
+{
+    future.waitForFinished();
+    if (future.isCanceled() || future.resultCount() < 1)
+        return nullptr;
+    RvoDataBlock *block = future.resultAt(0);
+    if (block)
+        rvoHappensAfter(block);
+    return block;
+}
+
+bool RvoDataBlockManagerReadThread::readWithBackoff(QFile &file, qint64 offset, char *buffer,
+                                                    qint64 size)
+{
+    const int steps = s_BackoffSteps.load(std::memory_order_relaxed);
+    for (int step = 0;; ++step) {
+        if (file.size() >= offset + size) {
+            if (!buffer)
+                return true;
+            if (file.seek(offset) && file.read(buffer, size) == size)
+                return true;
+        }
+        if (step >= steps)
+            return false;
+        QThread::usleep((1ul << step) * 1000ul);
+    }
+}
+
+void RvoDataBlockManagerReadThread::discardCorrupt(const QString &path, const char *why)
+{
+    qCDebug(lcDdi, "Corrupt block file '%s' deleted (%s)", qPrintable(path), why);
+    QFile::remove(path);
+}
+
+void RvoDataBlockManagerReadThread::killRequests()
+{
+    std::deque<Entry> dropped;
+    {
+        std::lock_guard<std::mutex> locker(m_Lock);
+        dropped.swap(m_Queue);
+    }
+    m_Changed.notify_all();
+}
+
+void RvoDataBlockManagerReadThread::flush()
+{
+    std::unique_lock<std::mutex> locker(m_Lock);
+    m_Changed.wait(locker, [this] { return m_Queue.empty() || m_Closing || !isRunning(); });
+}
+
+void RvoDataBlockManagerReadThread::closeDown()
+{
+    flush();
+    {
+        std::lock_guard<std::mutex> locker(m_Lock);
+        m_Closing = true;
+    }
+    m_Changed.notify_all();
+}
+
+int RvoDataBlockManagerReadThread::requests() const
+{
+    std::lock_guard<std::mutex> locker(m_Lock);
+    return int(m_Queue.size());
+}
+
+void RvoDataBlockManagerReadThread::setSubCache(const QString &name)
+{
+    std::lock_guard<std::mutex> locker(m_Lock);
+    m_SubCache = name;
+}
+
+QString RvoDataBlockManagerReadThread::subCache() const
+{
+    std::lock_guard<std::mutex> locker(m_Lock);
+    return m_SubCache;
+}
+
+QList<QPair<int, RvoDataHash *>> RvoDataBlockManagerReadThread::queuedRequests() const
+{
+    QList<QPair<int, RvoDataHash *>> result;
+    std::lock_guard<std::mutex> locker(m_Lock);
+    for (const Entry &entry : m_Queue)
+        result.append(qMakePair(entry.priority, entry.hash.data()));
+    return result;
+}

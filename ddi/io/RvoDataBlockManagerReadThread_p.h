@@ -1,0 +1,131 @@
+#ifndef RVODATABLOCKMANAGERREADTHREAD_P_H
+#define RVODATABLOCKMANAGERREADTHREAD_P_H
+
+#include "RvoDataBlockManager.h"
+#include "RvoDataHash.h"
+#include "RvoSmartPointer.h"
+
+#include <QFuture>
+#include <QList>
+#include <QPair>
+#include <QString>
+#include <QThread>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+
+class RvoDataBlock;
+class QFile;
+
+// Brings the blocks of one cache root back from their block files.
+//
+// Preloads: request() queues a digest by priority (ascending value first,
+// first come first served within one; background requests are dropped when
+// the queue is long), and the thread loads it and makes it live in the
+// manager. Direct loads: loadBlock() reads the file on the calling thread.
+// Either way the payload is decoded on the global thread pool.
+//
+// A block file whose lengths lie or whose payload does not decode to exactly
+// its recorded size is corrupt: it is reported, deleted (so that a later
+// write of the same content can replace it) and yields no block.
+//
+// Threading: every public operation may be called from any thread; run() is
+// the thread's own. The queue lock is a leaf of the library's lock order
+// (RvoDataBlockManager.h): digest references are taken and dropped outside
+// it, and nothing is called out of the thread while it is held.
+class RvoDataBlockManagerReadThread : public QThread
+{
+public:
+    RvoDataBlockManagerReadThread(const QString &root, int bucketCount, int maxRequests,
+                                  QObject *parent);
+    ~RvoDataBlockManagerReadThread() override;
+
+    // Queues a preload of `hash`, or, with promotion enabled, moves a queued
+    // one a step toward the front. A digest marked as preloading is not
+    // queued twice.
+    void request(RvoDataHash *hash, RvoDataBlockManager::PreloadPriority priority);
+
+    // Reads the block file of `hash` on the calling thread and decodes it on
+    // the thread pool. The future is canceled, with no result, when the file
+    // is missing, short or corrupt. With makeLive the block is handed to the
+    // manager and the future's result is null; otherwise the result is the
+    // new block, owned by the caller (see waitForBlock).
+    QFuture<RvoDataBlock *> loadBlock(const RvoSmartPointer<RvoDataHash> &hash, bool makeLive);
+
+    // Waits for a loadBlock future: the block, or null when there is none.
+    static RvoDataBlock *waitForBlock(QFuture<RvoDataBlock *> future);
+
+    // Drops every queued preload (their preloading marks stay set).
+    void killRequests();
+    // Returns when the queue is empty (at once when the thread is not
+    // running).
+    void flush();
+    // Waits for the queue to drain, then asks the loop to end.
+    void closeDown();
+
+    int requests() const;
+    int requestsHandled() const { return m_RequestsHandled.load(std::memory_order_relaxed); }
+    // The sum of the recorded sizes of the files read.
+    qint64 bytesRead() const { return m_BytesRead.load(std::memory_order_relaxed); }
+    bool requestPromotionEnabled() const
+    {
+        return m_PromotionEnabled.load(std::memory_order_relaxed);
+    }
+    void setRequestPromotionEnabled(bool on)
+    {
+        m_PromotionEnabled.store(on, std::memory_order_relaxed);
+    }
+    void setSubCache(const QString &name);
+    QString subCache() const;
+
+    // The queue, front first, as (priority, digest) pairs.
+    QList<QPair<int, RvoDataHash *>> queuedRequests() const;
+
+protected:
+    void run() override;
+
+private:
+    friend class RvoDataBlockManagerTestAccess;
+
+    struct Entry
+    {
+        int priority;
+        RvoSmartPointer<RvoDataHash> hash;
+    };
+
+    // Decodes a payload into a new block known to be on disk; with makeLive
+    // hands it to the manager (*block is then null). False, with the file
+    // deleted, when the payload is corrupt. Runs on a pool thread.
+    static bool decompressAndMakeBlock(const char *payload, qint64 length,
+                                       const RvoSmartPointer<RvoDataHash> &hash, bool makeLive,
+                                       qint64 size, const QString &path, RvoDataBlock **block);
+    // Reads `size` bytes at `offset` into `buffer` (only waits for them
+    // when `buffer` is null), waiting with a doubling
+    // back-off (1 ms, 2 ms, ... 14 times) while the file is shorter: a file
+    // may still be growing under a writer of another process.
+    static bool readWithBackoff(QFile &file, qint64 offset, char *buffer, qint64 size);
+    // Reports a corrupt block file and deletes it.
+    static void discardCorrupt(const QString &path, const char *why);
+
+    const QString m_Root;
+    // Guards m_Queue, m_SubCache and m_Closing. Lock order: a leaf.
+    mutable std::mutex m_Lock;
+    // Signalled when a request is queued or taken, and on closeDown.
+    std::condition_variable m_Changed;
+    bool m_Closing = false;
+    QString m_SubCache;
+    const int m_BucketCount;
+    const int m_MaxRequests;
+    std::atomic<int> m_RequestsHandled {0};
+    std::atomic<qint64> m_BytesRead {0};
+    std::deque<Entry> m_Queue; // front first
+    std::atomic<bool> m_PromotionEnabled {false};
+    std::atomic<qint64> m_PromotionCount {0};
+
+    // Back-off steps of readWithBackoff; tests shorten it.
+    static std::atomic<int> s_BackoffSteps;
+};
+
+#endif // RVODATABLOCKMANAGERREADTHREAD_P_H

@@ -1,0 +1,34 @@
+#ifndef RVODISKLAYOUT_P_H
+#define RVODISKLAYOUT_P_H
+
+// Where a digest's block file lies in the disk cache:
+//     root / sub-cache / bucket / digest text form
+// The bucket is the digest's first 32-bit little-endian word modulo the
+// bucket count. The layout is the on-disk contract between processes set up
+// with the same roots, sub-cache name and bucket count; it never changes.
+//
+// Block file (integers in the machine's little-endian order, written raw):
+//     offset 0   qint64  Size       uncompressed size of the block
+//     offset 8   qint32  BlockSize  payload length
+//     offset 12  payload            qCompress format: 4-byte big-endian
+//                                   length, then a zlib stream
+
+#include <QString>
+#include <QtGlobal>
+
+class RvoDataHash;
+
+constexpr int kBlockFileHeaderSize = 12;
+
+// Gives the bucket directory (with its doubled separators, ending in one)
+// and the file name of `hash` under `root` and `subCache`. The full path is
+// directory + separator + name. False, with the outputs untouched, for a
+// null digest.
+bool buildFilename(const RvoDataHash *hash, const QString &root, const QString &subCache,
+                   quint32 bucketCount, QString &directory, QString &fileName);
+
+// Whether a file name has the shape of a 64-byte digest's text form: exactly
+// 15 "-". Temporary files of the write thread never do.
+bool isBlockFileName(const QString &fileName);
+
+#endif // RVODISKLAYOUT_P_H

@@ -1,0 +1,234 @@
+// Lifecycle and configuration of the block manager.
+
+#include "RvoDataBlockManager.h"
+
+#include "RvoDataBlock.h"
+#include "RvoDataBlockManagerReadThread_p.h"
+#include "RvoDataBlockManagerWriteThread_p.h"
+#include "RvoDdiDiagnostics_p.h"
+#include "RvoDdiLog.h"
+#include "RvoDdiMutexLocker.h"
+#include "RvoHashManager.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QThreadPool>
+
+namespace {
+
+// Each queue holds up to this many saves before the manager stops feeding it.
+constexpr int kWriteQueueCapacity = 10;
+// A read thread drops background preloads from this queue length on.
+constexpr int kReadBackgroundLimit = 50;
+
+void logBudget(qint64 budget, qint64 writePending)
+{
+    qCDebug(lcDdi, "[DDI] Max data cache size    = %lld bytes (%lld MB)", budget, budget / 1048576);
+    qCDebug(lcDdi, "[DDI] Max write pending size = %lld bytes (%lld MB)", writePending,
+            writePending / 1048576);
+}
+
+} // namespace
+
+RvoDataBlockManager::RvoDataBlockManager()
+{
+    logBudget(maxDataCacheSize(), maxWritePendingSize());
+    // The registry is made first, so that it outlives the manager.
+    RvoHashManager::instance();
+}
+
+RvoDataBlockManager::~RvoDataBlockManager()
+{
+    RvoDdiLog::instance().setEnabled(false);
+    cleanUp();
+}
+
+RvoDataBlockManager &RvoDataBlockManager::instance()
+{
+    static RvoDataBlockManager manager;
+    return manager;
+}
+
+void RvoDataBlockManager::checkInitialized() const
+{
+    if (!isInitialized())
+        rvoReport(QStringLiteral("Data Block Manager Not Initialized. Aborting"));
+}
+
+bool RvoDataBlockManager::setup(const QStringList &roots, qint64 maxCacheSize, int numBuckets)
+{
+    if (isInitialized())
+        rvoReport(QStringLiteral("Setup called twice on DataBlock Manager"));
+
+    if (numBuckets < 1) {
+        rvoReport(QStringLiteral("Bucket count %1 is below 1, keeping %2")
+                          .arg(numBuckets)
+                          .arg(this->numBuckets()));
+    } else {
+        m_NumBuckets.store(numBuckets, std::memory_order_relaxed);
+    }
+    if (maxCacheSize != -1)
+        setMaxDataCacheSize(maxCacheSize);
+
+    for (const QString &root : roots) {
+        if (QDir(root).exists())
+            continue;
+        const QString absolute = QFileInfo(root).absoluteFilePath();
+        if (!QDir().mkpath(absolute))
+            rvoReport(QStringLiteral("Cannot Create cache root at %1").arg(absolute));
+        if (!QFileInfo(root).exists())
+            rvoReport(QStringLiteral("Cannot Create cache root at %1").arg(absolute));
+    }
+
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    m_CacheRoots = roots;
+    const int buckets = this->numBuckets();
+    for (const QString &root : roots) {
+        auto *writer = new RvoDataBlockManagerWriteThread(root, buckets, kWriteQueueCapacity, this);
+        auto *reader = new RvoDataBlockManagerReadThread(root, buckets, kReadBackgroundLimit, this);
+        // Threads added by a later setup follow the current configuration.
+        writer->setSubCache(m_SubCache);
+        reader->setSubCache(m_SubCache);
+        reader->setRequestPromotionEnabled(requestPromotionEnabled());
+        writer->start(QThread::InheritPriority);
+        reader->start(QThread::InheritPriority);
+        m_ReadThreads.append(reader);
+        m_WriteThreads.append(writer);
+    }
+    m_IsInitialized.store(true, std::memory_order_release);
+    return true;
+}
+
+void RvoDataBlockManager::setMaxDataCacheSize(qint64 size)
+{
+    m_MaxDataCacheSize.store(size, std::memory_order_relaxed);
+    m_MaxWritePendingSize.store(size / 4, std::memory_order_relaxed);
+    logBudget(size, size / 4);
+}
+
+qint64 RvoDataBlockManager::liveBlocks() const
+{
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    return m_Blocks.size();
+}
+
+qint64 RvoDataBlockManager::managedBlocks() const
+{
+    return RvoHashManager::instance().hashCount();
+}
+
+QString RvoDataBlockManager::subCache() const
+{
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    return m_SubCache;
+}
+
+void RvoDataBlockManager::setSubCache(const QString &name)
+{
+    if (garbageCollecting())
+        return;
+    if (name == subCache()) {
+        rvoReport(QStringLiteral("Subcache Set to %1 twice").arg(name));
+        return;
+    }
+    flush(false, AllThreads);
+
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    m_SubCache = name;
+    const QString firstRoot = m_CacheRoots.isEmpty() ? QString() : m_CacheRoots.first();
+    RvoDdiLog::instance().setSubCache(firstRoot + QDir::separator() + name);
+    for (RvoDataBlockManagerReadThread *reader : std::as_const(m_ReadThreads))
+        reader->setSubCache(name);
+    for (RvoDataBlockManagerWriteThread *writer : std::as_const(m_WriteThreads))
+        writer->setSubCache(name);
+}
+
+void RvoDataBlockManager::setRequestPromotionEnabled(bool on)
+{
+    if (on == requestPromotionEnabled())
+        return;
+    qCDebug(lcDdi, "RvoDDi Setting Request Promotion Enabled to %s %d", on ? "TRUE" : "FALSE",
+            on ? 1 : 0);
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    for (RvoDataBlockManagerReadThread *reader : std::as_const(m_ReadThreads))
+        reader->setRequestPromotionEnabled(on);
+    m_RequestPromotionEnabled.store(on, std::memory_order_relaxed);
+}
+
+void RvoDataBlockManager::validateState()
+{
+    RvoHashManager::instance().validateState();
+}
+
+void RvoDataBlockManager::dumpStats()
+{
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    qCDebug(lcDdi, "==== RvoDdi Block Stats ====");
+    qCDebug(lcDdi, "Max Cache Size %lldMb", maxDataCacheSize() / 1048576);
+    qCDebug(lcDdi, "Number of managed blocks %d", int(m_Blocks.size()));
+    qCDebug(lcDdi, "Number of existant blocks %d", RvoDataBlock::blockCount());
+    qCDebug(lcDdi, "Block Memory Usage %lldMb", liveBytes() / 1048576);
+    qCDebug(lcDdi, "Number of LRU Blocks %d", int(liveBlocks()));
+    qCDebug(lcDdi, "Number Block Future Pointers %d", -1);
+    RvoHashManager::instance().dumpStats();
+    qCDebug(lcDdi, "==== Thread Stats ====");
+    for (int i = 0; i < m_ReadThreads.size() && i < m_CacheRoots.size(); ++i) {
+        qCDebug(lcDdi, "Read %s %lldMb", m_CacheRoots.at(i).toLocal8Bit().constData(),
+                m_ReadThreads.at(i)->bytesRead() / 1048576);
+    }
+    for (int i = 0; i < m_WriteThreads.size() && i < m_CacheRoots.size(); ++i) {
+        qCDebug(lcDdi, "Written  %s %lldMb", m_CacheRoots.at(i).toLocal8Bit().constData(),
+                m_WriteThreads.at(i)->bytesWritten() / 1048576);
+    }
+}
+
+void RvoDataBlockManager::dumpThreadStats()
+{
+    const QVector<RvoDataBlockManagerReadThread *> readers = readThreads();
+    const QVector<RvoDataBlockManagerWriteThread *> writers = writeThreads();
+    qCDebug(lcDdi, "==== Thread Stats ====");
+    for (int i = 0; i < readers.size(); ++i)
+        qCDebug(lcDdi, " Read Thread %d has %d requests", i, readers.at(i)->requests());
+    for (int i = 0; i < writers.size(); ++i)
+        qCDebug(lcDdi, " Write Thread %d has %d requests", i, writers.at(i)->requests());
+}
+
+QVector<RvoDataBlockManagerWriteThread *> RvoDataBlockManager::writeThreads() const
+{
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    return m_WriteThreads;
+}
+
+QVector<RvoDataBlockManagerReadThread *> RvoDataBlockManager::readThreads() const
+{
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    return m_ReadThreads;
+}
+
+void RvoDataBlockManager::cleanUp()
+{
+    if (!isInitialized())
+        return;
+    stopAllIoThreads();
+
+    QHash<RvoDataHash *, RvoDataBlock *> blocks;
+    {
+        RvoDdiMutexLocker locker(&m_DeleteLock);
+        blocks.swap(m_Blocks);
+        m_CacheRoots.clear();
+        m_SubCache.clear();
+        m_MaxDataCacheSize.store(0, std::memory_order_relaxed);
+        m_LiveBytes.store(0, std::memory_order_relaxed);
+        m_NumBuckets.store(0, std::memory_order_relaxed);
+        m_GarbageCollecting.store(false, std::memory_order_release);
+        m_IsInitialized.store(false, std::memory_order_release);
+    }
+    // Freed outside the lock; the digests' lifetime is the registry's.
+    qDeleteAll(blocks);
+
+    if (QCoreApplication::instance())
+        QCoreApplication::processEvents();
+    if (QThreadPool *pool = QThreadPool::globalInstance())
+        pool->waitForDone();
+}

@@ -1,0 +1,166 @@
+#ifndef RVODATABLOCKMANAGER_H
+#define RVODATABLOCKMANAGER_H
+
+#include "RvoDataHash.h"
+#include "RvoDdiGlobal.h"
+#include "RvoDdiMutex.h"
+#include "RvoSmartPointer.h"
+
+#include <QHash>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include <atomic>
+
+class RvoDataBlock;
+class RvoDataBlockManagerReadThread;
+class RvoDataBlockManagerWriteThread;
+class RvoDataDeleteLocker;
+
+// The one object through which every data block lives: the blocks in
+// memory, keyed by their interned digest; the memory budget; the disk cache
+// roots, each with one write thread and one read thread; and the
+// orchestration of their IO.
+//
+// Threading: setup(), cleanUp(), setMaxDataCacheSize() and the plain
+// accessors are configuration calls for the controlling thread, made while no
+// other thread uses the manager. Every other operation may be called from
+// any thread. The instance is made on first use; the first call is to come
+// from one thread before others use the library.
+//
+// Lock order of the library (a lock may be taken while holding only locks
+// listed above it; none is held while waiting for a thread to end):
+//   1. the manager's delete lock (m_DeleteLock, recursive);
+//   2. a block's accessor mutex (RvoDataBlock::m_Mutex);
+//   3. a digest's own lock (RvoDataHash::m_Lock), then the registry lock
+//      (RvoHashManager::m_Lock); the registry never takes a digest's lock;
+//   4. an IO thread's queue lock (write and read threads' m_Lock), a leaf:
+//      nothing is called out of the thread while it is held;
+//   5. the log's file lock (RvoDdiLog::m_Lock), a leaf.
+// An IO thread takes the delete lock only with its own lock released.
+class RVODDI_EXPORT RvoDataBlockManager : public QObject
+{
+public:
+    // The priority of a read request, and of a save request. Queues serve
+    // ascending values first.
+    enum PreloadPriority { PreloadFirst = 0, PreloadNormal = 1, PreloadBackground = 2 };
+
+    // Which thread families an operation affects (bit flags).
+    enum ThreadType {
+        ReadThreads = 2,
+        WriteThreads = 4,
+        GarbageCollectorThreads = 8,
+        AllThreads = 14
+    };
+
+    static RvoDataBlockManager &instance();
+    ~RvoDataBlockManager() override;
+
+    // Configures the cache and starts one write and one read thread per root.
+    // maxCacheSize -1 keeps the current budget. A second call is reported and
+    // configures again, adding a further set of threads. Always returns true.
+    bool setup(const QStringList &roots, qint64 maxCacheSize, int numBuckets);
+    static qint64 defaultCacheSize() { return 2147483648LL; }
+
+    bool isInitialized() const { return m_IsInitialized.load(std::memory_order_acquire); }
+    QStringList cacheRoots() const { return m_CacheRoots; }
+    int numBuckets() const { return m_NumBuckets.load(std::memory_order_relaxed); }
+    qint64 maxDataCacheSize() const { return m_MaxDataCacheSize.load(std::memory_order_relaxed); }
+    // Sets the budget and the back-pressure limit (a quarter of it); evicts
+    // nothing by itself.
+    void setMaxDataCacheSize(qint64 size);
+    qint64 maxWritePendingSize() const
+    {
+        return m_MaxWritePendingSize.load(std::memory_order_relaxed);
+    }
+    qint64 liveBytes() const { return m_LiveBytes.load(std::memory_order_relaxed); }
+    // Blocks in memory.
+    qint64 liveBlocks() const;
+    // Digests known to the registry.
+    qint64 managedBlocks() const;
+
+    QString subCache() const;
+    // Names the sub-cache directory under every root; the threads and the log
+    // follow. Refused silently while garbage collection is on.
+    void setSubCache(const QString &name);
+    bool requestPromotionEnabled() const
+    {
+        return m_RequestPromotionEnabled.load(std::memory_order_relaxed);
+    }
+    void setRequestPromotionEnabled(bool on);
+    bool garbageCollecting() const { return m_GarbageCollecting.load(std::memory_order_acquire); }
+
+    void validateState();
+    void dumpStats();
+    void dumpThreadStats();
+    // Stops and deletes the threads, deletes every block and resets the
+    // configuration. Nothing when not initialized.
+    void cleanUp();
+
+    // Asks the chosen thread families to finish their queues; with writeAll,
+    // also queues every in-memory block that has no disk copy yet.
+    void flush(bool writeAll, ThreadType threads);
+
+    // The full path of the block file of the digest named by `hashText`
+    // under `subCache`; empty when the digest maps to no root.
+    QString getBlockDestination(const QString &subCache, const QString &hashText);
+    // Whether the sub-cache directory exists (under the first root).
+    bool subCacheExists(const QString &name);
+
+protected:
+    RvoDataBlockManager();
+
+    // Takes charge of `block` as the block of `hash` (deleting it when the
+    // digest already has a block in memory) and queues its disk copy.
+    void makeBlockLive(RvoDataHash *hash, RvoDataBlock *block);
+    // Releases the block of `hash` from memory: saved first (and deleted by
+    // the write thread) when writeToDisk is set and it has no disk copy yet,
+    // deleted at once otherwise. With unlockHash, unlocks the digest's lock
+    // that the caller holds. Nothing when not initialized.
+    void freeBlock(RvoDataHash *hash, bool writeToDisk, bool unlockHash);
+
+private:
+    friend void rvoReleaseBlockOf(RvoDataHash *hash);
+    friend class RvoDataDeleteLocker;
+    friend class RvoDataBlockManagerReadThread;
+    friend class RvoDataBlockManagerWriteThread;
+    friend class RvoDataBlockManagerTestAccess;
+
+    void lockDeletes() { m_DeleteLock.lock(); }
+    void unlockDeletes() { m_DeleteLock.unlock(); }
+
+    // The root whose threads serve a digest, by the digit sum of the first
+    // four characters of its text form; negative or out of range when none.
+    int cacheIndex(const QString &hashText);
+    int cacheIndex(const RvoDataHash *hash);
+
+    void stopAllIoThreads();
+    // Prints the not-initialized notice when not initialized; carries on.
+    void checkInitialized() const;
+    // Copies of the thread vectors, taken under the delete lock.
+    QVector<RvoDataBlockManagerWriteThread *> writeThreads() const;
+    QVector<RvoDataBlockManagerReadThread *> readThreads() const;
+
+    // Blocks in memory, guarded by m_DeleteLock. The map owns the blocks.
+    QHash<RvoDataHash *, RvoDataBlock *> m_Blocks;
+    QStringList m_CacheRoots;
+    std::atomic<qint64> m_MaxDataCacheSize {2147483648LL};
+    std::atomic<qint64> m_MaxWritePendingSize {536870912LL};
+    // Changed under m_DeleteLock, read anywhere.
+    std::atomic<qint64> m_LiveBytes {0};
+    std::atomic<int> m_NumBuckets {10};
+    std::atomic<bool> m_GarbageCollecting {false};
+    QString m_SubCache; // guarded by m_DeleteLock
+    std::atomic<bool> m_IsInitialized {false};
+    std::atomic<bool> m_RequestPromotionEnabled {false};
+    // Index i serves m_CacheRoots[i]. Changed under m_DeleteLock.
+    QVector<RvoDataBlockManagerReadThread *> m_ReadThreads;
+    QVector<RvoDataBlockManagerWriteThread *> m_WriteThreads;
+    // The manager's main lock: block-map changes, the sub-cache name and the
+    // thread vectors. First in the lock order.
+    mutable RvoDdiMutex m_DeleteLock {0, RvoDdiMutex::Recursive};
+};
+
+#endif // RVODATABLOCKMANAGER_H

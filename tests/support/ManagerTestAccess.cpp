@@ -1,0 +1,68 @@
+#include "ManagerTestAccess.h"
+
+#include "RvoDdiMutexLocker.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <cstring>
+
+bool RvoDataBlockManagerTestAccess::holdsBlock(RvoDataHash *hash)
+{
+    RvoDdiMutexLocker locker(&manager().m_DeleteLock);
+    return manager().m_Blocks.contains(hash);
+}
+
+ManagerSetup::ManagerSetup(int rootCount, const QString &subCache, int buckets, qint64 budget)
+{
+    for (int i = 0; i < rootCount; ++i) {
+        m_Dirs.push_back(std::make_unique<QTemporaryDir>());
+        m_Roots.append(m_Dirs.back()->path());
+    }
+    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
+    manager.setup(m_Roots, budget, buckets);
+    if (!subCache.isEmpty())
+        manager.setSubCache(subCache);
+}
+
+ManagerSetup::~ManagerSetup()
+{
+    RvoDataBlockManager::instance().cleanUp();
+}
+
+QByteArray testContent(int seed, int size)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    quint32 noise = quint32(seed) * 2654435761u + 1u;
+    for (int i = 0; i < size; ++i) {
+        noise = noise * 1103515245u + 12345u;
+        const int x = i % 256;
+        const int y = i / 256;
+        bytes[i] = char((x + y + seed * 13 + ((noise >> 28) & 3)) & 0xff);
+    }
+    return bytes;
+}
+
+QByteArray blockFileBytes(qint64 size, const QByteArray &payload)
+{
+    QByteArray bytes(12, '\0');
+    const qint32 blockSize = qint32(payload.size());
+    std::memcpy(bytes.data(), &size, 8);
+    std::memcpy(bytes.data() + 8, &blockSize, 4);
+    return bytes + payload;
+}
+
+bool writeFile(const QString &path, const QByteArray &bytes)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate)
+            && file.write(bytes) == bytes.size();
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}

@@ -1,0 +1,104 @@
+#ifndef MANAGERTESTACCESS_H
+#define MANAGERTESTACCESS_H
+
+// Reaches the block manager's and the IO threads' internals for tests, and
+// sets the manager up on temporary roots.
+
+#include "RvoDataBlock.h"
+#include "RvoDataBlockManager.h"
+#include "RvoDataBlockManagerReadThread_p.h"
+#include "RvoDataBlockManagerWriteThread_p.h"
+
+#include <QByteArray>
+#include <QElapsedTimer>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <memory>
+#include <vector>
+
+class RvoDataBlockManagerTestAccess
+{
+public:
+    static RvoDataBlockManager &manager() { return RvoDataBlockManager::instance(); }
+    static int cacheIndex(const QString &hashText) { return manager().cacheIndex(hashText); }
+    static int cacheIndex(const RvoDataHash *hash) { return manager().cacheIndex(hash); }
+    static void makeBlockLive(RvoDataHash *hash, RvoDataBlock *block)
+    {
+        manager().makeBlockLive(hash, block);
+    }
+    static RvoDataBlockManagerWriteThread *writeThread(int i)
+    {
+        return manager().writeThreads().value(i);
+    }
+    static RvoDataBlockManagerReadThread *readThread(int i)
+    {
+        return manager().readThreads().value(i);
+    }
+    static int writeThreadCount() { return int(manager().writeThreads().size()); }
+    static int readThreadCount() { return int(manager().readThreads().size()); }
+    static bool holdsBlock(RvoDataHash *hash);
+    // Shortens the read back-off to `steps` doublings from 1 ms.
+    static void setReadBackoffSteps(int steps)
+    {
+        RvoDataBlockManagerReadThread::s_BackoffSteps.store(steps);
+    }
+};
+
+// A block that records its deletion.
+class TrackedBlock : public RvoDataBlock
+{
+public:
+    TrackedBlock(const QByteArray &bytes, bool *deleted)
+        : RvoDataBlock(bytes)
+        , m_Deleted(deleted)
+    {
+    }
+    ~TrackedBlock() override { *m_Deleted = true; }
+    void markCached() { m_Cached.store(true); }
+
+private:
+    bool *m_Deleted;
+};
+
+// Sets the manager up on `rootCount` fresh temporary roots and cleans it up
+// when it goes.
+class ManagerSetup
+{
+public:
+    explicit ManagerSetup(int rootCount = 1, const QString &subCache = QString(), int buckets = 10,
+                          qint64 budget = RvoDataBlockManager::defaultCacheSize());
+    ~ManagerSetup();
+    QStringList roots() const { return m_Roots; }
+    QString root(int i = 0) const { return m_Roots.value(i); }
+
+private:
+    std::vector<std::unique_ptr<QTemporaryDir>> m_Dirs;
+    QStringList m_Roots;
+};
+
+// Polls `done` until it holds or `timeoutMs` passes; returns its last value.
+template<class Predicate>
+bool waitUntil(Predicate done, int timeoutMs = 10000)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!done()) {
+        if (timer.elapsed() > timeoutMs)
+            return done();
+        QThread::msleep(1);
+    }
+    return true;
+}
+
+// Image-like test content: varied, compressible bytes.
+QByteArray testContent(int seed, int size = 65536);
+
+// The raw bytes of a block file.
+QByteArray blockFileBytes(qint64 size, const QByteArray &payload);
+bool writeFile(const QString &path, const QByteArray &bytes);
+QByteArray readFile(const QString &path);
+
+#endif // MANAGERTESTACCESS_H

@@ -1,0 +1,310 @@
+#include "RvoBlockCodec_p.h"
+
+#include "../bench/support/ImageTiles.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <random>
+#include <vector>
+
+namespace {
+
+QByteArray randomBytes(int size, unsigned seed)
+{
+    std::mt19937 gen(seed);
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (int i = 0; i < size; ++i)
+        bytes[i] = char(gen() & 0xFF);
+    return bytes;
+}
+
+QByteArray textBytes(int size)
+{
+    static const char words[] = "block store digest payload tile level stream header ";
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (int i = 0; i < size; ++i)
+        bytes[i] = words[(i * 7 + i / 53) % (sizeof(words) - 1)];
+    return bytes;
+}
+
+// The blocks every round trip goes through: empty, tiny, odd-sized, text,
+// an image tile and data that does not compress at all.
+std::vector<QByteArray> sampleBlocks()
+{
+    return {QByteArray(),         QByteArray(1, 'x'),   textBytes(255),
+            textBytes(64 * 1024), makeImageLikeTile(3), randomBytes(1024 * 1024, 42)};
+}
+
+// Copies the first length bytes of a payload to a heap block of exactly that
+// size, so that the sanitizer build catches any read past its end.
+std::vector<char> exactCopy(const QByteArray &bytes, qint64 length)
+{
+    return std::vector<char>(bytes.constData(), bytes.constData() + length);
+}
+
+quint32 headerOf(const QByteArray &payload)
+{
+    const auto *p = reinterpret_cast<const unsigned char *>(payload.constData());
+    return quint32(p[0]) << 24 | quint32(p[1]) << 16 | quint32(p[2]) << 8 | quint32(p[3]);
+}
+
+QByteArray withHeader(QByteArray payload, quint32 length)
+{
+    payload[0] = char(length >> 24);
+    payload[1] = char(length >> 16);
+    payload[2] = char(length >> 8);
+    payload[3] = char(length);
+    return payload;
+}
+
+// uncompress must say no and must not leave anything behind in *out.
+testing::AssertionResult refused(RvoBlockCodec &codec, const QByteArray &payload, qint64 length,
+                                 qint64 expectedSize)
+{
+    const std::vector<char> copy = exactCopy(payload, length);
+    QByteArray out("stale contents");
+    if (codec.uncompress(copy.data(), length, expectedSize, &out))
+        return testing::AssertionFailure()
+                << "accepted " << length << " bytes as " << expectedSize << " bytes";
+    if (!out.isEmpty())
+        return testing::AssertionFailure() << "refused but left " << out.size() << " bytes";
+    return testing::AssertionSuccess();
+}
+
+} // namespace
+
+TEST(RvoBlockCodec, RoundTripKeepsEveryByte)
+{
+    RvoBlockCodec codec;
+    for (const QByteArray &block : sampleBlocks()) {
+        const QByteArray payload = codec.compress(block.constData(), block.size());
+        ASSERT_FALSE(payload.isNull()) << block.size();
+        const std::vector<char> copy = exactCopy(payload, payload.size());
+        QByteArray out;
+        ASSERT_TRUE(codec.uncompress(copy.data(), payload.size(), block.size(), &out))
+                << block.size();
+        EXPECT_EQ(out.size(), block.size());
+        EXPECT_TRUE(out == block) << block.size();
+    }
+}
+
+TEST(RvoBlockCodec, PayloadIsReadByQUncompress)
+{
+    RvoBlockCodec codec;
+    for (const QByteArray &block : sampleBlocks()) {
+        const QByteArray payload = codec.compress(block.constData(), block.size());
+        EXPECT_EQ(headerOf(payload), quint32(block.size()));
+        const QByteArray decoded = qUncompress(payload);
+        EXPECT_EQ(decoded.size(), block.size());
+        EXPECT_TRUE(decoded == block) << block.size();
+    }
+}
+
+TEST(RvoBlockCodec, LengthIsWrittenBigEndian)
+{
+    RvoBlockCodec codec;
+    const QByteArray block = textBytes(0x010203);
+    const QByteArray payload = codec.compress(block.constData(), block.size());
+    ASSERT_GT(payload.size(), 4);
+    EXPECT_EQ(payload.left(4), QByteArray::fromHex("00010203"));
+    // A zlib header: deflate with a 32 KiB window, header checksum valid.
+    EXPECT_EQ(payload[4], char(0x78));
+    EXPECT_EQ((quint8(payload[4]) * 256 + quint8(payload[5])) % 31, 0);
+}
+
+TEST(RvoBlockCodec, QCompressPayloadIsDecoded)
+{
+    RvoBlockCodec codec;
+    for (const QByteArray &block : sampleBlocks()) {
+        for (int level : {-1, 2, 9}) {
+            const QByteArray payload = qCompress(block, level);
+            const std::vector<char> copy = exactCopy(payload, payload.size());
+            QByteArray out;
+            ASSERT_TRUE(codec.uncompress(copy.data(), payload.size(), block.size(), &out))
+                    << block.size() << " at level " << level;
+            EXPECT_TRUE(out == block) << block.size() << " at level " << level;
+        }
+    }
+}
+
+TEST(RvoBlockCodec, EmptyBlockIsFourZeroBytes)
+{
+    RvoBlockCodec codec;
+    const char byte = 'x';
+    EXPECT_EQ(codec.compress(&byte, 0), QByteArray(4, '\0'));
+    EXPECT_EQ(codec.compress(nullptr, 0), QByteArray(4, '\0'));
+    EXPECT_EQ(codec.compress(nullptr, 0), qCompress(QByteArray(), 2));
+
+    const std::vector<char> empty(4, '\0');
+    QByteArray out("stale contents");
+    EXPECT_TRUE(codec.uncompress(empty.data(), 4, 0, &out));
+    EXPECT_TRUE(out.isEmpty());
+}
+
+TEST(RvoBlockCodec, EveryPrefixOfSmallPayloadIsRefused)
+{
+    RvoBlockCodec codec;
+    const QByteArray block = textBytes(255);
+    const QByteArray payload = codec.compress(block.constData(), block.size());
+    ASSERT_GT(payload.size(), 10);
+    for (int length = 0; length < payload.size(); ++length)
+        EXPECT_TRUE(refused(codec, payload, length, block.size())) << "prefix " << length;
+}
+
+TEST(RvoBlockCodec, LargePayloadCutAnywhereIsRefused)
+{
+    RvoBlockCodec codec;
+    const QByteArray block = makeImageLikeTile(5);
+    const QByteArray payload = codec.compress(block.constData(), block.size());
+    const int n = int(payload.size());
+    ASSERT_GT(n, 8192);
+    for (int length : {4, 5, 6, 7, 100, n / 4, n / 2, n - 4096, n - 5, n - 4, n - 1})
+        EXPECT_TRUE(refused(codec, payload, length, block.size())) << "cut at " << length;
+}
+
+TEST(RvoBlockCodec, FlippedByteIsRefused)
+{
+    RvoBlockCodec codec;
+    const QByteArray small = textBytes(255);
+    const QByteArray smallPayload = codec.compress(small.constData(), small.size());
+    for (int i = 4; i < smallPayload.size(); ++i) {
+        QByteArray bad = smallPayload;
+        bad[i] = char(bad[i] ^ 0xFF);
+        EXPECT_TRUE(refused(codec, bad, bad.size(), small.size())) << "byte " << i;
+    }
+
+    const QByteArray tile = makeImageLikeTile(6);
+    const QByteArray payload = codec.compress(tile.constData(), tile.size());
+    for (int i = 4; i < payload.size(); i += 509) {
+        QByteArray bad = payload;
+        bad[i] = char(bad[i] ^ 0x10);
+        EXPECT_TRUE(refused(codec, bad, bad.size(), tile.size())) << "byte " << i;
+    }
+    // One bit of the Adler-32 alone: the data decodes, the checksum does not match.
+    QByteArray badSum = payload;
+    badSum[badSum.size() - 1] = char(badSum[badSum.size() - 1] ^ 0x01);
+    EXPECT_TRUE(refused(codec, badSum, badSum.size(), tile.size()));
+}
+
+TEST(RvoBlockCodec, LengthFieldThatLiesIsRefused)
+{
+    RvoBlockCodec codec;
+    const QByteArray block = textBytes(1000);
+    const QByteArray payload = codec.compress(block.constData(), block.size());
+    for (quint32 lie : {999u, 1001u, 1u, 2000u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
+        const QByteArray bad = withHeader(payload, lie);
+        EXPECT_TRUE(refused(codec, bad, bad.size(), lie)) << lie;
+    }
+    // The stream and the caller agree on 1000 bytes; the length field alone lies.
+    const QByteArray wrongField = withHeader(payload, 999);
+    EXPECT_TRUE(refused(codec, wrongField, wrongField.size(), block.size()));
+    // A zero length followed by a stream is not how an empty block is written.
+    const QByteArray zero = withHeader(payload, 0);
+    EXPECT_TRUE(refused(codec, zero, zero.size(), 0));
+    // Not even followed by a valid zlib stream of nothing.
+    const QByteArray emptyStream = QByteArray::fromHex("00000000789c030000000001");
+    EXPECT_TRUE(refused(codec, emptyStream, emptyStream.size(), 0));
+}
+
+TEST(RvoBlockCodec, ExpectedSizeMismatchIsRefused)
+{
+    RvoBlockCodec codec;
+    const QByteArray block = textBytes(1000);
+    const QByteArray payload = codec.compress(block.constData(), block.size());
+    for (qint64 expected :
+         {qint64(999), qint64(1001), qint64(0), qint64(1), (qint64(1) << 32) + 1000})
+        EXPECT_TRUE(refused(codec, payload, payload.size(), expected)) << expected;
+
+    const QByteArray empty = codec.compress(nullptr, 0);
+    EXPECT_TRUE(refused(codec, empty, empty.size(), 1));
+}
+
+TEST(RvoBlockCodec, TrailingBytesAreRefused)
+{
+    RvoBlockCodec codec;
+    const QByteArray block = textBytes(1000);
+    const QByteArray payload = codec.compress(block.constData(), block.size());
+    for (const QByteArray &tail :
+         {QByteArray(1, '\0'), QByteArray("garbage"), payload.mid(4), QByteArray(4096, 'z')}) {
+        const QByteArray bad = payload + tail;
+        EXPECT_TRUE(refused(codec, bad, bad.size(), block.size())) << tail.size();
+    }
+    const QByteArray empty = codec.compress(nullptr, 0) + QByteArray(1, '\0');
+    EXPECT_TRUE(refused(codec, empty, empty.size(), 0));
+}
+
+TEST(RvoBlockCodec, PayloadShorterThanHeaderIsRefused)
+{
+    RvoBlockCodec codec;
+    const QByteArray zeros(4, '\0');
+    for (int length = 0; length < 4; ++length)
+        EXPECT_TRUE(refused(codec, zeros, length, 0)) << length;
+    QByteArray out("stale contents");
+    EXPECT_FALSE(codec.uncompress(nullptr, 0, 0, &out));
+    EXPECT_TRUE(out.isEmpty());
+    EXPECT_FALSE(codec.uncompress(zeros.constData(), 4, 0, nullptr));
+}
+
+TEST(RvoBlockCodec, NegativeSizesAreRefused)
+{
+    RvoBlockCodec codec;
+    const QByteArray block = textBytes(100);
+    EXPECT_TRUE(codec.compress(block.constData(), -1).isNull());
+    EXPECT_TRUE(codec.compress(block.constData(), std::numeric_limits<qint64>::min()).isNull());
+
+    const QByteArray payload = codec.compress(block.constData(), block.size());
+    const std::vector<char> copy = exactCopy(payload, payload.size());
+    QByteArray out("stale contents");
+    EXPECT_FALSE(codec.uncompress(copy.data(), -1, block.size(), &out));
+    EXPECT_TRUE(out.isEmpty());
+    EXPECT_FALSE(codec.uncompress(copy.data(), std::numeric_limits<qint64>::min(), 100, &out));
+    EXPECT_TRUE(refused(codec, payload, payload.size(), -1));
+    EXPECT_TRUE(refused(codec, withHeader(payload, 0xFFFFFFFF), payload.size(), -1));
+    EXPECT_TRUE(refused(codec, payload, payload.size(), std::numeric_limits<qint64>::min()));
+}
+
+TEST(RvoBlockCodec, SizeBeyondLengthFieldIsRefusedWithoutReading)
+{
+    // The buffer is 16 bytes; a codec that narrowed 4 GiB + 16 to 32 bits
+    // would compress 16 bytes and get the length wrong, one that read
+    // would run off the end.
+    RvoBlockCodec codec;
+    const std::vector<char> data(16, 'a');
+    EXPECT_TRUE(codec.compress(data.data(), (qint64(1) << 32) + 16).isNull());
+    EXPECT_TRUE(codec.compress(data.data(), std::numeric_limits<qint64>::max()).isNull());
+    EXPECT_TRUE(codec.compress(nullptr, 16).isNull());
+}
+
+TEST(RvoBlockCodec, DecodesIntoTheArrayHoldingThePayload)
+{
+    RvoBlockCodec codec;
+    const QByteArray block = makeImageLikeTile(7);
+    QByteArray buffer = codec.compress(block.constData(), block.size());
+    ASSERT_TRUE(codec.uncompress(buffer.constData(), buffer.size(), block.size(), &buffer));
+    EXPECT_TRUE(buffer == block);
+}
+
+TEST(RvoBlockCodec, PayloadKeepsNoWorstCaseSlack)
+{
+    RvoBlockCodec codec;
+    const QByteArray block = makeImageLikeTile(8);
+    const QByteArray payload = codec.compress(block.constData(), block.size());
+    ASSERT_LT(payload.size(), block.size() / 2);
+    EXPECT_LT(payload.capacity(), payload.size() + 64);
+}
+
+TEST(RvoBlockCodec, ImageTilesStayWithinTwoPercentOfZlibLevel2)
+{
+    RvoBlockCodec codec;
+    qint64 ours = 0;
+    qint64 zlib = 0;
+    for (int index = 0; index < 8; ++index) {
+        const QByteArray tile = makeImageLikeTile(index);
+        ours += codec.compress(tile.constData(), tile.size()).size();
+        zlib += qCompress(tile, 2).size();
+    }
+    EXPECT_LE(double(ours), double(zlib) * 1.02)
+            << "level " << RvoBlockCodec::level() << ": " << ours << " bytes against " << zlib;
+}

@@ -1,0 +1,147 @@
+#include "ManagerTestAccess.h"
+#include "OutputCapture.h"
+#include "RvoDiskLayout_p.h"
+
+#include <QDir>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+
+using Access = RvoDataBlockManagerTestAccess;
+
+namespace {
+
+// A 64-byte digest whose text form begins with the given words.
+QString digestText(const QStringList &firstWords)
+{
+    QStringList words = firstWords;
+    while (words.size() < 16)
+        words.append(QStringLiteral("7"));
+    return words.join(QLatin1Char('-'));
+}
+
+} // namespace
+
+TEST(RvoDiskLayout, RootIsTheDigitSumOfTheFirstFourCharactersSeparatorsCountingMinusOne)
+{
+    ManagerSetup setup(2);
+    EXPECT_EQ(Access::cacheIndex(QStringLiteral("4150-1")), 0); // 0+5+1+4 = 10
+    EXPECT_EQ(Access::cacheIndex(QStringLiteral("7-12-5")), 1); // 2+1-1+7 = 9
+    EXPECT_EQ(Access::cacheIndex(QStringLiteral("0000")), 0);
+    EXPECT_EQ(Access::cacheIndex(QStringLiteral("9999-1")), 0); // 36
+    EXPECT_EQ(Access::cacheIndex(QStringLiteral("9998-1")), 1); // 35
+
+    StdoutCapture out;
+    EXPECT_EQ(Access::cacheIndex(QStringLiteral("1-0-3")), -1); // -1+0-1+1 = -1
+    EXPECT_EQ(
+            out.lines(),
+            QStringList {QStringLiteral("Cannot find suitable cache reading thread -1 for 1-0-3")});
+}
+
+TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsAreRefused)
+{
+    ManagerSetup setup(1);
+    EXPECT_EQ(Access::cacheIndex(QStringLiteral("1-0-3")), 0);
+    EXPECT_EQ(Access::cacheIndex(QStringLiteral("9999")), 0);
+
+    StdoutCapture out;
+    EXPECT_EQ(Access::cacheIndex(QStringLiteral("12")), -1);
+    EXPECT_EQ(Access::cacheIndex(static_cast<const RvoDataHash *>(nullptr)), -1);
+    EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Hash String is too Short 12")});
+}
+
+TEST(RvoDiskLayout, NoRootsAndNoSetupAreReportedAndChooseNothing)
+{
+    StdoutCapture out;
+    EXPECT_EQ(Access::cacheIndex(QStringLiteral("4150-1")), -1);
+    EXPECT_EQ(RvoDataBlockManager::instance().getBlockDestination(
+                      QString(), digestText({QStringLiteral("1")})),
+              QString());
+    const QStringList lines = out.lines();
+    ASSERT_FALSE(lines.isEmpty());
+    EXPECT_EQ(lines.first(), QStringLiteral("Number of cache paths is zero"));
+    EXPECT_TRUE(lines.contains(QStringLiteral("Data Block Manager Not Initialized. Aborting")));
+}
+
+TEST(RvoDiskLayout, FileNameAndBucketDirectoryKeepTheirDoubledSeparators)
+{
+    const RvoDataHash hash(digestText({QStringLiteral("4150470588")}));
+    QString directory = QStringLiteral("untouched");
+    QString name;
+    ASSERT_TRUE(
+            buildFilename(&hash, QStringLiteral("/r"), QStringLiteral("Sub"), 10, directory, name));
+    EXPECT_EQ(name, hash.toString());
+    EXPECT_EQ(directory, QStringLiteral("/r/Sub//8/"));
+    ASSERT_TRUE(buildFilename(&hash, QStringLiteral("/r"), QString(), 7, directory, name));
+    EXPECT_EQ(directory, QStringLiteral("/r///%1/").arg(4150470588u % 7));
+
+    DebugCapture debug;
+    EXPECT_FALSE(buildFilename(nullptr, QStringLiteral("/r"), QString(), 10, directory, name));
+    EXPECT_EQ(directory, QStringLiteral("/r///%1/").arg(4150470588u % 7)) << "outputs untouched";
+    EXPECT_EQ(debug.messages(),
+              QStringList {QStringLiteral("Null Hash Passed to Filename Builder")});
+}
+
+TEST(RvoDiskLayout, DestinationNamesTheRootBucketAndFile)
+{
+    ManagerSetup setup(2, QStringLiteral("SubCache"));
+    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
+    const QString even = digestText({QStringLiteral("4150470588")}); // 4+1+5+0 = 10 -> root 0
+    const QString odd = digestText({QStringLiteral("7"), QStringLiteral("12")}); // 9 -> root 1
+    EXPECT_EQ(QDir::cleanPath(manager.getBlockDestination(QStringLiteral("SubCache"), even)),
+              setup.root(0) + QStringLiteral("/SubCache/8/") + even);
+    EXPECT_EQ(QDir::cleanPath(manager.getBlockDestination(QString(), odd)),
+              setup.root(1) + QStringLiteral("/7/") + odd);
+
+    StdoutCapture out;
+    EXPECT_EQ(manager.getBlockDestination(QString(),
+                                          digestText({QStringLiteral("1"), QStringLiteral("0")})),
+              QString());
+}
+
+TEST(RvoDiskLayout, SubCacheExistsLooksAtTheFirstRoot)
+{
+    ManagerSetup setup(2);
+    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
+    EXPECT_FALSE(manager.subCacheExists(QStringLiteral("S")));
+    ASSERT_TRUE(QDir(setup.root(1)).mkpath(QStringLiteral("S")));
+    EXPECT_FALSE(manager.subCacheExists(QStringLiteral("S")));
+    ASSERT_TRUE(QDir(setup.root(0)).mkpath(QStringLiteral("S")));
+    EXPECT_TRUE(manager.subCacheExists(QStringLiteral("S")));
+}
+
+TEST(RvoDiskLayout, RandomBlocksSpreadEvenlyOverTheBuckets)
+{
+    std::mt19937 random(42);
+    int counts[10] = {};
+    QByteArray block(262144, Qt::Uninitialized);
+    for (int i = 0; i < 1000; ++i) {
+        for (int j = 0; j < block.size(); j += 4) {
+            const quint32 word = random();
+            std::memcpy(block.data() + j, &word, 4);
+        }
+        const RvoDataHash hash(block, RvoDataHash::Skein512);
+        QString directory;
+        QString name;
+        ASSERT_TRUE(buildFilename(&hash, QStringLiteral("r"), QStringLiteral("SubCache"), 10,
+                                  directory, name));
+        EXPECT_EQ(name.count(QLatin1Char('-')), 15);
+        ++counts[directory.section(QLatin1Char('/'), -2, -2).toInt()];
+    }
+    double sumSquares = 0;
+    for (int count : counts) {
+        EXPECT_GT(count, 0);
+        sumSquares += (count - 100.0) * (count - 100.0);
+    }
+    EXPECT_LE(std::sqrt(sumSquares / 10) / 1000, 0.05);
+}
+
+TEST(RvoDiskLayout, OnlyDigestShapedNamesAreBlockFiles)
+{
+    EXPECT_TRUE(isBlockFileName(RvoDataHash(QByteArray("x"), RvoDataHash::Skein512).toString()));
+    EXPECT_FALSE(isBlockFileName(RvoDataHash(QByteArray("x"), RvoDataHash::Skein256).toString()));
+    EXPECT_FALSE(isBlockFileName(RvoDataHash(QByteArray("x"), RvoDataHash::Skein1024).toString()));
+}
