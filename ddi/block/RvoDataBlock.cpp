@@ -63,6 +63,14 @@ RvoDataBlock::RvoDataBlock(const QByteArray &bytes)
     m_Data.detach();
 }
 
+RvoDataBlock *RvoDataBlock::sharing(const QByteArray &bytes)
+{
+    auto *block = new RvoDataBlock(0, 0);
+    block->m_Data = bytes;
+    block->m_Size = bytes.size();
+    return block;
+}
+
 RvoDataBlock::RvoDataBlock(const RvoDataBlock &other)
     : m_Data(other.m_Data)
     , m_Size(other.m_Size)

@@ -47,6 +47,10 @@ public:
     RvoDataBlock(const unsigned char *data, qint64 size);
     // A deep copy of `bytes`: the block never shares storage with the caller.
     explicit RvoDataBlock(const QByteArray &bytes);
+    // A block over the caller's implicitly shared buffer, without copying
+    // it: whichever side writes first detaches. For adding large buffers
+    // without a copy.
+    static RvoDataBlock *sharing(const QByteArray &bytes);
     // Copies the form (raw or compressed) and bytes; neither the cached flag
     // nor the accessor count.
     RvoDataBlock(const RvoDataBlock &other);
@@ -70,6 +74,8 @@ public:
     bool uncompress();
     bool isCompressed() const { return m_Compressed; }
     bool cached() const { return m_Cached.load(std::memory_order_acquire); }
+    // Accessors (const or modify) now looking at the block.
+    int accessCount() const { return m_AccessCount.load(std::memory_order_relaxed); }
 
     // A fresh, uninterned 64-byte digest of the bytes as they stand
     // (compressed bytes for a compressed block).

@@ -81,6 +81,27 @@ public:
 
     bool isRecursive() const { return m_Recursive; }
 
+    // Releases every level the calling thread holds of a recursive mutex and
+    // returns how many there were (0 when it held none), for a caller that
+    // must wait without the lock; relockFully(levels) takes them back.
+    int unlockFully()
+    {
+        if (!m_Recursive || !ownedByCaller())
+            return 0;
+        const int levels = m_Depth;
+        m_Depth = 1;
+        unlock();
+        return levels;
+    }
+
+    void relockFully(int levels)
+    {
+        if (levels <= 0)
+            return;
+        lock();
+        m_Depth = levels;
+    }
+
 private:
     // Only the owner ever stores its own id, so a relaxed read that sees the
     // caller's id is exact; any other value means "not the caller".

@@ -3,10 +3,11 @@
 
 class RvoDataHash;
 
-// The one place where a digest's death reaches the blocks stored under it.
-// RvoDataHash::decRef calls it after the last reference is gone and the
-// digest has left the registry, with no lock held, just before the digest
-// object is deleted.
-void rvoReleaseBlockOf(RvoDataHash *hash);
+// Where a digest's last release goes: the block manager takes the delete
+// lock, drops the count with RvoDataHash::dropLastReference() and, when it
+// reached zero, takes the digest out of the registry and its block out of
+// memory in one step, then deletes both. Called by RvoDataHash::decRef with
+// no lock held.
+void rvoReleaseLastReference(RvoDataHash *hash);
 
 #endif // RVOBLOCKRELEASE_P_H

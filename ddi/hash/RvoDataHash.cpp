@@ -206,12 +206,21 @@ void RvoDataHash::decRef()
         return;
     }
     m_Lock.lock();
-    if (m_RefCount.fetch_sub(1, std::memory_order_acq_rel) == 1
-        && RvoHashManager::instance().removeHash(this)) {
+    if (m_RefCount.load(std::memory_order_relaxed) > 1) {
+        m_RefCount.fetch_sub(1, std::memory_order_acq_rel);
         m_Lock.unlock();
-        rvoReleaseBlockOf(this);
-        delete this;
         return;
     }
     m_Lock.unlock();
+    // Possibly the last: the delete lock comes first in the lock order.
+    rvoReleaseLastReference(this);
+}
+
+bool RvoDataHash::dropLastReference()
+{
+    m_Lock.lock();
+    const bool gone = m_RefCount.fetch_sub(1, std::memory_order_acq_rel) == 1
+            && RvoHashManager::instance().removeHash(this);
+    m_Lock.unlock();
+    return gone;
 }

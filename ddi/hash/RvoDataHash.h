@@ -100,13 +100,22 @@ protected:
     void calculate(const unsigned char *data, qint64 length);
 
     void incRef();
-    // Drops one count; the last one removes the digest from the registry,
-    // releases its block and deletes this object.
+    // Drops one count. A count that stays positive takes only this digest's
+    // lock; the last one goes through the block manager, which removes the
+    // digest from the registry and its block from memory, then deletes this
+    // object.
     void decRef();
 
 private:
     friend class RvoSmartPointer<RvoDataHash>;
     friend class RvoHashManager;
+    friend class RvoDataBlockManager;
+
+    // Drops the count that the caller holds as the last one; true when it
+    // reached zero and the registry let the digest go (the caller then
+    // deletes it), false when a lookup revived it meanwhile.
+    // REQUIRES: the block manager's delete lock held.
+    bool dropLastReference();
 
     // Raises the count without the digest's lock. Only for the registry,
     // under its own lock, where removeHash re-checks the count.

@@ -2,6 +2,7 @@
 
 #include "RvoDataBlockManager.h"
 
+#include "RvoBlockTable_p.h"
 #include "RvoDataBlock.h"
 #include "RvoDataBlockManagerReadThread_p.h"
 #include "RvoDataBlockManagerWriteThread_p.h"
@@ -14,6 +15,8 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QThreadPool>
+
+#include <vector>
 
 namespace {
 
@@ -32,6 +35,7 @@ void logBudget(qint64 budget, qint64 writePending)
 } // namespace
 
 RvoDataBlockManager::RvoDataBlockManager()
+    : m_Blocks(std::make_unique<RvoBlockTable>())
 {
     logBudget(maxDataCacheSize(), maxWritePendingSize());
     // The registry is made first, so that it outlives the manager.
@@ -110,7 +114,7 @@ void RvoDataBlockManager::setMaxDataCacheSize(qint64 size)
 qint64 RvoDataBlockManager::liveBlocks() const
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
-    return m_Blocks.size();
+    return m_Blocks->lruSize();
 }
 
 qint64 RvoDataBlockManager::managedBlocks() const
@@ -166,7 +170,7 @@ void RvoDataBlockManager::dumpStats()
     RvoDdiMutexLocker locker(&m_DeleteLock);
     qCDebug(lcDdi, "==== RvoDdi Block Stats ====");
     qCDebug(lcDdi, "Max Cache Size %lldMb", maxDataCacheSize() / 1048576);
-    qCDebug(lcDdi, "Number of managed blocks %d", int(m_Blocks.size()));
+    qCDebug(lcDdi, "Number of managed blocks %d", int(m_Blocks->size()));
     qCDebug(lcDdi, "Number of existant blocks %d", RvoDataBlock::blockCount());
     qCDebug(lcDdi, "Block Memory Usage %lldMb", liveBytes() / 1048576);
     qCDebug(lcDdi, "Number of LRU Blocks %d", int(liveBlocks()));
@@ -212,10 +216,19 @@ void RvoDataBlockManager::cleanUp()
         return;
     stopAllIoThreads();
 
-    QHash<RvoDataHash *, RvoDataBlock *> blocks;
+    std::vector<RvoDataBlock *> blocks;
+    int stillRead = 0;
     {
         RvoDdiMutexLocker locker(&m_DeleteLock);
-        blocks.swap(m_Blocks);
+        m_Blocks->forEach([&](RvoDataHash *, RvoDataBlock *block) {
+            // A block an accessor still reads is left to it rather than
+            // freed under its feet.
+            if (block->accessCount() == 0)
+                blocks.push_back(block);
+            else
+                ++stillRead;
+        });
+        m_Blocks->clear();
         m_CacheRoots.clear();
         m_SubCache.clear();
         m_MaxDataCacheSize.store(0, std::memory_order_relaxed);
@@ -224,8 +237,12 @@ void RvoDataBlockManager::cleanUp()
         m_GarbageCollecting.store(false, std::memory_order_release);
         m_IsInitialized.store(false, std::memory_order_release);
     }
+    if (stillRead > 0)
+        rvoReport(QStringLiteral("%1 blocks still held by accessors are left to them")
+                          .arg(stillRead));
     // Freed outside the lock; the digests' lifetime is the registry's.
-    qDeleteAll(blocks);
+    for (RvoDataBlock *block : blocks)
+        delete block;
 
     if (QCoreApplication::instance())
         QCoreApplication::processEvents();

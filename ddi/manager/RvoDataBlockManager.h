@@ -4,25 +4,39 @@
 #include "RvoDataHash.h"
 #include "RvoDdiGlobal.h"
 #include "RvoDdiMutex.h"
+#include "RvoModifyAccessor.h"
 #include "RvoSmartPointer.h"
 
-#include <QHash>
+#include <QByteArray>
+#include <QList>
 #include <QObject>
 #include <QString>
 #include <QStringList>
 #include <QVector>
 
 #include <atomic>
+#include <memory>
 
+class RvoBlockTable;
 class RvoDataBlock;
+class RvoDataReference;
 class RvoDataBlockManagerReadThread;
 class RvoDataBlockManagerWriteThread;
 class RvoDataDeleteLocker;
 
 // The one object through which every data block lives: the blocks in
-// memory, keyed by their interned digest; the memory budget; the disk cache
-// roots, each with one write thread and one read thread; and the
+// memory, keyed by their interned digest; the memory budget and the
+// least-recently-used order in which unpinned blocks leave memory; the disk
+// cache roots, each with one write thread and one read thread; and the
 // orchestration of their IO.
+//
+// A block's states: building (a modify accessor's private block) -> hashing
+// (an asynchronous add) -> live and evictable (in memory, in the LRU) <->
+// live and pinned (a const accessor holds it) ; live and evictable -> being
+// written (evicted before its disk copy was done) -> on disk only -> live
+// again when used or preloaded. Don't-cache blocks stay live, never in the
+// LRU, never on disk. A block leaves for good when its digest's last
+// reference goes.
 //
 // Threading: setup(), cleanUp(), setMaxDataCacheSize() and the plain
 // accessors are configuration calls for the controlling thread, made while no
@@ -32,14 +46,20 @@ class RvoDataDeleteLocker;
 //
 // Lock order of the library (a lock may be taken while holding only locks
 // listed above it; none is held while waiting for a thread to end):
-//   1. the manager's delete lock (m_DeleteLock, recursive);
+//   1. the manager's delete lock (m_DeleteLock, recursive), which also
+//      guards the block table and its LRU;
 //   2. a block's accessor mutex (RvoDataBlock::m_Mutex);
 //   3. a digest's own lock (RvoDataHash::m_Lock), then the registry lock
 //      (RvoHashManager::m_Lock); the registry never takes a digest's lock;
 //   4. an IO thread's queue lock (write and read threads' m_Lock), a leaf:
 //      nothing is called out of the thread while it is held;
 //   5. the log's file lock (RvoDdiLog::m_Lock), a leaf.
-// An IO thread takes the delete lock only with its own lock released.
+// A digest's last release takes the delete lock, then the digest's lock,
+// then the registry lock, and takes the digest out of the registry and the
+// block table in one step: no manager operation ever sees a digest whose
+// last reference is gone. A release that is not the last takes only the
+// digest's lock. An IO thread takes the delete lock only with its own lock
+// released.
 class RVODDI_EXPORT RvoDataBlockManager : public QObject
 {
 public:
@@ -99,8 +119,35 @@ public:
     // configuration. Nothing when not initialized.
     void cleanUp();
 
+    // Adds a block of `data` (shared, not copied). CacheContent: named by
+    // its content digest, computed on the thread pool (the reference is
+    // pending) or, with synchronous, at once. DontCache: a name of its own.
+    RvoDataReference addBlock(const QByteArray &data, RvoModifyAccessor::Caching caching,
+                              bool synchronous);
+    // A new, unnamed block of `size` bytes of `fill` to write into.
+    RvoModifyAccessor createNewBlock(qint64 size, uchar fill);
+    // A reference to `hash` (counted); the block is not loaded.
+    RvoDataReference getReference(RvoDataHash *hash);
+    // Whether the block is in memory; asking counts as a use.
+    bool isInMemory(RvoDataHash *hash);
+    // The block's size, loading it when it is on disk only; 0 without one.
+    qint64 blockSize(RvoDataHash *hash);
+    // Saves and frees every block that no accessor holds.
+    void freeAllBlocks();
+    // Appends a reference to every known digest to `out`.
+    void snapshot(QList<RvoDataReference> &out) const;
+
+    // Brings the block of `ref` into memory on its root's read thread, or
+    // refreshes its LRU place when it is in memory already.
+    void preloadData(const RvoDataReference &ref, PreloadPriority priority);
+    // Back-pressure for producers: sleeps the caller a second at a time
+    // while the bytes queued for writing are at or above a quarter of the
+    // budget. Returns at once when nothing is queued.
+    void processIO();
+    bool isWriteThreadsFull();
     // Asks the chosen thread families to finish their queues; with writeAll,
-    // also queues every in-memory block that has no disk copy yet.
+    // also queues every in-memory block that has no disk copy yet, so that
+    // after flush(true, AllThreads) every block is on disk.
     void flush(bool writeAll, ThreadType threads);
 
     // The full path of the block file of the digest named by `hashText`
@@ -112,18 +159,37 @@ public:
 protected:
     RvoDataBlockManager();
 
+    // Takes ownership of `block` and adds it as addBlock(QByteArray) does.
+    RvoDataReference addBlock(RvoDataBlock *block, RvoModifyAccessor::Caching caching,
+                              bool synchronous);
+    // The block of `hash`, loaded from disk when needed; null when there is
+    // none. REQUIRES: the delete lock held; it is let go while the disk is
+    // read, so state read before the call may have changed.
+    RvoDataBlock *getDataBlock(RvoDataHash *hash);
     // Takes charge of `block` as the block of `hash` (deleting it when the
-    // digest already has a block in memory) and queues its disk copy.
+    // digest already has a block in memory), evicts down to 90 % of the
+    // budget when the budget is exceeded, and queues the disk copy.
     void makeBlockLive(RvoDataHash *hash, RvoDataBlock *block);
+    // Moves an evictable block to the front of the LRU.
+    void blockUsed(RvoDataHash *hash);
     // Releases the block of `hash` from memory: saved first (and deleted by
     // the write thread) when writeToDisk is set and it has no disk copy yet,
     // deleted at once otherwise. With unlockHash, unlocks the digest's lock
     // that the caller holds. Nothing when not initialized.
     void freeBlock(RvoDataHash *hash, bool writeToDisk, bool unlockHash);
+    // Pins and unpins a block (pins do not nest).
+    void lockBlock(RvoDataHash *hash);
+    void unlockBlock(RvoDataHash *hash);
+    // True unless the block is in memory and evictable.
+    bool blockIsLocked(RvoDataHash *hash);
 
 private:
-    friend void rvoReleaseBlockOf(RvoDataHash *hash);
+    friend void rvoReleaseLastReference(RvoDataHash *hash);
+    friend class RvoConstAccessor;
     friend class RvoDataDeleteLocker;
+    friend class RvoDataReference;
+    friend class RvoHashingJob;
+    friend class RvoModifyAccessor;
     friend class RvoDataBlockManagerReadThread;
     friend class RvoDataBlockManagerWriteThread;
     friend class RvoDataBlockManagerTestAccess;
@@ -131,20 +197,31 @@ private:
     void lockDeletes() { m_DeleteLock.lock(); }
     void unlockDeletes() { m_DeleteLock.unlock(); }
 
+    // The last reference of `hash` is being dropped: takes it out of the
+    // registry and the block table together and deletes it and its block.
+    void releaseLastReference(RvoDataHash *hash);
+    // Frees blocks from the back of the LRU until the live bytes are at most
+    // 90 % of the budget; victims without a disk copy go to their write
+    // thread. REQUIRES: the delete lock held.
+    void evict();
+
     // The root whose threads serve a digest, by the digit sum of the first
     // four characters of its text form; negative or out of range when none.
     int cacheIndex(const QString &hashText);
     int cacheIndex(const RvoDataHash *hash);
 
     void stopAllIoThreads();
+    // The sum of the bytes queued on every write thread.
+    qint64 bytesQueuedForWriting() const;
     // Prints the not-initialized notice when not initialized; carries on.
     void checkInitialized() const;
     // Copies of the thread vectors, taken under the delete lock.
     QVector<RvoDataBlockManagerWriteThread *> writeThreads() const;
     QVector<RvoDataBlockManagerReadThread *> readThreads() const;
 
-    // Blocks in memory, guarded by m_DeleteLock. The map owns the blocks.
-    QHash<RvoDataHash *, RvoDataBlock *> m_Blocks;
+    // Blocks in memory and the LRU, guarded by m_DeleteLock. The table owns
+    // the blocks.
+    std::unique_ptr<RvoBlockTable> m_Blocks;
     QStringList m_CacheRoots;
     std::atomic<qint64> m_MaxDataCacheSize {2147483648LL};
     std::atomic<qint64> m_MaxWritePendingSize {536870912LL};
@@ -162,5 +239,8 @@ private:
     // thread vectors. First in the lock order.
     mutable RvoDdiMutex m_DeleteLock {0, RvoDdiMutex::Recursive};
 };
+
+// addBlock and its kin return references by value.
+#include "RvoDataReference.h"
 
 #endif // RVODATABLOCKMANAGER_H

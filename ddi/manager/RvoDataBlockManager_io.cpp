@@ -1,7 +1,8 @@
-// Driving the IO threads: flushing and stopping them.
+// Driving the IO threads: preloads, back-pressure, flushing and stopping.
 
 #include "RvoDataBlockManager.h"
 
+#include "RvoBlockTable_p.h"
 #include "RvoDataBlock.h"
 #include "RvoDataBlockManagerReadThread_p.h"
 #include "RvoDataBlockManagerWriteThread_p.h"
@@ -9,6 +10,59 @@
 #include "RvoDdiMutexLocker.h"
 
 #include <QThread>
+
+void RvoDataBlockManager::preloadData(const RvoDataReference &ref, PreloadPriority priority)
+{
+    if (ref.isNull())
+        return;
+    // A pending reference is resolved first: its hashing job needs the
+    // delete lock to finish.
+    ref.checkAndWaitJob();
+    RvoDataHash *hash = ref.m_DataHash.data();
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    checkInitialized();
+    if (!hash)
+        return;
+    if (m_Blocks->contains(hash)) {
+        blockUsed(hash);
+        return;
+    }
+    const int index = cacheIndex(hash);
+    if (index < 0 || index >= m_ReadThreads.size()) {
+        rvoReport(QStringLiteral("Invalid Cache Bucket"));
+        return;
+    }
+    m_ReadThreads.at(index)->request(hash, priority);
+}
+
+qint64 RvoDataBlockManager::bytesQueuedForWriting() const
+{
+    qint64 total = 0;
+    for (RvoDataBlockManagerWriteThread *writer : writeThreads())
+        total += writer->bytesInQueue();
+    return total;
+}
+
+void RvoDataBlockManager::processIO()
+{
+    for (;;) {
+        const qint64 total = bytesQueuedForWriting();
+        // Nothing queued can ever drain: never wait for it (a budget of 0,
+        // or no write threads after cleanUp).
+        if (total == 0 || total < maxWritePendingSize())
+            return;
+        qCDebug(lcDdi,
+                "RvoDataBlockManager::processIO: Excessive data in the queue: %lld bytes (max = "
+                "%lld): sleeping calling thread...",
+                total, maxWritePendingSize());
+        QThread::msleep(1000);
+    }
+}
+
+bool RvoDataBlockManager::isWriteThreadsFull()
+{
+    return bytesQueuedForWriting() >= maxWritePendingSize();
+}
 
 void RvoDataBlockManager::flush(bool writeAll, ThreadType threads)
 {
@@ -29,20 +83,19 @@ void RvoDataBlockManager::flush(bool writeAll, ThreadType threads)
     if (writeAll) {
         {
             RvoDdiMutexLocker locker(&m_DeleteLock);
-            for (auto it = m_Blocks.constBegin(); it != m_Blocks.constEnd(); ++it) {
-                RvoDataHash *hash = it.key();
+            m_Blocks->forEach([this](RvoDataHash *hash, RvoDataBlock *block) {
                 if (!hash) {
                     rvoReport(QStringLiteral("Null Value in Hash to Block Map"));
-                    continue;
+                    return;
                 }
-                if (hash->isDontCache() || it.value()->cached())
-                    continue;
+                if (hash->isDontCache() || block->cached())
+                    return;
                 const int index = cacheIndex(hash);
                 if (index >= 0 && index < m_WriteThreads.size()) {
                     m_WriteThreads.at(index)->writeBlock(
-                            PreloadNormal, RvoSmartPointer<RvoDataHash>(hash), it.value(), false);
+                            PreloadNormal, RvoSmartPointer<RvoDataHash>(hash), block, false);
                 }
-            }
+            });
         }
         flushThreads();
     }

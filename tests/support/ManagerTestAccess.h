@@ -40,6 +40,12 @@ public:
     static int writeThreadCount() { return int(manager().writeThreads().size()); }
     static int readThreadCount() { return int(manager().readThreads().size()); }
     static bool holdsBlock(RvoDataHash *hash);
+    static bool blockIsLocked(RvoDataHash *hash) { return manager().blockIsLocked(hash); }
+    static void lockBlock(RvoDataHash *hash) { manager().lockBlock(hash); }
+    static void unlockBlock(RvoDataHash *hash) { manager().unlockBlock(hash); }
+    static void freeBlock(RvoDataHash *hash) { manager().freeBlock(hash, false, false); }
+    // The digests in the LRU, most recently used first.
+    static QList<RvoDataHash *> lruOrder();
     // Shortens the read back-off to `steps` doublings from 1 ms.
     static void setReadBackoffSteps(int steps)
     {

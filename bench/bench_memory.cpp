@@ -1,0 +1,442 @@
+// The memory tier against what it is built on, in the same run:
+//  - synchronous addBlock of distinct 256 KiB blocks, against Skein-512 alone
+//    on the same bytes (bytes per second);
+//  - asynchronous addBlock from one producer, waiting for every reference,
+//    against the synchronous loop on the same blocks;
+//  - isInMemory (lookup and LRU move) and making and dropping a const accessor
+//    (pin and unpin), per operation, with 10,000 and with 1,000,000 live
+//    blocks: on a fixed hot set of 1,000 references, and at random over all;
+//  - the bookkeeping bytes per live block (table entry with its LRU links,
+//    digest object, block object, registry entry), measured with mallinfo2.
+//
+// bench_memory --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+
+#include "RvoConstAccessor.h"
+#include "RvoDataBlock.h"
+#include "RvoDataBlockManager.h"
+#include "RvoDataHash.h"
+#include "RvoDataReference.h"
+#include "RvoSkein.h"
+#include "support/ImageTiles.h"
+
+#include <QLoggingCategory>
+#include <QTemporaryDir>
+
+#include <benchmark/benchmark.h>
+
+#include <malloc.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <iostream>
+#include <memory>
+#include <numeric>
+#include <random>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr int kBlocks = 64; // 16 MiB of 256 KiB blocks per iteration
+constexpr int kBlockSize = 256 * 1024;
+constexpr qint64 kLargeBudget = 8LL * 1024 * 1024 * 1024; // nothing is evicted
+constexpr int kHotSetSize = 1000;
+constexpr int kTinyBlockSize = 16;
+
+void silenceDebugOutput()
+{
+    QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=false"));
+}
+
+// Distinct image-like blocks, made once, outside every timed region.
+std::vector<QByteArray> &largeBlocks()
+{
+    static std::vector<QByteArray> all = [] {
+        silenceDebugOutput();
+        std::vector<QByteArray> v;
+        for (int i = 0; i < kBlocks; ++i)
+            v.push_back(makeImageLikeTile(i, kBlockSize));
+        return v;
+    }();
+    return all;
+}
+
+// Writes a value that no earlier iteration used into the first bytes of
+// every block, so that each iteration adds content the manager has never
+// seen and its write thread really compresses and writes it.
+void makeContentNew(std::vector<QByteArray> &blocks)
+{
+    static quint64 stamp = 0x4D454D42454E4348ull; // away from the tiles' own bytes
+    ++stamp;
+    for (QByteArray &block : blocks)
+        std::memcpy(block.data(), &stamp, sizeof stamp);
+}
+
+// The manager set up for one kind of benchmark. The disk benchmarks get one
+// root in a temporary directory; the lookup and memory benchmarks get none,
+// since with a root every tiny block would become a block file of its own
+// and the write thread would still be creating a million files while the
+// lookups are timed.
+enum class ManagerKind { None, OneRoot, MemoryOnly };
+
+struct ManagerSession
+{
+    ManagerKind kind = ManagerKind::None;
+    std::unique_ptr<QTemporaryDir> dir;
+};
+
+ManagerSession &session()
+{
+    static ManagerSession s;
+    return s;
+}
+
+void releaseLiveSet();
+
+RvoDataBlockManager &manager(ManagerKind kind)
+{
+    RvoDataBlockManager &m = RvoDataBlockManager::instance();
+    ManagerSession &s = session();
+    if (s.kind == kind)
+        return m;
+    releaseLiveSet();
+    if (s.kind != ManagerKind::None)
+        m.cleanUp();
+    s.dir.reset();
+    if (kind == ManagerKind::OneRoot) {
+        s.dir = std::make_unique<QTemporaryDir>();
+        m.setup(QStringList {s.dir->path()}, kLargeBudget, 10);
+        m.setSubCache(QStringLiteral("Memory"));
+    } else {
+        m.setup(QStringList(), kLargeBudget, 10);
+    }
+    s.kind = kind;
+    return m;
+}
+
+// Without a root, every new block reports that it has no disk to go to. The
+// report goes to stdout, so stdout points at /dev/null while such blocks are
+// added; the benchmark's own output is flushed before and after.
+class QuietStdout
+{
+public:
+    QuietStdout()
+    {
+        std::cout.flush();
+        std::fflush(stdout);
+        m_Saved = ::dup(STDOUT_FILENO);
+        const int null = ::open("/dev/null", O_WRONLY);
+        ::dup2(null, STDOUT_FILENO);
+        ::close(null);
+    }
+    ~QuietStdout()
+    {
+        std::fflush(stdout);
+        ::dup2(m_Saved, STDOUT_FILENO);
+        ::close(m_Saved);
+    }
+    QuietStdout(const QuietStdout &) = delete;
+    QuietStdout &operator=(const QuietStdout &) = delete;
+
+private:
+    int m_Saved = -1;
+};
+
+// --- Adding 256 KiB blocks --------------------------------------------------
+
+void countBytes(benchmark::State &state)
+{
+    state.SetBytesProcessed(state.iterations() * qint64(kBlocks) * kBlockSize);
+}
+
+void BM_Skein512_Baseline(benchmark::State &state)
+{
+    const std::vector<QByteArray> &blocks = largeBlocks();
+    unsigned char digest[64];
+    for (auto _ : state) {
+        for (const QByteArray &block : blocks) {
+            RvoSkein::Hash(512, reinterpret_cast<const unsigned char *>(block.constData()),
+                           quint64(block.size()) * 8, digest);
+            benchmark::DoNotOptimize(digest);
+        }
+    }
+    countBytes(state);
+}
+
+// Between iterations, untimed: the references are gone and the write thread
+// has finished the disk copies, which frees the blocks, so memory stays flat.
+// With newContent the next iteration's blocks get fresh content.
+void betweenIterations(benchmark::State &state, RvoDataBlockManager &m,
+                       std::vector<QByteArray> &blocks, bool newContent)
+{
+    state.PauseTiming();
+    m.flush(false, RvoDataBlockManager::WriteThreads);
+    if (newContent)
+        makeContentNew(blocks);
+    state.ResumeTiming();
+}
+
+// Content already on disk is written once before timing; the write thread
+// then only finds each block file present.
+void prepareContent(RvoDataBlockManager &m, std::vector<QByteArray> &blocks, bool newContent)
+{
+    if (newContent) {
+        makeContentNew(blocks);
+        return;
+    }
+    {
+        std::vector<RvoDataReference> refs;
+        for (const QByteArray &block : blocks)
+            refs.push_back(m.addBlock(block, RvoModifyAccessor::CacheContent, true));
+    }
+    m.flush(false, RvoDataBlockManager::WriteThreads);
+}
+
+void BM_AddBlockSync(benchmark::State &state)
+{
+    const bool newContent = state.range(0) != 0;
+    std::vector<QByteArray> &blocks = largeBlocks();
+    RvoDataBlockManager &m = manager(ManagerKind::OneRoot);
+    prepareContent(m, blocks, newContent);
+    std::vector<RvoDataReference> refs;
+    refs.reserve(blocks.size());
+    for (auto _ : state) {
+        for (const QByteArray &block : blocks)
+            refs.push_back(m.addBlock(block, RvoModifyAccessor::CacheContent, true));
+        refs.clear();
+        betweenIterations(state, m, blocks, newContent);
+    }
+    countBytes(state);
+}
+
+void BM_AddBlockAsync(benchmark::State &state)
+{
+    const bool newContent = state.range(0) != 0;
+    std::vector<QByteArray> &blocks = largeBlocks();
+    RvoDataBlockManager &m = manager(ManagerKind::OneRoot);
+    prepareContent(m, blocks, newContent);
+    std::vector<RvoDataReference> refs;
+    refs.reserve(blocks.size());
+    for (auto _ : state) {
+        for (const QByteArray &block : blocks)
+            refs.push_back(m.addBlock(block, RvoModifyAccessor::CacheContent, false));
+        for (const RvoDataReference &ref : refs)
+            benchmark::DoNotOptimize(ref.hashPtr().data());
+        refs.clear();
+        betweenIterations(state, m, blocks, newContent);
+    }
+    countBytes(state);
+}
+
+// --- Lookups, pins and LRU moves ---------------------------------------------
+
+// Tiny distinct contents: the index, then a constant that keeps them apart
+// from the contents of the other benchmarks.
+QByteArray tinyContent(quint64 index)
+{
+    QByteArray bytes(kTinyBlockSize, Qt::Uninitialized);
+    const quint64 salt = 0x7469'6e79'626c'6f63ull;
+    std::memcpy(bytes.data(), &index, 8);
+    std::memcpy(bytes.data() + 8, &salt, 8);
+    return bytes;
+}
+
+struct LiveSet
+{
+    qint64 size = 0;
+    std::vector<RvoDataReference> all;
+    std::vector<RvoDataReference> hot;
+};
+
+LiveSet &liveSet()
+{
+    static LiveSet s;
+    return s;
+}
+
+void releaseLiveSet()
+{
+    LiveSet &s = liveSet();
+    s.hot.clear();
+    s.hot.shrink_to_fit();
+    s.all.clear();
+    s.all.shrink_to_fit();
+    s.size = 0;
+}
+
+// `count` tiny blocks in memory and in the LRU (kept between benchmarks of
+// the same count: building a million takes seconds), and a hot set of
+// references drawn from them at random.
+const LiveSet &live(qint64 count)
+{
+    LiveSet &s = liveSet();
+    RvoDataBlockManager &m = manager(ManagerKind::MemoryOnly);
+    if (s.size == count)
+        return s;
+    releaseLiveSet();
+    s.all.reserve(size_t(count));
+    {
+        QuietStdout quiet;
+        for (qint64 i = 0; i < count; ++i)
+            s.all.push_back(m.addBlock(tinyContent(quint64(i)), RvoModifyAccessor::CacheContent,
+                                       true));
+    }
+    std::vector<qint64> order(size_t(count));
+    std::iota(order.begin(), order.end(), 0);
+    std::mt19937_64 random(12345);
+    std::shuffle(order.begin(), order.end(), random);
+    for (int i = 0; i < kHotSetSize; ++i)
+        s.hot.push_back(s.all[size_t(order[size_t(i)])]);
+    s.size = count;
+    return s;
+}
+
+// A cheap generator (xorshift64*) so that picking the next reference costs
+// the same few cycles on every set.
+struct Picker
+{
+    quint64 state = 0x9E3779B97F4A7C15ull;
+    size_t next(size_t bound)
+    {
+        state ^= state >> 12;
+        state ^= state << 25;
+        state ^= state >> 27;
+        const quint64 r = (state * 0x2545F4914F6CDD1Dull) >> 32;
+        return size_t((r * quint64(bound)) >> 32);
+    }
+};
+
+// range(0): live blocks; range(1): 1 for the hot set, 0 for all live blocks.
+const std::vector<RvoDataReference> &targets(benchmark::State &state)
+{
+    const LiveSet &s = live(state.range(0));
+    return state.range(1) ? s.hot : s.all;
+}
+
+void reportLive(benchmark::State &state)
+{
+    state.SetItemsProcessed(state.iterations());
+    state.counters["live_blocks"] = double(RvoDataBlockManager::instance().liveBlocks());
+}
+
+void BM_IsInMemory(benchmark::State &state)
+{
+    const std::vector<RvoDataReference> &refs = targets(state);
+    Picker picker;
+    for (auto _ : state) {
+        const bool inMemory = refs[picker.next(refs.size())].isInMemory();
+        benchmark::DoNotOptimize(inMemory);
+    }
+    reportLive(state);
+}
+
+void BM_PinUnpin(benchmark::State &state)
+{
+    const std::vector<RvoDataReference> &refs = targets(state);
+    Picker picker;
+    for (auto _ : state) {
+        const RvoConstAccessor accessor = refs[picker.next(refs.size())].constAccessor();
+        benchmark::DoNotOptimize(accessor.data());
+    }
+    reportLive(state);
+}
+
+// The cost of the picking and the reference access alone, for subtraction.
+void BM_PickOnly(benchmark::State &state)
+{
+    const std::vector<RvoDataReference> &refs = targets(state);
+    Picker picker;
+    for (auto _ : state) {
+        const RvoDataReference &ref = refs[picker.next(refs.size())];
+        benchmark::DoNotOptimize(&ref);
+    }
+    reportLive(state);
+}
+
+// --- Bookkeeping bytes per live block ------------------------------------------
+
+// Bytes the allocator has handed out: small chunks from the arenas plus
+// large ones mapped on their own (a big hash table's bucket array is one).
+qint64 allocatedBytes()
+{
+    const struct mallinfo2 info = mallinfo2();
+    return qint64(info.uordblks) + qint64(info.hblkhd);
+}
+
+void BM_BookkeepingPerBlock(benchmark::State &state)
+{
+    const qint64 count = state.range(0);
+    RvoDataBlockManager &m = manager(ManagerKind::MemoryOnly);
+    releaseLiveSet();
+    double perBlock = 0;
+    double payloadChunk = 0;
+    for (auto _ : state) {
+        // The payloads and the vector of references exist before the first
+        // measurement, so neither is counted: what is left is the manager's.
+        std::vector<QByteArray> payloads;
+        payloads.reserve(size_t(count));
+        const qint64 beforePayloads = allocatedBytes();
+        for (qint64 i = 0; i < count; ++i)
+            payloads.push_back(tinyContent(quint64(1'000'000'000 + i)));
+        payloadChunk = double(allocatedBytes() - beforePayloads) / double(count);
+        std::vector<RvoDataReference> refs;
+        refs.reserve(size_t(count));
+        {
+            QuietStdout quiet;
+            // One block added and dropped first, so that one-time allocations
+            // (stdout's buffer, the tables' first storage) are not counted.
+            refs.push_back(m.addBlock(tinyContent(~0ull), RvoModifyAccessor::CacheContent, true));
+            refs.clear();
+            const qint64 before = allocatedBytes();
+            for (const QByteArray &payload : payloads)
+                refs.push_back(m.addBlock(payload, RvoModifyAccessor::CacheContent, true));
+            const qint64 after = allocatedBytes();
+            perBlock = double(after - before) / double(count);
+        }
+        if (m.liveBlocks() != count)
+            state.SkipWithError("not every block is live");
+        refs.clear();
+    }
+    state.counters["bookkeeping_bytes_per_block"] = perBlock;
+    state.counters["payload_chunk_bytes"] = payloadChunk;
+    state.counters["sizeof_RvoDataHash"] = double(sizeof(RvoDataHash));
+    state.counters["sizeof_RvoDataBlock"] = double(sizeof(RvoDataBlock));
+    state.counters["sizeof_RvoDataReference"] = double(sizeof(RvoDataReference));
+}
+
+// Leaves the manager unconfigured so the process ends without IO threads.
+void BM_ZZ_CleanUp(benchmark::State &state)
+{
+    for (auto _ : state) {
+        releaseLiveSet();
+        if (session().kind != ManagerKind::None)
+            RvoDataBlockManager::instance().cleanUp();
+        session().kind = ManagerKind::None;
+        session().dir.reset();
+    }
+}
+
+} // namespace
+
+// The memory measurement comes first, while the manager's tables are still
+// small: they keep their capacity after a large set is released.
+BENCHMARK(BM_BookkeepingPerBlock)->Arg(100'000)->Iterations(1);
+
+BENCHMARK(BM_Skein512_Baseline)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_AddBlockSync)->ArgName("new_content")->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_AddBlockAsync)->ArgName("new_content")->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Grouped by live count, smaller first, so that each set is built once.
+BENCHMARK(BM_PickOnly)->ArgNames({"live", "hot"})->Args({10'000, 1})->Args({10'000, 0});
+BENCHMARK(BM_IsInMemory)->ArgNames({"live", "hot"})->Args({10'000, 1})->Args({10'000, 0});
+BENCHMARK(BM_PinUnpin)->ArgNames({"live", "hot"})->Args({10'000, 1})->Args({10'000, 0});
+BENCHMARK(BM_PickOnly)->ArgNames({"live", "hot"})->Args({1'000'000, 1})->Args({1'000'000, 0});
+BENCHMARK(BM_IsInMemory)->ArgNames({"live", "hot"})->Args({1'000'000, 1})->Args({1'000'000, 0});
+BENCHMARK(BM_PinUnpin)->ArgNames({"live", "hot"})->Args({1'000'000, 1})->Args({1'000'000, 0});
+
+BENCHMARK(BM_ZZ_CleanUp)->Iterations(1);
+
+BENCHMARK_MAIN();

@@ -1,0 +1,91 @@
+#include "ManagerTestAccess.h"
+#include "RvoConstAccessor.h"
+#include "RvoDataReference.h"
+#include "RvoModifyAccessor.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+QByteArray bytesOf(const RvoDataReference &ref)
+{
+    const RvoConstAccessor accessor = ref.constAccessor();
+    return QByteArray(reinterpret_cast<const char *>(accessor.data()), int(accessor.size()));
+}
+
+} // namespace
+
+TEST(RvoModifyAccessor, WritingAndReleasingMakesANewBlockAndLeavesTheOldOne)
+{
+    ManagerSetup setup;
+    const QByteArray content = testContent(1);
+    const RvoDataReference original = RvoDataBlockManager::instance().addBlock(
+            content, RvoModifyAccessor::CacheContent, true);
+    RvoDataReference source(original);
+    RvoModifyAccessor accessor = source.modifyAccessor();
+    ASSERT_FALSE(accessor.isNull());
+    EXPECT_EQ(accessor.size(), content.size());
+    accessor.data()[0] = char(content.at(0) ^ 0x7f);
+
+    const RvoDataReference changed = accessor.release(RvoModifyAccessor::CacheContent, false);
+    EXPECT_TRUE(accessor.isNull());
+    QByteArray expected = content;
+    expected[0] = char(content.at(0) ^ 0x7f);
+    EXPECT_EQ(bytesOf(changed), expected);
+    EXPECT_EQ(bytesOf(original), content);
+    EXPECT_TRUE(changed != original);
+    EXPECT_TRUE(source == original);
+}
+
+TEST(RvoModifyAccessor, CopiesShareTheBlockUntilTheLastGoes)
+{
+    ManagerSetup setup;
+    RvoModifyAccessor first = RvoDataBlockManager::instance().createNewBlock(1000, 0x11);
+    EXPECT_EQ(first.count(), 1);
+    {
+        const RvoModifyAccessor copy(first);
+        EXPECT_EQ(first.count(), 2);
+        copy.data()[5] = 0x22;
+    }
+    EXPECT_EQ(first.count(), 1);
+    EXPECT_EQ(first.data()[5], 0x22);
+
+    RvoModifyAccessor other = RvoDataBlockManager::instance().createNewBlock(10, 0);
+    other = first; // gives up its own block (deleted) and shares first's
+    EXPECT_EQ(first.count(), 2);
+    other = other;
+    EXPECT_EQ(first.count(), 2);
+}
+
+// Releasing one of several copies used to hand the manager the shared
+// block, which the remaining copies then deleted under it.
+TEST(RvoModifyAccessor, ReleasingASharedAccessorHandsTheManagerACopy)
+{
+    ManagerSetup setup;
+    RvoModifyAccessor first = RvoDataBlockManager::instance().createNewBlock(4096, 0x33);
+    RvoModifyAccessor copy(first);
+    const RvoDataReference added = first.release(RvoModifyAccessor::CacheContent, true);
+    EXPECT_EQ(copy.count(), 1);
+    copy.data()[0] = 0x44; // the copy's block is its own again
+    copy = RvoModifyAccessor(); // deletes it
+    EXPECT_EQ(bytesOf(added), QByteArray(4096, '\x33'));
+}
+
+TEST(RvoModifyAccessor, NullAccessorReleasesToANullReference)
+{
+    RvoModifyAccessor null;
+    EXPECT_TRUE(null.isNull());
+    EXPECT_EQ(null.size(), 0);
+    EXPECT_EQ(null.data(), nullptr);
+    EXPECT_EQ(null.count(), 0);
+    EXPECT_TRUE(null.release(RvoModifyAccessor::CacheContent, true).isNull());
+}
+
+TEST(RvoModifyAccessor, DontCacheReleaseNamesTheBlockAtOnce)
+{
+    ManagerSetup setup;
+    RvoModifyAccessor accessor = RvoDataBlockManager::instance().createNewBlock(100, 1);
+    const RvoDataReference ref = accessor.release(RvoModifyAccessor::DontCache, false);
+    EXPECT_TRUE(ref.hashPtr()->isDontCache());
+    EXPECT_EQ(bytesOf(ref), QByteArray(100, '\x01'));
+}
