@@ -3,13 +3,20 @@
 // one root, so nearly all of them leave memory for their block files; the
 // ingest ends with flush(true, AllThreads), when every block is on disk.
 // Then every block is read back through a const accessor, in order, and
-// compared byte for byte with the tile made again. Figures: tiles per second
-// for each phase, and the number of mismatches (must be 0).
+// compared byte for byte with the tile made again: once block by block, and
+// once more preloading a few blocks ahead so that both cores decode.
+// Figures: tiles per second for each phase, and the number of mismatches
+// (must be 0).
 //
 // The tiles are made before the clock starts (on both cores) and each one is
 // dropped by the benchmark as soon as it is added, so from then on the
 // manager holds the only copy. For the read-back they are made again in
 // chunks, with the clock stopped while nothing of the manager runs.
+//
+// The modes differ in how tiles are added: asynchronously with processIO
+// between adds (the fastest, used for the comparison with git), synchronously
+// with processIO, and synchronously waiting for the write queue in 1 ms
+// steps.
 //
 // bench_ingest [--tiles N] [benchmark options]
 // bench_ingest --write-tiles DIR N   writes tiles 0..N-1 as DIR/tile-00000.bin
@@ -32,18 +39,23 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <numeric>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 namespace {
 
 constexpr qint64 kBudget = 256LL * 1024 * 1024;
 constexpr int kReadChunk = 256; // tiles made again at a time for the comparison
+constexpr int kReadAhead = 16; // preloads in flight in the read-ahead pass
 
 int g_Tiles = 8192;
 
@@ -52,17 +64,30 @@ enum Mode {
     SyncProcessIO = 0,
     // addBlock hashes on the thread pool; processIO between adds.
     AsyncProcessIO = 1,
-    // As AsyncProcessIO, but the producer waits in 1 ms steps while
-    // isWriteThreadsFull() instead of calling processIO, which sleeps a whole
-    // second at a time.
-    AsyncPollFull = 2,
+    // As SyncProcessIO, but the producer waits in 1 ms steps while
+    // isWriteThreadsFull(), where processIO sleeps a whole second at a time.
+    SyncPollFull = 2,
 };
+
+const char *modeName(Mode mode)
+{
+    switch (mode) {
+    case SyncProcessIO:
+        return "sync_processIO";
+    case AsyncProcessIO:
+        return "async_processIO";
+    case SyncPollFull:
+        return "sync_poll_full";
+    }
+    return "unknown";
+}
 
 struct Result
 {
-    std::string name;
+    std::string mode;
     double ingestRate;
     double readRate;
+    double readAheadRate;
     qint64 mismatches;
 };
 
@@ -79,25 +104,97 @@ double secondsSince(Clock::time_point start)
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
+// CPU seconds used so far by this process's threads, summed by thread name:
+// the IO threads are "QThread", the pool's "Thread (pooled)", the caller has
+// the program's name. For telling where the ingest's time goes.
+std::map<std::string, double> cpuByThreadName()
+{
+    std::map<std::string, double> seconds;
+    const double tick = double(sysconf(_SC_CLK_TCK));
+    const QDir tasks(QStringLiteral("/proc/self/task"));
+    for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile comm(tasks.filePath(task + QStringLiteral("/comm")));
+        QFile stat(tasks.filePath(task + QStringLiteral("/stat")));
+        if (!comm.open(QIODevice::ReadOnly) || !stat.open(QIODevice::ReadOnly))
+            continue;
+        const std::string name = comm.readAll().trimmed().toStdString();
+        // Fields after the parenthesised name: state is field 3, utime 14, stime 15.
+        const QByteArray line = stat.readAll();
+        const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
+        if (fields.size() > 12)
+            seconds[name] += (fields[11].toDouble() + fields[12].toDouble()) / tick;
+    }
+    return seconds;
+}
+
+double cpuDelta(const std::map<std::string, double> &before,
+                const std::map<std::string, double> &after, const std::string &name)
+{
+    const auto a = after.find(name);
+    const auto b = before.find(name);
+    return (a == after.end() ? 0.0 : a->second) - (b == before.end() ? 0.0 : b->second);
+}
+
 // Tiles first .. first + count - 1, made on every core.
 std::vector<QByteArray> makeTiles(int first, int count)
 {
-    std::vector<QByteArray> tiles(size_t(count));
-    std::vector<int> indexes(size_t(count));
+    std::vector<QByteArray> tiles(static_cast<size_t>(count));
+    std::vector<int> indexes(static_cast<size_t>(count));
     std::iota(indexes.begin(), indexes.end(), 0);
-    QtConcurrent::blockingMap(indexes,
-                              [&tiles, first](int k) { tiles[size_t(k)] = makeImageLikeTile(first + k); });
+    QtConcurrent::blockingMap(
+            indexes, [&tiles, first](int k) { tiles[size_t(k)] = makeImageLikeTile(first + k); });
     return tiles;
 }
 
 void waitForWriters(RvoDataBlockManager &m, Mode mode)
 {
-    if (mode != AsyncPollFull) {
+    if (mode != SyncPollFull) {
         m.processIO();
         return;
     }
     while (m.isWriteThreadsFull())
         QThread::msleep(1);
+}
+
+// Reads every block back through a const accessor, in order, comparing it
+// with the tile made again; only the reading and comparing are timed. With
+// readAhead, the blocks kReadAhead places ahead are preloaded, so that both
+// cores decode, and each block's preload is waited for before its accessor
+// is made (an accessor made meanwhile would load the block a second time).
+double readBack(const std::vector<RvoDataReference> &refs, bool readAhead, qint64 *mismatches)
+{
+    const int count = int(refs.size());
+    double seconds = 0;
+    for (int first = 0; first < count; first += kReadChunk) {
+        const int chunk = std::min(kReadChunk, count - first);
+        const int end = first + chunk;
+        const std::vector<QByteArray> expected = makeTiles(first, chunk);
+        const Clock::time_point start = Clock::now();
+        if (readAhead) {
+            for (int i = first; i < std::min(first + kReadAhead, end); ++i)
+                refs[size_t(i)].preload(RvoDataBlockManager::PreloadNormal);
+        }
+        for (int i = first; i < end; ++i) {
+            const RvoDataReference &ref = refs[size_t(i)];
+            if (readAhead) {
+                if (i + kReadAhead < end)
+                    refs[size_t(i + kReadAhead)].preload(RvoDataBlockManager::PreloadNormal);
+                const RvoSmartPointer<RvoDataHash> hash = ref.hashPtr();
+                while (hash->isPreloading())
+                    QThread::usleep(20);
+            }
+            const RvoConstAccessor accessor = ref.constAccessor();
+            const QByteArray &tile = expected[size_t(i - first)];
+            if (accessor.size() != tile.size()
+                || std::memcmp(accessor.data(), tile.constData(), size_t(tile.size())) != 0)
+                ++*mismatches;
+        }
+        // Nothing of this chunk is still being decoded while the next one
+        // is made.
+        QThreadPool::globalInstance()->waitForDone();
+        seconds += secondsSince(start);
+    }
+    return seconds;
 }
 
 void BM_IngestAndReadBack(benchmark::State &state)
@@ -108,7 +205,12 @@ void BM_IngestAndReadBack(benchmark::State &state)
 
     double generateSeconds = 0;
     double ingestSeconds = 0;
+    double waitSeconds = 0;
     double readSeconds = 0;
+    double readAheadSeconds = 0;
+    double writerCpu = 0;
+    double poolCpu = 0;
+    double callerCpu = 0;
     qint64 mismatches = 0;
     for (auto _ : state) {
         QTemporaryDir dir;
@@ -122,12 +224,17 @@ void BM_IngestAndReadBack(benchmark::State &state)
 
         std::vector<RvoDataReference> refs;
         refs.reserve(size_t(count));
+        const std::map<std::string, double> cpuBefore = cpuByThreadName();
         start = Clock::now();
+        waitSeconds = 0;
         for (int i = 0; i < count; ++i) {
             refs.push_back(m.addBlock(tiles[size_t(i)], RvoModifyAccessor::CacheContent,
-                                      mode == SyncProcessIO));
+                                      mode != AsyncProcessIO));
+            // From here the manager holds the only copy.
             tiles[size_t(i)] = QByteArray();
+            const Clock::time_point waitStart = Clock::now();
             waitForWriters(m, mode);
+            waitSeconds += secondsSince(waitStart);
         }
         // Every hashing job has made its block live before the flush looks
         // for blocks that are not on disk yet.
@@ -135,39 +242,37 @@ void BM_IngestAndReadBack(benchmark::State &state)
             ref.hashPtr();
         m.flush(true, RvoDataBlockManager::AllThreads);
         ingestSeconds = secondsSince(start);
+        const std::map<std::string, double> cpuAfter = cpuByThreadName();
+        writerCpu = cpuDelta(cpuBefore, cpuAfter, "QThread");
+        poolCpu = cpuDelta(cpuBefore, cpuAfter, "Thread (pooled)");
+        callerCpu = cpuDelta(cpuBefore, cpuAfter, "bench_ingest");
         tiles = std::vector<QByteArray>();
 
         mismatches = 0;
-        readSeconds = 0;
-        for (int first = 0; first < count; first += kReadChunk) {
-            const int chunk = std::min(kReadChunk, count - first);
-            const std::vector<QByteArray> expected = makeTiles(first, chunk);
-            start = Clock::now();
-            for (int k = 0; k < chunk; ++k) {
-                const RvoConstAccessor accessor = refs[size_t(first + k)].constAccessor();
-                const QByteArray &tile = expected[size_t(k)];
-                if (accessor.size() != tile.size()
-                    || std::memcmp(accessor.data(), tile.constData(), size_t(tile.size())) != 0)
-                    ++mismatches;
-            }
-            readSeconds += secondsSince(start);
-        }
+        readSeconds = readBack(refs, false, &mismatches);
+        readAheadSeconds = readBack(refs, true, &mismatches);
 
         refs.clear();
         m.cleanUp();
     }
     const double ingestRate = count / ingestSeconds;
     const double readRate = count / readSeconds;
+    const double readAheadRate = count / readAheadSeconds;
     state.counters["tiles"] = count;
     state.counters["generate_s"] = generateSeconds;
     state.counters["ingest_s"] = ingestSeconds;
     state.counters["ingest_tiles_per_s"] = ingestRate;
+    state.counters["backpressure_wait_s"] = waitSeconds;
+    state.counters["io_threads_cpu_s"] = writerCpu;
+    state.counters["pool_cpu_s"] = poolCpu;
+    state.counters["caller_cpu_s"] = callerCpu;
     state.counters["read_s"] = readSeconds;
     state.counters["read_tiles_per_s"] = readRate;
+    state.counters["read_ahead_tiles_per_s"] = readAheadRate;
     state.counters["mismatches"] = double(mismatches);
     if (mismatches != 0)
         state.SkipWithError("read-back differs from the tiles added");
-    results().push_back({state.name(), ingestRate, readRate, mismatches});
+    results().push_back({modeName(mode), ingestRate, readRate, readAheadRate, mismatches});
 }
 
 // Writes tiles 0..count-1 as DIR/tile-00000.bin, ... for the git baseline.
@@ -182,8 +287,10 @@ int writeTiles(const QString &directory, int count)
         const int chunk = std::min(kReadChunk, count - first);
         const std::vector<QByteArray> tiles = makeTiles(first, chunk);
         for (int k = 0; k < chunk && ok; ++k) {
-            QFile file(directory + QStringLiteral("/tile-%1.bin").arg(first + k, 5, 10, QLatin1Char('0')));
-            ok = file.open(QIODevice::WriteOnly) && file.write(tiles[size_t(k)]) == tiles[size_t(k)].size();
+            QFile file(directory
+                       + QStringLiteral("/tile-%1.bin").arg(first + k, 5, 10, QLatin1Char('0')));
+            ok = file.open(QIODevice::WriteOnly)
+                    && file.write(tiles[size_t(k)]) == tiles[size_t(k)].size();
         }
     }
     if (!ok) {
@@ -212,7 +319,7 @@ BENCHMARK(BM_IngestAndReadBack)
         ->ArgName("mode")
         ->Arg(AsyncProcessIO)
         ->Arg(SyncProcessIO)
-        ->Arg(AsyncPollFull)
+        ->Arg(SyncPollFull)
         ->Iterations(1)
         ->Unit(benchmark::kSecond)
         ->UseRealTime();
@@ -251,8 +358,9 @@ int main(int argc, char **argv)
     // One line per run, for scripts: name, tiles per second, mismatches.
     for (const Result &r : results()) {
         std::printf("RESULT %s tiles %d ingest_tiles_per_s %.1f read_tiles_per_s %.1f "
-                    "mismatches %lld\n",
-                    r.name.c_str(), g_Tiles, r.ingestRate, r.readRate, r.mismatches);
+                    "read_ahead_tiles_per_s %.1f mismatches %lld\n",
+                    r.mode.c_str(), g_Tiles, r.ingestRate, r.readRate, r.readAheadRate,
+                    r.mismatches);
     }
     return 0;
 }

@@ -46,16 +46,16 @@ constexpr qint64 kLargeBudget = 8LL * 1024 * 1024 * 1024; // nothing is evicted
 constexpr int kHotSetSize = 1000;
 constexpr int kTinyBlockSize = 16;
 
-void silenceDebugOutput()
-{
+// The library's debug channel is off before the manager is first made.
+const bool g_DebugSilenced = [] {
     QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=false"));
-}
+    return true;
+}();
 
 // Distinct image-like blocks, made once, outside every timed region.
 std::vector<QByteArray> &largeBlocks()
 {
     static std::vector<QByteArray> all = [] {
-        silenceDebugOutput();
         std::vector<QByteArray> v;
         for (int i = 0; i < kBlocks; ++i)
             v.push_back(makeImageLikeTile(i, kBlockSize));
@@ -166,17 +166,57 @@ void BM_Skein512_Baseline(benchmark::State &state)
     countBytes(state);
 }
 
+double processCpuSeconds()
+{
+    timespec now {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
+}
+
+double wallSeconds()
+{
+    timespec now {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
+}
+
+// The CPU the whole process (caller, pool, IO threads) used during the timed
+// parts, in cores: near 2 means both cores were busy.
+struct CoreUse
+{
+    double cpu = 0;
+    double wall = 0;
+    double cpuStart = 0;
+    double wallStart = 0;
+    void start()
+    {
+        cpuStart = processCpuSeconds();
+        wallStart = wallSeconds();
+    }
+    void stop()
+    {
+        cpu += processCpuSeconds() - cpuStart;
+        wall += wallSeconds() - wallStart;
+    }
+    void report(benchmark::State &state) const
+    {
+        state.counters["cores_used"] = wall > 0 ? cpu / wall : 0;
+    }
+};
+
 // Between iterations, untimed: the references are gone and the write thread
 // has finished the disk copies, which frees the blocks, so memory stays flat.
 // With newContent the next iteration's blocks get fresh content.
 void betweenIterations(benchmark::State &state, RvoDataBlockManager &m,
-                       std::vector<QByteArray> &blocks, bool newContent)
+                       std::vector<QByteArray> &blocks, bool newContent, CoreUse &use)
 {
+    use.stop();
     state.PauseTiming();
     m.flush(false, RvoDataBlockManager::WriteThreads);
     if (newContent)
         makeContentNew(blocks);
     state.ResumeTiming();
+    use.start();
 }
 
 // Content already on disk is written once before timing; the write thread
@@ -203,13 +243,17 @@ void BM_AddBlockSync(benchmark::State &state)
     prepareContent(m, blocks, newContent);
     std::vector<RvoDataReference> refs;
     refs.reserve(blocks.size());
+    CoreUse use;
+    use.start();
     for (auto _ : state) {
         for (const QByteArray &block : blocks)
             refs.push_back(m.addBlock(block, RvoModifyAccessor::CacheContent, true));
         refs.clear();
-        betweenIterations(state, m, blocks, newContent);
+        betweenIterations(state, m, blocks, newContent, use);
     }
+    use.stop();
     countBytes(state);
+    use.report(state);
 }
 
 void BM_AddBlockAsync(benchmark::State &state)
@@ -220,15 +264,19 @@ void BM_AddBlockAsync(benchmark::State &state)
     prepareContent(m, blocks, newContent);
     std::vector<RvoDataReference> refs;
     refs.reserve(blocks.size());
+    CoreUse use;
+    use.start();
     for (auto _ : state) {
         for (const QByteArray &block : blocks)
             refs.push_back(m.addBlock(block, RvoModifyAccessor::CacheContent, false));
         for (const RvoDataReference &ref : refs)
             benchmark::DoNotOptimize(ref.hashPtr().data());
         refs.clear();
-        betweenIterations(state, m, blocks, newContent);
+        betweenIterations(state, m, blocks, newContent, use);
     }
+    use.stop();
     countBytes(state);
+    use.report(state);
 }
 
 // --- Lookups, pins and LRU moves ---------------------------------------------
@@ -281,10 +329,10 @@ const LiveSet &live(qint64 count)
     {
         QuietStdout quiet;
         for (qint64 i = 0; i < count; ++i)
-            s.all.push_back(m.addBlock(tinyContent(quint64(i)), RvoModifyAccessor::CacheContent,
-                                       true));
+            s.all.push_back(
+                    m.addBlock(tinyContent(quint64(i)), RvoModifyAccessor::CacheContent, true));
     }
-    std::vector<qint64> order(size_t(count));
+    std::vector<qint64> order(static_cast<size_t>(count));
     std::iota(order.begin(), order.end(), 0);
     std::mt19937_64 random(12345);
     std::shuffle(order.begin(), order.end(), random);
@@ -405,6 +453,12 @@ void BM_BookkeepingPerBlock(benchmark::State &state)
     state.counters["sizeof_RvoDataHash"] = double(sizeof(RvoDataHash));
     state.counters["sizeof_RvoDataBlock"] = double(sizeof(RvoDataBlock));
     state.counters["sizeof_RvoDataReference"] = double(sizeof(RvoDataReference));
+    // What one object of each takes on the heap: the usable size plus the
+    // allocator's 8-byte chunk header.
+    const std::unique_ptr<RvoDataHash> hash(new RvoDataHash);
+    const std::unique_ptr<RvoDataBlock> block(new RvoDataBlock(0, 0));
+    state.counters["heap_RvoDataHash"] = double(malloc_usable_size(hash.get()) + 8);
+    state.counters["heap_RvoDataBlock"] = double(malloc_usable_size(block.get()) + 8);
 }
 
 // Leaves the manager unconfigured so the process ends without IO threads.
@@ -426,8 +480,18 @@ void BM_ZZ_CleanUp(benchmark::State &state)
 BENCHMARK(BM_BookkeepingPerBlock)->Arg(100'000)->Iterations(1);
 
 BENCHMARK(BM_Skein512_Baseline)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_AddBlockSync)->ArgName("new_content")->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_AddBlockAsync)->ArgName("new_content")->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_AddBlockSync)
+        ->ArgName("new_content")
+        ->Arg(1)
+        ->Arg(0)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
+BENCHMARK(BM_AddBlockAsync)
+        ->ArgName("new_content")
+        ->Arg(1)
+        ->Arg(0)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
 
 // Grouped by live count, smaller first, so that each set is built once.
 BENCHMARK(BM_PickOnly)->ArgNames({"live", "hot"})->Args({10'000, 1})->Args({10'000, 0});

@@ -16,6 +16,7 @@
 #include "RvoDataReference.h"
 #include "RvoHashingJob.h"
 #include "RvoModifyAccessor.h"
+#include "RvoResultCache.h"
 #include "RvoDataBlockManager.h"
 #include "RvoDataDeleteLocker.h"
 #include "RvoSkein.h"

@@ -2,6 +2,7 @@
 
 #include "RvoDataBlockManager.h"
 #include "RvoDdiDiagnostics_p.h"
+#include "RvoDdiMutexLocker.h"
 
 #include <cstring>
 #include <limits>
@@ -141,4 +142,30 @@ bool RvoDataBlock::operator==(const RvoDataBlock &other) const
 qint64 RvoDataBlock::maxBlockSize()
 {
     return qMin<qint64>(RvoDataBlockManager::instance().maxDataCacheSize(), 0x7FFFFFFF);
+}
+
+void RvoDataBlock::dispose(RvoDataBlock *block)
+{
+    if (!block)
+        return;
+    {
+        RvoDdiMutexLocker locker(&block->m_Mutex);
+        if (block->m_PendingSaves > 0) {
+            block->m_Disposed = true;
+            return;
+        }
+    }
+    delete block;
+}
+
+void RvoDataBlock::beginSave()
+{
+    RvoDdiMutexLocker locker(&m_Mutex);
+    ++m_PendingSaves;
+}
+
+bool RvoDataBlock::endSave()
+{
+    RvoDdiMutexLocker locker(&m_Mutex);
+    return --m_PendingSaves == 0 && m_Disposed;
 }

@@ -85,6 +85,11 @@ public:
     bool operator==(const RvoDataBlock &other) const;
     bool operator!=(const RvoDataBlock &other) const { return !(*this == other); }
 
+    // Deletes a block that its owner gives up, or, while saves of it are
+    // queued, leaves the deletion to the last of them (a save request holds
+    // the block's address without owning it).
+    static void dispose(RvoDataBlock *block);
+
     // The largest block the manager accepts: its budget, at most 2^31 - 1.
     static qint64 maxBlockSize();
     // Always -1: live blocks are not counted.
@@ -106,6 +111,16 @@ protected:
     bool m_Compressed = false;
     // Set by the write thread once the block is on disk, read by others.
     std::atomic<bool> m_Cached {false};
+
+private:
+    // A save of this block was queued / has been done; endSave() is true
+    // when the block was disposed of meanwhile and is now to be deleted.
+    void beginSave();
+    bool endSave();
+
+    // Both guarded by m_Mutex.
+    int m_PendingSaves = 0;
+    bool m_Disposed = false;
 };
 
 #endif // RVODATABLOCK_H

@@ -33,8 +33,22 @@ RvoDataBlockManagerWriteThread::~RvoDataBlockManagerWriteThread()
         dropped.swap(m_Queue);
         m_BytesInQueue = 0;
     }
-    // Digest references are released outside the lock: a last release
-    // reaches the manager.
+    // Unwritten saves let go of their blocks as a finished save would;
+    // digest references are released outside the lock, since a last
+    // release reaches the manager.
+    for (Entry &entry : dropped)
+        finishWith(entry.request);
+}
+
+void RvoDataBlockManagerWriteThread::finishWith(RvoDataBlockSaveRequest &request)
+{
+    RvoDataBlock *block = request.block;
+    if (!block)
+        return;
+    if (request.deleteAfterWrite)
+        RvoDataBlock::dispose(block);
+    else if (block->endSave())
+        delete block; // the manager gave it up while this save was queued
 }
 
 void RvoDataBlockManagerWriteThread::writeBlock(RvoDataBlockManager::PreloadPriority priority,
@@ -45,9 +59,13 @@ void RvoDataBlockManagerWriteThread::writeBlock(RvoDataBlockManager::PreloadPrio
         return;
     if (block->cached()) {
         if (deleteAfterWrite)
-            delete block;
+            RvoDataBlock::dispose(block);
         return;
     }
+    // A save that does not own the block keeps the manager from deleting it
+    // until the save is done.
+    if (!deleteAfterWrite)
+        block->beginSave();
     Entry entry {int(priority), block->size(), {std::move(hash), block, deleteAfterWrite}};
     {
         std::lock_guard<std::mutex> locker(m_Lock);
@@ -168,11 +186,10 @@ void RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &requ
             }
         }
         // A block that could not be written is not marked: it is not on disk.
-        if (onDisk && !request.deleteAfterWrite)
+        if (onDisk)
             block->m_Cached.store(true, std::memory_order_release);
     }
-    if (request.deleteAfterWrite)
-        delete block;
+    finishWith(request);
 
     // A last release retires the digest, which reaches the manager's tables.
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();

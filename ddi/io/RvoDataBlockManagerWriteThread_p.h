@@ -77,6 +77,9 @@ private:
         RvoDataBlockSaveRequest request;
     };
 
+    // Lets go of a request's block: deletes it when the request owns it, or
+    // when the manager gave it up while the save was queued.
+    static void finishWith(RvoDataBlockSaveRequest &request);
     // Writes header and payload to a temporary file and renames it to
     // `path`. False, with nothing left behind, when that fails.
     bool publish(const QString &directory, const QString &fileName, qint64 size,

@@ -9,6 +9,7 @@
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDdiLog.h"
 #include "RvoDdiMutexLocker.h"
+#include "RvoGarbageCollectorThread_p.h"
 #include "RvoHashManager.h"
 
 #include <QCoreApplication>
@@ -91,14 +92,18 @@ bool RvoDataBlockManager::setup(const QStringList &roots, qint64 maxCacheSize, i
     for (const QString &root : roots) {
         auto *writer = new RvoDataBlockManagerWriteThread(root, buckets, kWriteQueueCapacity, this);
         auto *reader = new RvoDataBlockManagerReadThread(root, buckets, kReadBackgroundLimit, this);
+        auto *collector = new RvoGarbageCollectorThread(root, buckets, this);
         // Threads added by a later setup follow the current configuration.
         writer->setSubCache(m_SubCache);
         reader->setSubCache(m_SubCache);
+        collector->setSubCache(m_SubCache);
         reader->setRequestPromotionEnabled(requestPromotionEnabled());
         writer->start(QThread::InheritPriority);
         reader->start(QThread::InheritPriority);
+        collector->start(QThread::InheritPriority);
         m_ReadThreads.append(reader);
         m_WriteThreads.append(writer);
+        m_CollectorThreads.append(collector);
     }
     m_IsInitialized.store(true, std::memory_order_release);
     return true;
@@ -146,6 +151,9 @@ void RvoDataBlockManager::setSubCache(const QString &name)
         reader->setSubCache(name);
     for (RvoDataBlockManagerWriteThread *writer : std::as_const(m_WriteThreads))
         writer->setSubCache(name);
+    // Waits for a collector's pass under way, which takes no manager lock.
+    for (RvoGarbageCollectorThread *collector : std::as_const(m_CollectorThreads))
+        collector->setSubCache(name);
 }
 
 void RvoDataBlockManager::setRequestPromotionEnabled(bool on)
@@ -214,6 +222,7 @@ void RvoDataBlockManager::cleanUp()
 {
     if (!isInitialized())
         return;
+    stopGarbageCollection();
     stopAllIoThreads();
 
     std::vector<RvoDataBlock *> blocks;
@@ -242,7 +251,7 @@ void RvoDataBlockManager::cleanUp()
                           .arg(stillRead));
     // Freed outside the lock; the digests' lifetime is the registry's.
     for (RvoDataBlock *block : blocks)
-        delete block;
+        RvoDataBlock::dispose(block);
 
     if (QCoreApplication::instance())
         QCoreApplication::processEvents();

@@ -14,8 +14,12 @@
 #include <QStringList>
 #include <QVector>
 
+#include <QVector>
+
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 
 class RvoBlockTable;
 class RvoDataBlock;
@@ -23,6 +27,7 @@ class RvoDataReference;
 class RvoDataBlockManagerReadThread;
 class RvoDataBlockManagerWriteThread;
 class RvoDataDeleteLocker;
+class RvoGarbageCollectorThread;
 
 // The one object through which every data block lives: the blocks in
 // memory, keyed by their interned digest; the memory budget and the
@@ -75,6 +80,17 @@ public:
         AllThreads = 14
     };
 
+    // Implemented by the caller of collectGarbage() to follow its progress.
+    class RVODDI_EXPORT ProgressReporter
+    {
+    public:
+        virtual ~ProgressReporter();
+        virtual void startProgress(const QString &title, int total) = 0;
+        virtual void finishProgress() = 0;
+        // Called once per directory visited; `done` may end above `total`.
+        virtual void setProgress(int done, const QString &text) = 0;
+    };
+
     static RvoDataBlockManager &instance();
     ~RvoDataBlockManager() override;
 
@@ -110,7 +126,19 @@ public:
         return m_RequestPromotionEnabled.load(std::memory_order_relaxed);
     }
     void setRequestPromotionEnabled(bool on);
+    // Garbage collection: while on, each root's collector deletes the block
+    // files of the current sub-cache whose digests nobody references.
     bool garbageCollecting() const { return m_GarbageCollecting.load(std::memory_order_acquire); }
+    void startGarbageCollection();
+    // Switches collection off and returns when no pass is under way.
+    void stopGarbageCollection();
+    // A collector asks before a pass (false: it must not collect) and signs
+    // off after a permitted one.
+    bool garbageCollectingThreadStarted();
+    void garbageCollectingThreadFinished();
+    // One pass over every root on the calling thread (when collection is
+    // on), reporting the directories visited; reporter may be null.
+    void collectGarbage(ProgressReporter *reporter);
 
     void validateState();
     void dumpStats();
@@ -136,6 +164,15 @@ public:
     void freeAllBlocks();
     // Appends a reference to every known digest to `out`.
     void snapshot(QList<RvoDataReference> &out) const;
+
+    // Stores the members' digests, in order, as one block (hashed on the
+    // thread pool: the reference is pending). Equal member lists give equal
+    // groups. A null member, or members of different digest sizes, give a
+    // null reference.
+    RvoDataReference makeGroupBlock(const QVector<RvoDataReference> &members);
+    // The members of a group block, in order; empty when `group` is not a
+    // well-formed group block.
+    QVector<RvoDataReference> extractGroupBlock(const RvoDataReference &group);
 
     // Brings the block of `ref` into memory on its root's read thread, or
     // refreshes its LRU place when it is in memory already.
@@ -192,6 +229,7 @@ private:
     friend class RvoModifyAccessor;
     friend class RvoDataBlockManagerReadThread;
     friend class RvoDataBlockManagerWriteThread;
+    friend class RvoGarbageCollectorThread;
     friend class RvoDataBlockManagerTestAccess;
 
     void lockDeletes() { m_DeleteLock.lock(); }
@@ -218,6 +256,7 @@ private:
     // Copies of the thread vectors, taken under the delete lock.
     QVector<RvoDataBlockManagerWriteThread *> writeThreads() const;
     QVector<RvoDataBlockManagerReadThread *> readThreads() const;
+    QVector<RvoGarbageCollectorThread *> collectorThreads() const;
 
     // Blocks in memory and the LRU, guarded by m_DeleteLock. The table owns
     // the blocks.
@@ -235,6 +274,16 @@ private:
     // Index i serves m_CacheRoots[i]. Changed under m_DeleteLock.
     QVector<RvoDataBlockManagerReadThread *> m_ReadThreads;
     QVector<RvoDataBlockManagerWriteThread *> m_WriteThreads;
+    QVector<RvoGarbageCollectorThread *> m_CollectorThreads;
+    // Guards m_RunningCollectors and the changes of m_GarbageCollecting and
+    // m_GcGeneration; taken alone or inside the delete lock, never around
+    // another lock.
+    std::mutex m_GcMutex;
+    // Signalled when the last running pass ends after collection was
+    // switched off.
+    std::condition_variable m_GcCondition;
+    int m_RunningCollectors = 0;
+    int m_GcGeneration = 0; // counts switches on and off; nothing reads it
     // The manager's main lock: block-map changes, the sub-cache name and the
     // thread vectors. First in the lock order.
     mutable RvoDdiMutex m_DeleteLock {0, RvoDdiMutex::Recursive};

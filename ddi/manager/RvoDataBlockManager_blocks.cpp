@@ -257,7 +257,7 @@ void RvoDataBlockManager::freeBlock(RvoDataHash *hash, bool writeToDisk, bool un
     if (writer)
         writer->writeBlock(PreloadNormal, RvoSmartPointer<RvoDataHash>(hash), block, true);
     else
-        delete block;
+        RvoDataBlock::dispose(block);
 }
 
 void RvoDataBlockManager::freeAllBlocks()
@@ -287,7 +287,7 @@ void RvoDataBlockManager::freeAllBlocks()
         }
     }
     for (auto &entry : freed)
-        delete entry.second;
+        RvoDataBlock::dispose(entry.second);
     flush(false, AllThreads);
 }
 
@@ -313,7 +313,7 @@ void RvoDataBlockManager::releaseLastReference(RvoDataHash *hash)
         if (block)
             m_LiveBytes.fetch_sub(block->size(), std::memory_order_relaxed);
     }
-    delete block;
+    RvoDataBlock::dispose(block);
     delete hash;
 }
 

@@ -8,6 +8,7 @@
 #include "RvoDataBlockManagerWriteThread_p.h"
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDdiMutexLocker.h"
+#include "RvoGarbageCollectorThread_p.h"
 
 #include <QThread>
 
@@ -109,12 +110,20 @@ void RvoDataBlockManager::stopAllIoThreads()
 
     // Taken out under the delete lock, stopped outside it: a thread may need
     // the lock to finish what it is doing.
+    QVector<RvoGarbageCollectorThread *> collectors;
     QVector<RvoDataBlockManagerReadThread *> readers;
     QVector<RvoDataBlockManagerWriteThread *> writers;
     {
         RvoDdiMutexLocker locker(&m_DeleteLock);
+        collectors.swap(m_CollectorThreads);
         readers.swap(m_ReadThreads);
         writers.swap(m_WriteThreads);
+    }
+    // Collectors, then readers, then writers.
+    for (RvoGarbageCollectorThread *collector : std::as_const(collectors)) {
+        collector->closeDown();
+        collector->wait();
+        delete collector;
     }
     for (RvoDataBlockManagerReadThread *reader : std::as_const(readers)) {
         reader->closeDown();

@@ -1,0 +1,91 @@
+#!/usr/bin/env bash
+# Ingest and read-back of image-like tiles: git's object store against
+# RvoDdi, in one run on the same tiles.
+#
+# usage: bench/compare_git.sh [BENCH_INGEST] [TILES] [more bench_ingest options]
+#   BENCH_INGEST  the built bench_ingest (default build/bench/bench/bench_ingest)
+#   TILES         how many 256 KiB tiles (default 8192, that is 2 GiB; 300 for a
+#                 quick run, which stays within the 256 MiB budget and so
+#                 reads back from memory)
+#
+# git side: the tiles are written as files first (untimed), then a fresh
+# repository stores them with `git hash-object -w --stdin-paths` (loose
+# objects, git's defaults) and `git cat-file --batch` reads every object back
+# by the ids hash-object printed. RvoDdi side: bench_ingest --tiles TILES,
+# which adds the same tiles with a 256 MiB budget and one root, flushes
+# everything to disk and reads every block back (see bench_ingest.cpp), once
+# block by block and once more with read-ahead (an extra row). Both sides
+# report tiles per second; the ratios are RvoDdi over git.
+set -euo pipefail
+
+bench=${1:-build/bench/bench/bench_ingest}
+if [ $# -gt 0 ]; then shift; fi
+tiles=${1:-8192}
+if [ $# -gt 0 ]; then shift; fi
+
+if [ ! -x "$bench" ]; then
+    echo "compare_git.sh: no executable bench_ingest at '$bench'" >&2
+    exit 2
+fi
+case $tiles in
+'' | *[!0-9]*)
+    echo "compare_git.sh: TILES must be a positive number, not '$tiles'" >&2
+    exit 2
+    ;;
+esac
+bench=$(cd "$(dirname "$bench")" && pwd)/$(basename "$bench")
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/compare_git.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+now_ns() { date +%s%N; }
+# rate COUNT START_NS END_NS: items per second
+rate() { awk -v n="$1" -v a="$2" -v b="$3" 'BEGIN { printf "%.1f", n / ((b - a) / 1e9) }'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+
+echo "machine: $(nproc) cores, load average $(cut -d' ' -f1-3 /proc/loadavg), $(git --version)"
+echo "writing $tiles tiles into $work/tiles ..."
+"$bench" --write-tiles "$work/tiles" "$tiles"
+# The tile names have fixed-width numbers, so the glob lists them in order.
+printf '%s\n' "$work"/tiles/tile-*.bin > "$work/paths"
+
+git init -q "$work/repo"
+
+start=$(now_ns)
+git -C "$work/repo" hash-object -w --stdin-paths < "$work/paths" > "$work/ids"
+end=$(now_ns)
+git_store=$(rate "$tiles" "$start" "$end")
+
+start=$(now_ns)
+git -C "$work/repo" cat-file --batch < "$work/ids" > /dev/null
+end=$(now_ns)
+git_read=$(rate "$tiles" "$start" "$end")
+
+# Untimed check that git holds every tile at its full size.
+stored=$(git -C "$work/repo" cat-file --batch-check < "$work/ids" | awk '$2 == "blob" && $3 == 262144' | wc -l)
+if [ "$stored" -ne "$tiles" ]; then
+    echo "compare_git.sh: git holds $stored of $tiles tiles" >&2
+    exit 1
+fi
+rm -rf "$work/tiles" "$work/repo"
+
+echo "running $bench --tiles $tiles ..."
+# The first registered mode is the one compared (see bench/RESULTS.md).
+"$bench" --tiles "$tiles" --benchmark_filter='BM_IngestAndReadBack/mode:1/' "$@" | tee "$work/rvoddi.txt"
+result=$(grep '^RESULT ' "$work/rvoddi.txt" | head -n 1)
+if [ -z "$result" ]; then
+    echo "compare_git.sh: bench_ingest printed no RESULT line" >&2
+    exit 1
+fi
+# RESULT <mode> tiles N ingest_tiles_per_s X read_tiles_per_s Y read_ahead_tiles_per_s Z mismatches M
+read -r _ mode _ _ _ rvo_ingest _ rvo_read _ rvo_read_ahead _ mismatches <<< "$result"
+
+echo
+echo "tiles: $tiles (256 KiB each), RvoDdi mode: $mode, mismatches: $mismatches"
+printf '%-28s %12s %12s %8s\n' "" "git" "RvoDdi" "ratio"
+printf '%-28s %12s %12s %7sx\n' "store, tiles per second" "$git_store" "$rvo_ingest" "$(ratio "$rvo_ingest" "$git_store")"
+printf '%-28s %12s %12s %7sx\n' "read back, tiles per second" "$git_read" "$rvo_read" "$(ratio "$rvo_read" "$git_read")"
+printf '%-28s %12s %12s %7sx\n' "  with read-ahead (extra)" "$git_read" "$rvo_read_ahead" "$(ratio "$rvo_read_ahead" "$git_read")"
+if [ "$mismatches" != "0" ]; then
+    exit 1
+fi

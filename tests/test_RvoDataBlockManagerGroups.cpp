@@ -1,0 +1,98 @@
+#include "ManagerTestAccess.h"
+#include "OutputCapture.h"
+#include "RvoConstAccessor.h"
+#include "RvoDataReference.h"
+
+#include <QtEndian>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+RvoDataBlockManager &manager()
+{
+    return RvoDataBlockManager::instance();
+}
+
+RvoDataReference add(const QByteArray &content)
+{
+    return manager().addBlock(content, RvoModifyAccessor::CacheContent, true);
+}
+
+QByteArray bytesOf(const RvoDataReference &ref)
+{
+    const RvoConstAccessor accessor = ref.constAccessor();
+    return QByteArray(reinterpret_cast<const char *>(accessor.data()), int(accessor.size()));
+}
+
+QByteArray header(qint64 magic, qint32 digestSize, qint32 count)
+{
+    QByteArray bytes(16, '\0');
+    qToLittleEndian<qint64>(magic, bytes.data());
+    qToLittleEndian<qint32>(digestSize, bytes.data() + 8);
+    qToLittleEndian<qint32>(count, bytes.data() + 12);
+    return bytes;
+}
+
+} // namespace
+
+TEST(RvoDataBlockManagerGroups, MembersComeBackInOrderFromTheExactLayout)
+{
+    ManagerSetup setup;
+    const QVector<RvoDataReference> members {
+            add(testContent(1, 100)), add(testContent(2, 100)),
+            manager().addBlock(testContent(3, 100), RvoModifyAccessor::CacheContent, false)};
+    const RvoDataReference group = manager().makeGroupBlock(members);
+    QByteArray expected = header(1337, 64, 3);
+    for (const RvoDataReference &member : members)
+        expected += QByteArray(reinterpret_cast<const char *>(member.hashPtr()->data()), 64);
+    EXPECT_EQ(bytesOf(group), expected);
+    EXPECT_EQ(manager().extractGroupBlock(group), members);
+}
+
+TEST(RvoDataBlockManagerGroups, EmptyGroupIsABareHeader)
+{
+    ManagerSetup setup;
+    const RvoDataReference group = manager().makeGroupBlock({});
+    EXPECT_EQ(bytesOf(group), header(1337, 0, 0));
+    EXPECT_TRUE(manager().extractGroupBlock(group).isEmpty());
+}
+
+TEST(RvoDataBlockManagerGroups, GroupsAreNamedByTheirMembersInOrder)
+{
+    ManagerSetup setup;
+    const RvoDataReference a = add(testContent(1, 100));
+    const RvoDataReference b = add(testContent(2, 100));
+    const RvoDataReference ab1 = manager().makeGroupBlock({a, b});
+    const RvoDataReference ab2 = manager().makeGroupBlock({a, b});
+    const RvoDataReference ba = manager().makeGroupBlock({b, a});
+    EXPECT_EQ(ab1.hash(), ab2.hash());
+    EXPECT_TRUE(ab1 == ab2);
+    EXPECT_NE(ab1.hash(), ba.hash());
+}
+
+TEST(RvoDataBlockManagerGroups, MalformedPayloadsGiveNoMembers)
+{
+    ManagerSetup setup;
+    const QByteArray digest(64, '\x05');
+    const QList<QByteArray> payloads {
+            QByteArray("not a group"), // shorter than a header
+            header(1336, 64, 1) + digest, // wrong magic
+            header(1337, 64, 2) + digest, // promises more than it holds
+            header(1337, 48, 1) + QByteArray(48, '\x05'), // no such digest size
+            header(1337, 64, -1), // negative count
+            header(1337, 64, 0x7fffffff) + digest, // a count that would overflow
+    };
+    for (const QByteArray &payload : payloads)
+        EXPECT_TRUE(manager().extractGroupBlock(add(payload)).isEmpty())
+                << payload.toHex().constData();
+    EXPECT_EQ(manager().extractGroupBlock(add(header(1337, 64, 1) + digest)).size(), 1);
+}
+
+TEST(RvoDataBlockManagerGroups, NullMembersAreRefused)
+{
+    ManagerSetup setup;
+    StdoutCapture out;
+    EXPECT_TRUE(manager().makeGroupBlock({add(testContent(1, 10)), RvoDataReference()}).isNull());
+    EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Group member 1 has no digest")});
+}

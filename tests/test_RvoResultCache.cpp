@@ -1,0 +1,89 @@
+#include "ManagerTestAccess.h"
+#include "RvoHashManager.h"
+#include "RvoResultCache.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+namespace {
+
+RvoDataReference reference(const char *content)
+{
+    return RvoDataReference(RvoHashManager::instance().getHash(QByteArray(content)));
+}
+
+} // namespace
+
+TEST(RvoResultCache, FirstResultWinsAndHitsAreCounted)
+{
+    RvoResultCache cache;
+    EXPECT_TRUE(cache.isEnabled());
+    EXPECT_EQ(cache.cacheHits(), 0);
+    EXPECT_EQ(cache.resultCount(), 0);
+    EXPECT_TRUE(cache.lookup(QStringLiteral("blur")).isNull());
+    EXPECT_EQ(cache.cacheHits(), 0) << "a miss is no hit";
+
+    RvoDataReference first = reference("first");
+    RvoDataReference second = reference("second");
+    EXPECT_TRUE(cache.addResult(QStringLiteral("blur"), first));
+    EXPECT_TRUE(cache.addResult(QStringLiteral("blur"), second));
+    EXPECT_EQ(cache.resultCount(), 1);
+    EXPECT_TRUE(cache.lookup(QStringLiteral("blur")) == first);
+    EXPECT_TRUE(cache.lookup(QStringLiteral("blur")) == first);
+    EXPECT_EQ(cache.cacheHits(), 2);
+    EXPECT_FALSE(cache.contains(QStringLiteral("Blur"))) << "keys compare exactly";
+    EXPECT_TRUE(cache.lookup(QStringLiteral("Blur")).isNull());
+}
+
+TEST(RvoResultCache, DisabledCacheIsInvisibleButKeepsItsEntries)
+{
+    RvoResultCache cache;
+    RvoDataReference kept = reference("kept");
+    RvoDataReference refused = reference("refused");
+    cache.addResult(QStringLiteral("a"), kept);
+    cache.setEnabled(false);
+    EXPECT_FALSE(cache.contains(QStringLiteral("a")));
+    EXPECT_TRUE(cache.lookup(QStringLiteral("a")).isNull());
+    EXPECT_FALSE(cache.addResult(QStringLiteral("b"), refused));
+    EXPECT_EQ(cache.resultCount(), 1);
+    EXPECT_EQ(cache.cacheHits(), 0);
+    cache.setEnabled(true);
+    EXPECT_TRUE(cache.lookup(QStringLiteral("a")) == kept);
+    EXPECT_FALSE(cache.contains(QStringLiteral("b")));
+}
+
+TEST(RvoResultCache, HoldsItsReferencesAlive)
+{
+    RvoDataReference result = reference("held");
+    const QString text = result.hash();
+    {
+        RvoResultCache cache;
+        cache.addResult(QStringLiteral("k"), result);
+        result = RvoDataReference();
+        EXPECT_TRUE(RvoHashManager::instance().isHashLive(text));
+    }
+    EXPECT_FALSE(RvoHashManager::instance().isHashLive(text));
+}
+
+TEST(RvoResultCache, ConcurrentAddsAndLookupsKeepOneResultPerKey)
+{
+    RvoResultCache cache;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&cache, t] {
+            for (int i = 0; i < 500; ++i) {
+                RvoDataReference mine = reference(t % 2 ? "odd" : "even");
+                const QString key = QString::number(i % 50);
+                cache.addResult(key, mine);
+                EXPECT_FALSE(cache.lookup(key).isNull());
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(cache.resultCount(), 50);
+    EXPECT_GT(cache.cacheHits(), 0);
+    EXPECT_LE(cache.cacheHits(), 2000);
+}
