@@ -36,12 +36,6 @@ bool inMemory(const RvoDataReference &ref)
     return Access::holdsBlock(hashOf(ref));
 }
 
-QByteArray bytesOf(const RvoDataReference &ref)
-{
-    const RvoConstAccessor accessor = ref.constAccessor();
-    return QByteArray(reinterpret_cast<const char *>(accessor.data()), int(accessor.size()));
-}
-
 } // namespace
 
 TEST(RvoDataBlockManagerBlocks, EqualContentIsStoredOnceButDontCacheBlocksEachHaveAName)

@@ -19,12 +19,6 @@ RvoDataReference add(const QByteArray &content)
     return manager().addBlock(content, RvoModifyAccessor::CacheContent, true);
 }
 
-QByteArray bytesOf(const RvoDataReference &ref)
-{
-    const RvoConstAccessor accessor = ref.constAccessor();
-    return QByteArray(reinterpret_cast<const char *>(accessor.data()), int(accessor.size()));
-}
-
 QByteArray header(qint64 magic, qint32 digestSize, qint32 count)
 {
     QByteArray bytes(16, '\0');

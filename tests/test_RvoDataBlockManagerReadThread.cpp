@@ -46,11 +46,6 @@ QString plantFile(const QString &root, const RvoDataHash *hash, const QByteArray
     return path;
 }
 
-QByteArray bytesOf(const RvoDataBlock *block)
-{
-    return QByteArray(reinterpret_cast<const char *>(block->constData()), int(block->size()));
-}
-
 // Loads `hash` on a reader of `root` that is not running, and expects no
 // block, the file gone, and the debug lines given.
 void expectRefused(const QString &root, const RvoSmartPointer<RvoDataHash> &hash,

@@ -11,11 +11,6 @@
 
 namespace {
 
-QByteArray bytesOf(const RvoConstAccessor &accessor)
-{
-    return QByteArray(reinterpret_cast<const char *>(accessor.data()), int(accessor.size()));
-}
-
 // A future that yields a given reference, to build chains of jobs.
 class FixedFuture : public RvoBlockFuture
 {

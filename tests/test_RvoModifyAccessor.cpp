@@ -7,12 +7,6 @@
 
 namespace {
 
-QByteArray bytesOf(const RvoDataReference &ref)
-{
-    const RvoConstAccessor accessor = ref.constAccessor();
-    return QByteArray(reinterpret_cast<const char *>(accessor.data()), int(accessor.size()));
-}
-
 } // namespace
 
 TEST(RvoModifyAccessor, WritingAndReleasingMakesANewBlockAndLeavesTheOldOne)

@@ -60,6 +60,21 @@ QByteArray testContent(int seed, int size)
     return bytes;
 }
 
+QByteArray bytesOf(const RvoDataBlock *block)
+{
+    return QByteArray(reinterpret_cast<const char *>(block->constData()), int(block->size()));
+}
+
+QByteArray bytesOf(const RvoConstAccessor &accessor)
+{
+    return QByteArray(reinterpret_cast<const char *>(accessor.data()), int(accessor.size()));
+}
+
+QByteArray bytesOf(const RvoDataReference &ref)
+{
+    return bytesOf(ref.constAccessor());
+}
+
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload)
 {
     QByteArray bytes(12, '\0');

@@ -4,10 +4,12 @@
 // Reaches the block manager's and the IO threads' internals for tests, and
 // sets the manager up on temporary roots.
 
+#include "RvoConstAccessor.h"
 #include "RvoDataBlock.h"
 #include "RvoDataBlockManager.h"
 #include "RvoDataBlockManagerReadThread_p.h"
 #include "RvoDataBlockManagerWriteThread_p.h"
+#include "RvoDataReference.h"
 
 #include <QByteArray>
 #include <QElapsedTimer>
@@ -101,6 +103,12 @@ bool waitUntil(Predicate done, int timeoutMs = 10000)
 
 // Image-like test content: varied, compressible bytes.
 QByteArray testContent(int seed, int size = 65536);
+
+// The bytes a block, an accessor or a reference (through a const accessor)
+// gives to read.
+QByteArray bytesOf(const RvoDataBlock *block);
+QByteArray bytesOf(const RvoConstAccessor &accessor);
+QByteArray bytesOf(const RvoDataReference &ref);
 
 // The raw bytes of a block file.
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload);
