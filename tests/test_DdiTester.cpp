@@ -167,6 +167,16 @@ public:
     RvoDataReference m_Held;
 };
 
+// Makes the library report a broken invariant while a check runs.
+class LibraryReport : public RvoSelfCheckHooks
+{
+public:
+    void blocksOnDisk(const QString &, const QList<RvoDataReference> &) override
+    {
+        EXPECT_TRUE(RvoHashManager::instance().addHash(nullptr).isNull());
+    }
+};
+
 } // namespace
 
 TEST(DdiTester, RunOnGeneratedSamplesReportsNoFailureAndOnlyOkLines)
@@ -360,6 +370,19 @@ TEST(DdiTester, ReferenceHeldPastTheRunFailsTheConsistencyReport)
                       .arg(text));
     hold.m_Held = RvoDataReference();
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
+}
+
+TEST(DdiTester, LibraryReportDuringACheckFailsThatCheckAndStaysOffTheOutput)
+{
+    QTemporaryDir data;
+    LibraryReport report;
+    const TesterRun run = runTester(data.path(), &report);
+    EXPECT_EQ(run.failures, 1);
+    EXPECT_EQ(failedLines(run),
+              QStringList {QStringLiteral("[!!] Write and read back every sample block: expected "
+                                          "no report from the library, saw \"Null Hash passed to "
+                                          "addHash\"")});
+    EXPECT_EQ(run.lines.size(), kChecks.size());
 }
 
 TEST(DdiTester, LibraryInUseStopsTheRunAtItsFirstCheck)

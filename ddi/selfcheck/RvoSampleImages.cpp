@@ -17,7 +17,7 @@
 
 namespace {
 
-struct SampleSpec
+struct SampleShape
 {
     const char *name;
     int width;
@@ -27,7 +27,7 @@ struct SampleSpec
 // About 12 MB of pixels, 60-odd blocks in both forms: enough for eviction
 // under a small budget, small enough to keep the run short. The odd size
 // leaves a short last block.
-const SampleSpec kSamples[] = {
+const SampleShape kSamples[] = {
         {"gradients", 1024, 768}, {"shapes", 800, 600},   {"noise", 512, 512},
         {"mixed", 640, 480},      {"patterns", 333, 257}, {"terrain", 1200, 900},
 };
@@ -212,14 +212,14 @@ QStringList RvoSampleImages::generate(const QString &directory, QString *error)
         return written;
     }
     int index = 0;
-    for (const SampleSpec &spec : kSamples) {
-        const QImage image = draw(index, spec.width, spec.height);
+    for (const SampleShape &shape : kSamples) {
+        const QImage image = draw(index, shape.width, shape.height);
         const QString base
                 = QDir(directory).filePath(QStringLiteral("sample-%1-%2-%3x%4")
                                                    .arg(index + 1, 2, 10, QLatin1Char('0'))
-                                                   .arg(QLatin1String(spec.name))
-                                                   .arg(spec.width)
-                                                   .arg(spec.height));
+                                                   .arg(QLatin1String(shape.name))
+                                                   .arg(shape.width)
+                                                   .arg(shape.height));
         ++index;
         const QString png = base + QLatin1Char('.') + pngSuffix();
         if (!image.save(png, "PNG")) {
