@@ -1,0 +1,33 @@
+// The self-check against a collector that keeps everything: this executable
+// links the test double doubles/KeepingCollector.cpp in place of the
+// library's garbage collector thread.
+
+#include "DdiTester.h"
+#include "OutputCapture.h"
+#include "RvoHashManager.h"
+
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+TEST(DdiTesterKeepingCollector, CollectorThatKeepsEverythingFailsTheGarbageCollectionCheckOnly)
+{
+    QTemporaryDir data;
+    DdiTester tester;
+    tester.setTestDataDirectory(data.path());
+    StdoutCapture capture;
+    const int failures = tester.runAllTest(0);
+    const QStringList lines = capture.lines();
+
+    EXPECT_EQ(failures, 1);
+    QStringList failed;
+    for (const QString &line : lines) {
+        if (!line.startsWith(QStringLiteral("[ OK ] ")))
+            failed << line;
+    }
+    // 24 block files written, every other digest dropped: 12 live, 24 kept.
+    EXPECT_EQ(failed,
+              QStringList {QStringLiteral("[!!] Garbage collection: The number of live hashes "
+                                          "differ from the number of live cache files 12 != 24")});
+    EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
+}
