@@ -246,6 +246,8 @@ void RvoDataBlockManager::cleanUp()
         m_GarbageCollecting.store(false, std::memory_order_release);
         m_IsInitialized.store(false, std::memory_order_release);
     }
+    // The log lives in the sub-cache directory that is gone now.
+    RvoDdiLog::instance().setSubCache(QString());
     if (stillRead > 0)
         rvoReport(QStringLiteral("%1 blocks still held by accessors are left to them")
                           .arg(stillRead));
