@@ -47,6 +47,7 @@
 #include <map>
 #include <numeric>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <unistd.h>
@@ -104,12 +105,20 @@ double secondsSince(Clock::time_point start)
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// CPU seconds used so far by this process's threads, summed by thread name:
-// the IO threads are "QThread", the pool's "Thread (pooled)", the caller has
-// the program's name. For telling where the ingest's time goes.
-std::map<std::string, double> cpuByThreadName()
+// The CPU seconds each thread of this process has used so far, by thread
+// id, with the thread's name: the IO threads are "QThread", the pool's
+// "Thread (pooled)", the caller has the program's name. For telling where
+// the ingest's time goes.
+struct ThreadCpu
 {
-    std::map<std::string, double> seconds;
+    std::string name;
+    double user = 0;
+    double system = 0;
+};
+
+std::map<int, ThreadCpu> threadCpu()
+{
+    std::map<int, ThreadCpu> threads;
     const double tick = double(sysconf(_SC_CLK_TCK));
     const QDir tasks(QStringLiteral("/proc/self/task"));
     for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
@@ -117,22 +126,37 @@ std::map<std::string, double> cpuByThreadName()
         QFile stat(tasks.filePath(task + QStringLiteral("/stat")));
         if (!comm.open(QIODevice::ReadOnly) || !stat.open(QIODevice::ReadOnly))
             continue;
-        const std::string name = comm.readAll().trimmed().toStdString();
-        // Fields after the parenthesised name: state is field 3, utime 14, stime 15.
+        // The fields after the parenthesised name start with the state
+        // (field 3); utime and stime are fields 14 and 15.
         const QByteArray line = stat.readAll();
         const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
-        if (fields.size() > 12)
-            seconds[name] += (fields[11].toDouble() + fields[12].toDouble()) / tick;
+        if (fields.size() <= 12)
+            continue;
+        ThreadCpu &thread = threads[task.toInt()];
+        thread.name = comm.readAll().trimmed().toStdString();
+        thread.user = fields[11].toDouble() / tick;
+        thread.system = fields[12].toDouble() / tick;
     }
-    return seconds;
+    return threads;
 }
 
-double cpuDelta(const std::map<std::string, double> &before,
-                const std::map<std::string, double> &after, const std::string &name)
+// CPU used between two snapshots by the threads named `name` (user plus
+// system, and system alone). A thread that ended in between is missed.
+std::pair<double, double> cpuDelta(const std::map<int, ThreadCpu> &before,
+                                   const std::map<int, ThreadCpu> &after, const std::string &name)
 {
-    const auto a = after.find(name);
-    const auto b = before.find(name);
-    return (a == after.end() ? 0.0 : a->second) - (b == before.end() ? 0.0 : b->second);
+    double total = 0;
+    double system = 0;
+    for (const auto &[tid, now] : after) {
+        if (now.name != name)
+            continue;
+        const auto then = before.find(tid);
+        const double user0 = then == before.end() ? 0.0 : then->second.user;
+        const double system0 = then == before.end() ? 0.0 : then->second.system;
+        total += now.user - user0 + now.system - system0;
+        system += now.system - system0;
+    }
+    return {total, system};
 }
 
 // Tiles first .. first + count - 1, made on every core.
@@ -179,8 +203,11 @@ double readBack(const std::vector<RvoDataReference> &refs, bool readAhead, qint6
             if (readAhead) {
                 if (i + kReadAhead < end)
                     refs[size_t(i + kReadAhead)].preload(RvoDataBlockManager::PreloadNormal);
+                // A preload that fails leaves the mark set: after a while the
+                // accessor loads the block itself.
                 const RvoSmartPointer<RvoDataHash> hash = ref.hashPtr();
-                while (hash->isPreloading())
+                const Clock::time_point waitStart = Clock::now();
+                while (hash->isPreloading() && secondsSince(waitStart) < 2.0)
                     QThread::usleep(20);
             }
             const RvoConstAccessor accessor = ref.constAccessor();
@@ -208,9 +235,9 @@ void BM_IngestAndReadBack(benchmark::State &state)
     double waitSeconds = 0;
     double readSeconds = 0;
     double readAheadSeconds = 0;
-    double writerCpu = 0;
-    double poolCpu = 0;
-    double callerCpu = 0;
+    std::pair<double, double> writerCpu;
+    std::pair<double, double> poolCpu;
+    std::pair<double, double> callerCpu;
     qint64 mismatches = 0;
     for (auto _ : state) {
         QTemporaryDir dir;
@@ -224,7 +251,7 @@ void BM_IngestAndReadBack(benchmark::State &state)
 
         std::vector<RvoDataReference> refs;
         refs.reserve(size_t(count));
-        const std::map<std::string, double> cpuBefore = cpuByThreadName();
+        const std::map<int, ThreadCpu> cpuBefore = threadCpu();
         start = Clock::now();
         waitSeconds = 0;
         for (int i = 0; i < count; ++i) {
@@ -242,7 +269,7 @@ void BM_IngestAndReadBack(benchmark::State &state)
             ref.hashPtr();
         m.flush(true, RvoDataBlockManager::AllThreads);
         ingestSeconds = secondsSince(start);
-        const std::map<std::string, double> cpuAfter = cpuByThreadName();
+        const std::map<int, ThreadCpu> cpuAfter = threadCpu();
         writerCpu = cpuDelta(cpuBefore, cpuAfter, "QThread");
         poolCpu = cpuDelta(cpuBefore, cpuAfter, "Thread (pooled)");
         callerCpu = cpuDelta(cpuBefore, cpuAfter, "bench_ingest");
@@ -263,9 +290,12 @@ void BM_IngestAndReadBack(benchmark::State &state)
     state.counters["ingest_s"] = ingestSeconds;
     state.counters["ingest_tiles_per_s"] = ingestRate;
     state.counters["backpressure_wait_s"] = waitSeconds;
-    state.counters["io_threads_cpu_s"] = writerCpu;
-    state.counters["pool_cpu_s"] = poolCpu;
-    state.counters["caller_cpu_s"] = callerCpu;
+    // During the ingest: the read thread is idle, so the IO threads' CPU is
+    // the write thread's.
+    state.counters["io_threads_cpu_s"] = writerCpu.first;
+    state.counters["io_threads_sys_s"] = writerCpu.second;
+    state.counters["pool_cpu_s"] = poolCpu.first;
+    state.counters["caller_cpu_s"] = callerCpu.first;
     state.counters["read_s"] = readSeconds;
     state.counters["read_tiles_per_s"] = readRate;
     state.counters["read_ahead_tiles_per_s"] = readAheadRate;
