@@ -30,19 +30,19 @@
 
 #include <benchmark/benchmark.h>
 
-#include <malloc.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <iostream>
 #include <memory>
 #include <numeric>
 #include <random>
-#include <unistd.h>
 #include <vector>
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <unistd.h>
 
 namespace {
 
@@ -53,7 +53,7 @@ constexpr int kHotSetSize = 1000;
 constexpr int kTinyBlockSize = 16;
 
 // The library's debug channel is off before the manager is first made.
-const bool g_DebugSilenced = [] {
+[[maybe_unused]] const bool g_DebugSilenced = [] {
     QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=false"));
     return true;
 }();
@@ -88,19 +88,57 @@ void makeContentNew(std::vector<QByteArray> &blocks)
 // lookups are timed.
 enum class ManagerKind { None, OneRoot, MemoryOnly };
 
+// Tiny blocks kept live for the lookup benchmarks, and a hot set of
+// references drawn from them.
+struct LiveSet
+{
+    qint64 size = 0;
+    std::vector<RvoDataReference> all;
+    std::vector<RvoDataReference> hot;
+
+    void release()
+    {
+        hot.clear();
+        hot.shrink_to_fit();
+        all.clear();
+        all.shrink_to_fit();
+        size = 0;
+    }
+};
+
+// Holds the live set too, so that the references go before the manager
+// does, whichever benchmarks ran.
 struct ManagerSession
 {
     ManagerKind kind = ManagerKind::None;
     std::unique_ptr<QTemporaryDir> dir;
+    LiveSet live;
+
+    ~ManagerSession()
+    {
+        live.release();
+        if (kind != ManagerKind::None)
+            RvoDataBlockManager::instance().cleanUp();
+    }
 };
 
 ManagerSession &session()
 {
+    // The manager is made first, so that it is destroyed after the session.
+    RvoDataBlockManager::instance();
     static ManagerSession s;
     return s;
 }
 
-void releaseLiveSet();
+LiveSet &liveSet()
+{
+    return session().live;
+}
+
+void releaseLiveSet()
+{
+    liveSet().release();
+}
 
 RvoDataBlockManager &manager(ManagerKind kind)
 {
@@ -153,9 +191,11 @@ private:
 
 // --- Adding 256 KiB blocks --------------------------------------------------
 
+// MB/s: 10^6 bytes per second of timed time.
 void countBytes(benchmark::State &state)
 {
-    state.SetBytesProcessed(state.iterations() * qint64(kBlocks) * kBlockSize);
+    const double bytes = double(state.iterations()) * kBlocks * kBlockSize;
+    state.counters["MB/s"] = benchmark::Counter(bytes / 1e6, benchmark::Counter::kIsRate);
 }
 
 void hashAll(const std::vector<QByteArray> &blocks)
@@ -235,7 +275,7 @@ struct SameStateSkein
             return;
         const double rate = double(bytes) / seconds;
         const double addRate = double(state.iterations()) * kBlocks * kBlockSize / addSeconds;
-        state.counters["skein_same_state_MBps"] = rate / 1e6;
+        state.counters["skein_same_state_MB/s"] = rate / 1e6;
         state.counters["ratio_to_skein_same_state"] = addRate / rate;
     }
 };
@@ -332,29 +372,6 @@ QByteArray tinyContent(quint64 index)
     std::memcpy(bytes.data(), &index, 8);
     std::memcpy(bytes.data() + 8, &salt, 8);
     return bytes;
-}
-
-struct LiveSet
-{
-    qint64 size = 0;
-    std::vector<RvoDataReference> all;
-    std::vector<RvoDataReference> hot;
-};
-
-LiveSet &liveSet()
-{
-    static LiveSet s;
-    return s;
-}
-
-void releaseLiveSet()
-{
-    LiveSet &s = liveSet();
-    s.hot.clear();
-    s.hot.shrink_to_fit();
-    s.all.clear();
-    s.all.shrink_to_fit();
-    s.size = 0;
 }
 
 // `count` tiny blocks in memory and in the LRU (kept between benchmarks of
@@ -528,18 +545,6 @@ void BM_BookkeepingPerBlock(benchmark::State &state)
     state.counters["heap_RvoDataBlock"] = double(malloc_usable_size(block.get()) + 8);
 }
 
-// Leaves the manager unconfigured so the process ends without IO threads.
-void BM_ZZ_CleanUp(benchmark::State &state)
-{
-    for (auto _ : state) {
-        releaseLiveSet();
-        if (session().kind != ManagerKind::None)
-            RvoDataBlockManager::instance().cleanUp();
-        session().kind = ManagerKind::None;
-        session().dir.reset();
-    }
-}
-
 } // namespace
 
 // The memory measurement comes first, while the manager's tables are still
@@ -581,7 +586,5 @@ BENCHMARK(BM_PinUnpin)->Apply([](auto *b) { lookupArgs(b, 10'000, true); });
 BENCHMARK(BM_PickOnly)->Apply([](auto *b) { lookupArgs(b, 1'000'000, false); });
 BENCHMARK(BM_IsInMemory)->Apply([](auto *b) { lookupArgs(b, 1'000'000, true); });
 BENCHMARK(BM_PinUnpin)->Apply([](auto *b) { lookupArgs(b, 1'000'000, true); });
-
-BENCHMARK(BM_ZZ_CleanUp)->Iterations(1);
 
 BENCHMARK_MAIN();

@@ -28,7 +28,7 @@ if [ ! -x "$bench" ]; then
     exit 2
 fi
 case $tiles in
-'' | *[!0-9]*)
+'' | *[!0-9]* | 0 | 0*)
     echo "compare_git.sh: TILES must be a positive number, not '$tiles'" >&2
     exit 2
     ;;
@@ -51,11 +51,16 @@ printf '%s\n' "$work"/tiles/tile-*.bin > "$work/paths"
 
 git init -q "$work/repo"
 
+# Each timed phase starts with no dirty page cache left by the one before
+# (the 2 GiB of tile files, git's objects), which the kernel would otherwise
+# write back while the next phase runs.
+sync
 start=$(now_ns)
 git -C "$work/repo" hash-object -w --stdin-paths < "$work/paths" > "$work/ids"
 end=$(now_ns)
 git_store=$(rate "$tiles" "$start" "$end")
 
+sync
 start=$(now_ns)
 git -C "$work/repo" cat-file --batch < "$work/ids" > /dev/null
 end=$(now_ns)
@@ -68,6 +73,7 @@ if [ "$stored" -ne "$tiles" ]; then
     exit 1
 fi
 rm -rf "$work/tiles" "$work/repo"
+sync
 
 echo "running $bench --tiles $tiles ..."
 # The first registered mode is the one compared (see bench/RESULTS.md).
