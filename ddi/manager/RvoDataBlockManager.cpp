@@ -39,8 +39,12 @@ RvoDataBlockManager::RvoDataBlockManager()
     : m_Blocks(std::make_unique<RvoBlockTable>())
 {
     logBudget(maxDataCacheSize(), maxWritePendingSize());
-    // The registry is made first, so that it outlives the manager.
+    // The registry and the log are made first, so that they outlive the
+    // manager. The log's file is a QObject: first made inside the destructor
+    // at exit, it would tie Qt's thread data to a thread already past its
+    // clean-up, and that data would leak.
     RvoHashManager::instance();
+    RvoDdiLog::instance();
 }
 
 RvoDataBlockManager::~RvoDataBlockManager()
