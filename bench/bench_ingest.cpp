@@ -4,7 +4,8 @@
 // ingest ends with flush(true, AllThreads), when every block is on disk.
 // Then every block is read back through a const accessor, in order, and
 // compared byte for byte with the tile made again: once block by block, and
-// once more preloading a few blocks ahead so that both cores decode.
+// once more preloading a few blocks ahead so that both cores decode (the
+// pass compare_git.sh sets against git).
 // Figures: tiles per second for each phase, and the number of mismatches
 // (must be 0).
 //
@@ -107,7 +108,8 @@ double secondsSince(Clock::time_point start)
 
 // The CPU seconds each thread of this process has used so far, by thread
 // id, with the thread's name: the IO threads are "QThread", the pool's
-// "Thread (pooled)", the caller has the program's name. For telling where
+// "Thread (pooled)", the background compressors "rvoddi-compress", the
+// caller has the program's name. For telling where
 // the ingest's time goes.
 struct ThreadCpu
 {
@@ -237,6 +239,7 @@ void BM_IngestAndReadBack(benchmark::State &state)
     double readAheadSeconds = 0;
     std::pair<double, double> writerCpu;
     std::pair<double, double> poolCpu;
+    std::pair<double, double> compressorCpu;
     std::pair<double, double> callerCpu;
     qint64 mismatches = 0;
     for (auto _ : state) {
@@ -275,6 +278,7 @@ void BM_IngestAndReadBack(benchmark::State &state)
         const std::map<int, ThreadCpu> cpuAfter = threadCpu();
         writerCpu = cpuDelta(cpuBefore, cpuAfter, "QThread");
         poolCpu = cpuDelta(cpuBefore, cpuAfter, "Thread (pooled)");
+        compressorCpu = cpuDelta(cpuBefore, cpuAfter, "rvoddi-compress");
         callerCpu = cpuDelta(cpuBefore, cpuAfter, "bench_ingest");
         tiles = std::vector<QByteArray>();
 
@@ -299,6 +303,7 @@ void BM_IngestAndReadBack(benchmark::State &state)
     state.counters["io_threads_cpu_s"] = writerCpu.first;
     state.counters["io_threads_sys_s"] = writerCpu.second;
     state.counters["pool_cpu_s"] = poolCpu.first;
+    state.counters["compressor_cpu_s"] = compressorCpu.first;
     state.counters["caller_cpu_s"] = callerCpu.first;
     state.counters["read_s"] = readSeconds;
     state.counters["read_tiles_per_s"] = readRate;

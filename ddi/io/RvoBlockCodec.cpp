@@ -76,29 +76,46 @@ int RvoBlockCodec::level()
     return CompressionLevel;
 }
 
-QByteArray RvoBlockCodec::compress(const char *data, qint64 size)
+qint64 RvoBlockCodec::compressBound(qint64 size) const
 {
-    if (size < 0 || size > MaxBlockSize || (!data && size > 0))
-        return QByteArray();
+    if (size < 0 || size > MaxBlockSize)
+        return -1;
     if (size == 0)
-        return QByteArray(ArraySize(HeaderSize), '\0');
+        return HeaderSize;
     if (!m_compressor)
-        return QByteArray();
-
+        return -1;
     const size_t bound = libdeflate_zlib_compress_bound(m_compressor, size_t(size));
     if (bound > size_t(MaxArraySize - HeaderSize))
-        return QByteArray();
-    QByteArray payload(ArraySize(HeaderSize + qint64(bound)), Qt::Uninitialized);
+        return -1;
+    return HeaderSize + qint64(bound);
+}
 
-    uchar *out = reinterpret_cast<uchar *>(payload.data());
-    qToBigEndian(quint32(size), out);
-    const size_t written
-            = libdeflate_zlib_compress(m_compressor, data, size_t(size), out + HeaderSize, bound);
-    // The bound makes this impossible, but libdeflate reports it: check.
-    if (written == 0)
-        return QByteArray();
+qint64 RvoBlockCodec::compress(const char *data, qint64 size, char *out, qint64 capacity)
+{
+    const qint64 bound = compressBound(size);
+    if (bound < 0 || (!data && size > 0) || !out || capacity < HeaderSize)
+        return -1;
+    uchar *header = reinterpret_cast<uchar *>(out);
+    qToBigEndian(quint32(size), header);
+    if (size == 0)
+        return HeaderSize;
+    // With less room than the bound libdeflate may run out, and says so.
+    const size_t written = libdeflate_zlib_compress(m_compressor, data, size_t(size),
+                                                    header + HeaderSize,
+                                                    size_t(capacity - HeaderSize));
+    return written == 0 ? -1 : HeaderSize + qint64(written);
+}
 
-    payload.resize(ArraySize(HeaderSize + qint64(written)));
+QByteArray RvoBlockCodec::compress(const char *data, qint64 size)
+{
+    const qint64 bound = compressBound(size);
+    if (bound < 0)
+        return QByteArray();
+    QByteArray payload(ArraySize(bound), Qt::Uninitialized);
+    const qint64 length = compress(data, size, payload.data(), bound);
+    if (length < 0)
+        return QByteArray();
+    payload.resize(ArraySize(length));
     // Payloads may wait in a write queue: give back the unused end of the
     // worst-case buffer (realloc shrinks in place, nothing is copied).
     payload.squeeze();

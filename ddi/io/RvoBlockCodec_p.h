@@ -27,6 +27,13 @@ public:
     // size negative, beyond the 32-bit length field or beyond what a
     // QByteArray holds, or no memory for the compressor.
     QByteArray compress(const char *data, qint64 size);
+    // The same payload written to out, which holds capacity bytes (at least
+    // compressBound(size) makes it always fit). Returns its length, or -1
+    // when there is none (as above, or capacity too small).
+    qint64 compress(const char *data, qint64 size, char *out, qint64 capacity);
+    // The most bytes compress() writes for size bytes; -1 for a size that
+    // cannot be compressed.
+    qint64 compressBound(qint64 size) const;
 
     // Decodes a payload of length bytes that must hold exactly expectedSize
     // bytes. On any fault (short or corrupt payload, a length field or stream

@@ -4,7 +4,7 @@
 #include "RvoDataBlock.h"
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDiskLayout_p.h"
-#include "RvoReadBufferPool_p.h"
+#include "RvoBufferPool_p.h"
 #include "RvoTsan_p.h"
 
 #include <QDir>
@@ -30,7 +30,7 @@ public:
     // the new block (null when it went to the manager).
     using Decode = bool (*)(DecodeTask &task, RvoDataBlock **block);
 
-    DecodeTask(QFutureInterface<RvoDataBlock *> promise, RvoReadBufferPool::Buffer buffer,
+    DecodeTask(QFutureInterface<RvoDataBlock *> promise, RvoBufferPool::Buffer buffer,
                qint64 length, qint64 size, RvoSmartPointer<RvoDataHash> hash, bool makeLive,
                QString path, Decode decode)
         : promise(std::move(promise))
@@ -50,7 +50,7 @@ public:
         rvoHappensAfter(this);
         RvoDataBlock *block = nullptr;
         const bool decoded = m_Decode(*this, &block);
-        RvoReadBufferPool::instance().release(std::move(buffer));
+        RvoBufferPool::instance().release(std::move(buffer));
         if (decoded) {
             if (block)
                 rvoHappensBefore(block);
@@ -62,7 +62,7 @@ public:
     }
 
     QFutureInterface<RvoDataBlock *> promise;
-    RvoReadBufferPool::Buffer buffer;
+    RvoBufferPool::Buffer buffer;
     qint64 length;
     qint64 size;
     RvoSmartPointer<RvoDataHash> hash;
@@ -213,20 +213,20 @@ RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &has
         discardCorrupt(path, "short");
         return canceledLoad(promise);
     }
-    RvoReadBufferPool::Buffer buffer = RvoReadBufferPool::instance().acquire(blockSize);
+    RvoBufferPool::Buffer buffer = RvoBufferPool::instance().acquire(blockSize);
     if (buffer.isNull()) {
         rvoReport(QStringLiteral("Cannot allocate %1 bytes to read %2").arg(blockSize).arg(path));
         return canceledLoad(promise);
     }
     if (!readWithBackoff(file, kBlockFileHeaderSize, buffer.data(), blockSize)) {
         qCDebug(lcDdi, "Cannot read all Data from File '%s'", qPrintable(path));
-        RvoReadBufferPool::instance().release(std::move(buffer));
+        RvoBufferPool::instance().release(std::move(buffer));
         discardCorrupt(path, "short");
         return canceledLoad(promise);
     }
     file.close();
     if (qFromBigEndian<quint32>(buffer.data()) != quint64(size)) {
-        RvoReadBufferPool::instance().release(std::move(buffer));
+        RvoBufferPool::instance().release(std::move(buffer));
         discardCorrupt(path, "lengths");
         return canceledLoad(promise);
     }

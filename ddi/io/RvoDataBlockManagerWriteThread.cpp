@@ -36,8 +36,10 @@ RvoDataBlockManagerWriteThread::~RvoDataBlockManagerWriteThread()
     // Unwritten saves let go of their blocks as a finished save would;
     // digest references are released outside the lock, since a last
     // release reaches the manager.
-    for (Entry &entry : dropped)
+    for (Entry &entry : dropped) {
+        RvoBlockCompressor::instance().cancel(entry.compression);
         finishWith(entry.request);
+    }
 }
 
 void RvoDataBlockManagerWriteThread::finishWith(RvoDataBlockSaveRequest &request)
@@ -66,7 +68,17 @@ void RvoDataBlockManagerWriteThread::writeBlock(RvoDataBlockManager::PreloadPrio
     // until the save is done.
     if (!deleteAfterWrite)
         block->beginSave();
-    Entry entry {int(priority), block->size(), {std::move(hash), block, deleteAfterWrite}};
+    RvoBlockCompressor::JobPtr compression;
+    QString directory;
+    QString fileName;
+    if (!block->isCompressed()
+        && buildFilename(hash.data(), m_Root, subCache(), quint32(qMax(m_BucketCount, 1)),
+                         directory, fileName)) {
+        compression = RvoBlockCompressor::instance().submit(
+                block->m_Data, directory + QDir::separator() + fileName);
+    }
+    Entry entry {int(priority), block->size(), {std::move(hash), block, deleteAfterWrite},
+                 std::move(compression)};
     {
         std::lock_guard<std::mutex> locker(m_Lock);
         // The queue is sorted: insert after the last entry of a priority not
@@ -150,7 +162,7 @@ void RvoDataBlockManagerWriteThread::run()
         locker.unlock();
         m_Changed.notify_all();
 
-        handleRequest(entry.request);
+        handleRequest(entry.request, entry.compression);
 
         locker.lock();
         m_Busy = false;
@@ -158,8 +170,10 @@ void RvoDataBlockManagerWriteThread::run()
     }
 }
 
-void RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &request)
+void RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &request,
+                                                   const RvoBlockCompressor::JobPtr &compression)
 {
+    RvoBlockCompressor &compressor = RvoBlockCompressor::instance();
     RvoDataBlock *block = request.block;
     QString directory;
     QString fileName;
@@ -172,23 +186,32 @@ void RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &requ
         bool onDisk = QFile::exists(path);
         if (!onDisk) {
             // A block compressed in memory is already in the file's form.
-            const QByteArray payload = block->isCompressed()
-                    ? block->m_Data
-                    : m_Codec.compress(block->m_Data.constData(), block->size());
-            if (payload.isNull() || payload.size() > std::numeric_limits<qint32>::max()) {
+            RvoBlockCompressor::Payload payload;
+            const char *bytes = block->m_Data.constData();
+            qint64 length = block->m_Data.size();
+            if (!block->isCompressed()) {
+                payload = compression ? compressor.take(compression, m_Codec)
+                                      : RvoBlockCompressor::compress(m_Codec, block->m_Data);
+                bytes = payload.data();
+                length = payload.size;
+            }
+            if (length < 0 || length > std::numeric_limits<qint32>::max()) {
                 rvoReport(QStringLiteral("Block %1 of %2 bytes does not fit a block file")
                                   .arg(fileName)
                                   .arg(block->size()));
-            } else if (publish(directory, fileName, block->size(), payload)) {
-                m_BytesWritten.fetch_add(payload.size(), std::memory_order_relaxed);
+            } else if (publish(directory, fileName, block->size(), bytes, length)) {
+                m_BytesWritten.fetch_add(length, std::memory_order_relaxed);
                 m_RequestsHandled.fetch_add(1, std::memory_order_relaxed);
                 onDisk = true;
             }
+            RvoBlockCompressor::release(std::move(payload));
         }
         // A block that could not be written is not marked: it is not on disk.
         if (onDisk)
             block->m_Cached.store(true, std::memory_order_release);
     }
+    // A payload not taken above is not wanted (no-op when it was).
+    compressor.cancel(compression);
     finishWith(request);
 
     // A last release retires the digest, which reaches the manager's tables.
@@ -199,7 +222,7 @@ void RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &requ
 }
 
 bool RvoDataBlockManagerWriteThread::publish(const QString &directory, const QString &fileName,
-                                             qint64 size, const QByteArray &payload)
+                                             qint64 size, const char *payload, qint64 length)
 {
     static std::atomic<quint64> serial {0};
     // Never exactly 15 "-": the collector cannot take it for a block file.
@@ -214,11 +237,11 @@ bool RvoDataBlockManagerWriteThread::publish(const QString &directory, const QSt
         return false;
     }
     char header[kBlockFileHeaderSize];
-    const qint32 blockSize = qint32(payload.size());
+    const qint32 blockSize = qint32(length);
     std::memcpy(header, &size, 8);
     std::memcpy(header + 8, &blockSize, 4);
     const bool written = file.write(header, kBlockFileHeaderSize) == kBlockFileHeaderSize
-            && file.write(payload) == payload.size() && file.flush();
+            && file.write(payload, length) == length && file.flush();
     file.close();
     if (!written) {
         rvoReport(QStringLiteral("Cannot Write File %1").arg(fileName));

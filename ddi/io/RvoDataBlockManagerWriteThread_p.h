@@ -2,6 +2,7 @@
 #define RVODATABLOCKMANAGERWRITETHREAD_P_H
 
 #include "RvoBlockCodec_p.h"
+#include "RvoBlockCompressor_p.h"
 #include "RvoDataBlockManager.h"
 #include "RvoDataBlockSaveRequest_p.h"
 
@@ -19,6 +20,10 @@
 // in the order of a priority queue (ascending priority, first come first
 // served within one). The thread sleeps on a condition while it has nothing
 // to do; enqueueing, taking and finishing a request wake the waiters.
+//
+// Blocks are compressed for their files ahead of their turn by the shared
+// background compressor (RvoBlockCompressor_p.h), so that the thread itself
+// mostly writes files.
 //
 // A block file is written under a temporary name in its bucket directory and
 // renamed when complete, so a reader never meets a half-written file and a
@@ -67,7 +72,8 @@ public:
 protected:
     void run() override;
     // Writes one block file. Runs without the queue lock.
-    void handleRequest(RvoDataBlockSaveRequest &request);
+    void handleRequest(RvoDataBlockSaveRequest &request,
+                       const RvoBlockCompressor::JobPtr &compression = {});
 
 private:
     struct Entry
@@ -75,15 +81,18 @@ private:
         int priority;
         qint64 size; // the block's size when queued
         RvoDataBlockSaveRequest request;
+        // The payload being made in the background; null when the block is
+        // compressed in memory already.
+        RvoBlockCompressor::JobPtr compression;
     };
 
     // Lets go of a request's block: deletes it when the request owns it, or
     // when the manager gave it up while the save was queued.
     static void finishWith(RvoDataBlockSaveRequest &request);
-    // Writes header and payload to a temporary file and renames it to
-    // `path`. False, with nothing left behind, when that fails.
+    // Writes header and payload (length bytes) to a temporary file and
+    // renames it to `path`. False, with nothing left behind, when that fails.
     bool publish(const QString &directory, const QString &fileName, qint64 size,
-                 const QByteArray &payload);
+                 const char *payload, qint64 length);
 
     const QString m_Root;
     // Guards m_SubCache, m_Queue, m_BytesInQueue, m_Closing and m_Busy.
@@ -100,7 +109,8 @@ private:
     std::atomic<qint64> m_BytesWritten {0};
     qint64 m_BytesInQueue = 0;
     std::deque<Entry> m_Queue; // front first
-    // The thread's own compressor, used only by run().
+    // The thread's own compressor, for payloads that no background worker
+    // has started; used only by run().
     RvoBlockCodec m_Codec;
 };
 

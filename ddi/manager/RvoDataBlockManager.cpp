@@ -2,6 +2,7 @@
 
 #include "RvoDataBlockManager.h"
 
+#include "RvoBlockCompressor_p.h"
 #include "RvoBlockTable_p.h"
 #include "RvoDataBlock.h"
 #include "RvoDataBlockManagerReadThread_p.h"
@@ -39,12 +40,13 @@ RvoDataBlockManager::RvoDataBlockManager()
     : m_Blocks(std::make_unique<RvoBlockTable>())
 {
     logBudget(maxDataCacheSize(), maxWritePendingSize());
-    // The registry and the log are made first, so that they outlive the
-    // manager. The log's file is a QObject: first made inside the destructor
+    // The registry, the log and the write threads' compressor are made
+    // first, so that they outlive the manager. The log's file is a QObject: first made inside the destructor
     // at exit, it would tie Qt's thread data to a thread already past its
     // clean-up, and that data would leak.
     RvoHashManager::instance();
     RvoDdiLog::instance();
+    RvoBlockCompressor::instance();
 }
 
 RvoDataBlockManager::~RvoDataBlockManager()

@@ -1,5 +1,5 @@
-#ifndef RVOREADBUFFERPOOL_P_H
-#define RVOREADBUFFERPOOL_P_H
+#ifndef RVOBUFFERPOOL_P_H
+#define RVOBUFFERPOOL_P_H
 
 #include <QtGlobal>
 
@@ -8,13 +8,17 @@
 #include <mutex>
 #include <vector>
 
-// 64-byte-aligned buffers that block files are read into, reused across
-// reads so that a steady stream of loads does not allocate per file. A
-// buffer travels from the reading thread to the pool thread that decodes it
-// and comes back when released.
+// 64-byte-aligned buffers for block files on their way to and from the disk,
+// reused so that a steady stream of loads and saves does not allocate per
+// file. Buffers of this size come from mmap; mapping and unmapping one per
+// block costs page faults, and every unmap interrupts the process's other
+// running threads to flush their TLBs, which slowed hashing beside a stream
+// of saves by a third. A read buffer travels from the reading thread to the
+// pool thread that decodes it; a save's buffer from the compressing thread
+// to the write thread. Both come back when released.
 //
 // Threading: any thread. The pool lock is a leaf of the lock order.
-class RvoReadBufferPool
+class RvoBufferPool
 {
 public:
     struct Free
@@ -32,12 +36,12 @@ public:
         bool isNull() const { return !m_Data; }
 
     private:
-        friend class RvoReadBufferPool;
+        friend class RvoBufferPool;
         std::unique_ptr<char, Free> m_Data;
         qint64 m_Capacity = 0;
     };
 
-    static RvoReadBufferPool &instance();
+    static RvoBufferPool &instance();
 
     // A null buffer when the memory cannot be had.
     Buffer acquire(qint64 size);
@@ -45,8 +49,9 @@ public:
     void release(Buffer buffer);
 
 private:
-    // Buffers kept: enough for the reads and decodes in flight on two cores.
-    static constexpr size_t kMaxKept = 8;
+    // Buffers kept: enough for the reads, decodes and saves in flight on a
+    // few cores.
+    static constexpr size_t kMaxKept = 16;
     // Larger buffers are freed rather than hoarded.
     static constexpr qint64 kMaxKeptCapacity = 16 * 1024 * 1024;
 
@@ -54,4 +59,4 @@ private:
     std::vector<Buffer> m_Free;
 };
 
-#endif // RVOREADBUFFERPOOL_P_H
+#endif // RVOBUFFERPOOL_P_H

@@ -1,12 +1,12 @@
-#include "RvoReadBufferPool_p.h"
+#include "RvoBufferPool_p.h"
 
-RvoReadBufferPool &RvoReadBufferPool::instance()
+RvoBufferPool &RvoBufferPool::instance()
 {
-    static RvoReadBufferPool pool;
+    static RvoBufferPool pool;
     return pool;
 }
 
-RvoReadBufferPool::Buffer RvoReadBufferPool::acquire(qint64 size)
+RvoBufferPool::Buffer RvoBufferPool::acquire(qint64 size)
 {
     {
         std::lock_guard<std::mutex> locker(m_Lock);
@@ -31,7 +31,7 @@ RvoReadBufferPool::Buffer RvoReadBufferPool::acquire(qint64 size)
     return buffer;
 }
 
-void RvoReadBufferPool::release(Buffer buffer)
+void RvoBufferPool::release(Buffer buffer)
 {
     if (buffer.isNull() || buffer.m_Capacity > kMaxKeptCapacity)
         return;
