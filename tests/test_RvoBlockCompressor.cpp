@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -110,20 +111,37 @@ TEST(RvoBlockCompressor, WorkersAreNamedAndRunAtLowerPriority)
             compressor.take(compressor.submit(jobBytes(1), QStringLiteral("/nonexistent/d")),
                             codec));
 
-    const QDir tasks(QStringLiteral("/proc/self/task"));
-    int workers = 0;
-    for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        if (readFile(tasks.filePath(task + QStringLiteral("/comm"))).trimmed()
-            != "rvoddi-compress")
-            continue;
-        ++workers;
-        // Fields after the parenthesised name start with the state (field
-        // 3); nice is field 19.
-        const QByteArray stat = readFile(tasks.filePath(task + QStringLiteral("/stat")));
-        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
-        ASSERT_GT(fields.size(), 16);
-        EXPECT_EQ(fields[16].toInt(), 10) << "thread " << task.toStdString();
-    }
-    EXPECT_EQ(workers, qMax(1, QThread::idealThreadCount()));
+    // The workers name themselves and step back as they start: wait for all.
+    struct Worker
+    {
+        QString task;
+        int nice;
+    };
+    auto workers = [] {
+        std::vector<Worker> found;
+        const QDir tasks(QStringLiteral("/proc/self/task"));
+        for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            if (readFile(tasks.filePath(task + QStringLiteral("/comm"))).trimmed()
+                != "rvoddi-compress")
+                continue;
+            // Fields after the parenthesised name start with the state
+            // (field 3); nice is field 19.
+            const QByteArray stat = readFile(tasks.filePath(task + QStringLiteral("/stat")));
+            const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+            found.push_back({task, fields.size() > 16 ? fields[16].toInt() : -100});
+        }
+        return found;
+    };
+    const size_t expected = size_t(qMax(1, QThread::idealThreadCount()));
+    waitUntil([&] {
+        const std::vector<Worker> found = workers();
+        return found.size() == expected
+                && std::all_of(found.begin(), found.end(),
+                               [](const Worker &w) { return w.nice == 10; });
+    });
+    const std::vector<Worker> found = workers();
+    EXPECT_EQ(found.size(), expected);
+    for (const Worker &worker : found)
+        EXPECT_EQ(worker.nice, 10) << "thread " << worker.task.toStdString();
 }
 #endif
