@@ -14,10 +14,11 @@
 // manager holds the only copy. For the read-back they are made again in
 // chunks, with the clock stopped while nothing of the manager runs.
 //
-// The modes differ in how tiles are added: asynchronously with processIO
-// between adds (the fastest, used for the comparison with git), synchronously
-// with processIO, and synchronously waiting for the write queue in 1 ms
-// steps.
+// The modes differ in how tiles are added and how the producer lets the
+// write queue drain: asynchronously, waiting in 1 ms steps while the write
+// queue is full (the fastest, used for the comparison with git); the same
+// with processIO, which sleeps a whole second at a time; synchronously with
+// processIO; and synchronously with 1 ms steps.
 //
 // bench_ingest [--tiles N] [benchmark options]
 // bench_ingest --write-tiles DIR N   writes tiles 0..N-1 as DIR/tile-00000.bin
@@ -69,7 +70,14 @@ enum Mode {
     // As SyncProcessIO, but the producer waits in 1 ms steps while
     // isWriteThreadsFull(), where processIO sleeps a whole second at a time.
     SyncPollFull = 2,
+    // Asynchronous adds, waiting in 1 ms steps while isWriteThreadsFull().
+    AsyncPollFull = 3,
 };
+
+bool isAsynchronous(Mode mode)
+{
+    return mode == AsyncProcessIO || mode == AsyncPollFull;
+}
 
 const char *modeName(Mode mode)
 {
@@ -80,6 +88,8 @@ const char *modeName(Mode mode)
         return "async_processIO";
     case SyncPollFull:
         return "sync_poll_full";
+    case AsyncPollFull:
+        return "async_poll_full";
     }
     return "unknown";
 }
@@ -174,7 +184,7 @@ std::vector<QByteArray> makeTiles(int first, int count)
 
 void waitForWriters(RvoDataBlockManager &m, Mode mode)
 {
-    if (mode != SyncPollFull) {
+    if (mode == SyncProcessIO || mode == AsyncProcessIO) {
         m.processIO();
         return;
     }
@@ -262,7 +272,7 @@ void BM_IngestAndReadBack(benchmark::State &state)
         waitSeconds = 0;
         for (int i = 0; i < count; ++i) {
             refs.push_back(m.addBlock(tiles[size_t(i)], RvoModifyAccessor::CacheContent,
-                                      mode != AsyncProcessIO));
+                                      !isAsynchronous(mode)));
             // From here the manager holds the only copy.
             tiles[size_t(i)] = QByteArray();
             const Clock::time_point waitStart = Clock::now();
@@ -356,6 +366,7 @@ bool parseCount(const char *text, int *count)
 // (see RESULTS.md for the choice); the others are for comparison.
 BENCHMARK(BM_IngestAndReadBack)
         ->ArgName("mode")
+        ->Arg(AsyncPollFull)
         ->Arg(AsyncProcessIO)
         ->Arg(SyncProcessIO)
         ->Arg(SyncPollFull)
