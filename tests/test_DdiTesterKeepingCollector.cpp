@@ -1,6 +1,6 @@
 // The self-check against a collector that keeps everything: this executable
 // links the test double doubles/KeepingCollector.cpp in place of the
-// library's garbage collector thread.
+// collector's deleteBlock, so that passes run but remove nothing.
 
 #include "DdiTester.h"
 #include "OutputCapture.h"

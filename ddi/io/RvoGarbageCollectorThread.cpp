@@ -108,12 +108,6 @@ void RvoGarbageCollectorThread::collect(RvoDataBlockManager::ProgressReporter *r
     manager.garbageCollectingThreadFinished();
 }
 
-void RvoGarbageCollectorThread::deleteBlock(const QString &path)
-{
-    if (QFile::exists(path))
-        QFile::remove(path);
-}
-
 void RvoGarbageCollectorThread::closeDown()
 {
     {
