@@ -274,32 +274,66 @@ TEST(RvoDataBlockManagerReadThread, PreloadMakesTheBlockLiveAndClearsTheMark)
     EXPECT_EQ(RvoDataBlockManager::instance().liveBytes(), content.size());
 }
 
-TEST(RvoDataBlockManagerReadThread, BlockWrittenByAnotherProcessIsReadBack)
-{
-    QTemporaryDir root;
-    QProcess child;
-    child.start(QStringLiteral(RVODDI_TEST_CHILD),
-                {root.path(), QStringLiteral("Shared"), QStringLiteral("7"), QStringLiteral("21"),
-                 QStringLiteral("22")});
-    ASSERT_TRUE(child.waitForFinished(60000));
-    ASSERT_EQ(child.exitCode(), 0) << child.readAllStandardError().constData();
-    const QStringList texts = QString::fromLocal8Bit(child.readAllStandardOutput())
-                                      .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    ASSERT_EQ(texts.size(), 2);
+namespace {
 
+// Runs the child writer on `root` (sub-cache "Shared", 7 buckets) for the
+// seeds and returns the digest texts it printed.
+QStringList writeInChild(const QString &root, const QList<int> &seeds, bool exitQueued)
+{
+    QStringList args;
+    if (exitQueued)
+        args << QStringLiteral("--exit-queued");
+    args << root << QStringLiteral("Shared") << QStringLiteral("7");
+    for (int seed : seeds)
+        args << QString::number(seed);
+    QProcess child;
+    child.start(QStringLiteral(RVODDI_TEST_CHILD), args);
+    EXPECT_TRUE(child.waitForFinished(60000));
+    EXPECT_EQ(child.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(child.exitCode(), 0) << child.readAllStandardError().constData();
+    return QString::fromLocal8Bit(child.readAllStandardOutput())
+            .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+// Reads every block back in this process and compares it with its seed's
+// content.
+void expectReadBack(const QString &root, const QStringList &texts, const QList<int> &seeds)
+{
+    ASSERT_EQ(texts.size(), seeds.size());
     ManagerSetup setup(0);
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     manager.cleanUp();
-    manager.setup({root.path()}, -1, 7);
+    manager.setup({root}, -1, 7);
     manager.setSubCache(QStringLiteral("Shared"));
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < seeds.size(); ++i) {
         const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(texts.at(i));
         ASSERT_FALSE(hash.isNull());
         RvoDataBlock *block = Reader::waitForBlock(Access::readThread(0)->loadBlock(hash, false));
         ASSERT_NE(block, nullptr) << i;
-        EXPECT_EQ(bytesOf(block), testContent(21 + i));
+        EXPECT_EQ(bytesOf(block), testContent(seeds.at(i))) << i;
         delete block;
     }
+}
+
+} // namespace
+
+TEST(RvoDataBlockManagerReadThread, BlockWrittenByAnotherProcessIsReadBack)
+{
+    QTemporaryDir root;
+    const QList<int> seeds {21, 22};
+    expectReadBack(root.path(), writeInChild(root.path(), seeds, false), seeds);
+}
+
+// A host that returns from main with saves still queued: the manager's own
+// clean-up at exit writes them all, while the threads and pools it uses are
+// still alive.
+TEST(RvoDataBlockManagerReadThread, SavesQueuedWhenAProcessExitsAreWritten)
+{
+    QTemporaryDir root;
+    QList<int> seeds;
+    for (int seed = 300; seed < 340; ++seed)
+        seeds << seed;
+    expectReadBack(root.path(), writeInChild(root.path(), seeds, true), seeds);
 }
 
 // A reader asking for a block while its write is queued or under way gets

@@ -53,7 +53,12 @@ public:
     Payload payload;
 };
 
-RvoBlockCompressor::RvoBlockCompressor() = default;
+RvoBlockCompressor::RvoBlockCompressor()
+{
+    // Workers hand buffers back until the destructor joins them: the pool
+    // is made first so that it is destroyed after this.
+    RvoBufferPool::instance();
+}
 
 RvoBlockCompressor::~RvoBlockCompressor()
 {

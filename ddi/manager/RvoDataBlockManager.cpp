@@ -4,6 +4,7 @@
 
 #include "RvoBlockCompressor_p.h"
 #include "RvoBlockTable_p.h"
+#include "RvoBufferPool_p.h"
 #include "RvoDataBlock.h"
 #include "RvoDataBlockManagerReadThread_p.h"
 #include "RvoDataBlockManagerWriteThread_p.h"
@@ -40,12 +41,15 @@ RvoDataBlockManager::RvoDataBlockManager()
     : m_Blocks(std::make_unique<RvoBlockTable>())
 {
     logBudget(maxDataCacheSize(), maxWritePendingSize());
-    // The registry, the log and the write threads' compressor are made
-    // first, so that they outlive the manager. The log's file is a QObject: first made inside the destructor
-    // at exit, it would tie Qt's thread data to a thread already past its
-    // clean-up, and that data would leak.
+    // What the manager's destructor and IO threads still use is made first,
+    // so that it is destroyed after the manager: the registry, the log, the
+    // buffer pool, then the compressor, whose workers hand buffers back to
+    // the pool until it joins them. The log's file is a QObject: first made
+    // inside the destructor at exit, it would tie Qt's thread data to a
+    // thread already past its clean-up, and that data would leak.
     RvoHashManager::instance();
     RvoDdiLog::instance();
+    RvoBufferPool::instance();
     RvoBlockCompressor::instance();
 }
 
