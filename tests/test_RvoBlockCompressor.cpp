@@ -66,6 +66,34 @@ TEST(RvoBlockCompressor, PayloadsDecodeToTheirJobsBytesWhateverTheOrderOfTaking)
     EXPECT_EQ(compressor.pendingJobs(), 0);
 }
 
+// Each ready payload holds a buffer as large as its block: the workers stop
+// a few payloads ahead of the takers, and a job that is wanted is started
+// even then.
+TEST(RvoBlockCompressor, WorkersStopAFewPayloadsAheadAndStillStartAWantedJob)
+{
+    RvoBlockCompressor &compressor = RvoBlockCompressor::instance();
+    constexpr int kJobs = 40;
+    std::vector<RvoBlockCompressor::JobPtr> jobs;
+    for (int i = 0; i < kJobs; ++i)
+        jobs.push_back(compressor.submit(jobBytes(i), QStringLiteral("/nonexistent/e")));
+    const int ahead = RvoBlockCompressor::kReadyPerWorker * qMax(1, QThread::idealThreadCount());
+    EXPECT_TRUE(waitUntil([&] { return compressor.pendingJobs() == kJobs - ahead; }));
+    EXPECT_FALSE(waitUntil([&] { return compressor.pendingJobs() < kJobs - ahead; }, 300))
+            << "workers ran on with " << ahead << " payloads ready";
+
+    // The last job is wanted while the ready payloads are at their limit.
+    RvoBlockCodec codec;
+    RvoBlockCompressor::Payload last = compressor.take(jobs.back(), codec);
+    EXPECT_EQ(decoded(last, jobBytes(kJobs - 1).size()), jobBytes(kJobs - 1));
+    RvoBlockCompressor::release(std::move(last));
+    for (int i = 0; i + 1 < kJobs; ++i) {
+        RvoBlockCompressor::Payload payload = compressor.take(jobs[size_t(i)], codec);
+        EXPECT_EQ(decoded(payload, jobBytes(i).size()), jobBytes(i)) << "job " << i;
+        RvoBlockCompressor::release(std::move(payload));
+    }
+    EXPECT_EQ(compressor.pendingJobs(), 0);
+}
+
 // A worker that finds the block file skips the job; when the write thread
 // then finds no file (deleted meanwhile, or another sub-cache), take() must
 // still give the payload.

@@ -48,6 +48,7 @@ public:
     State state = Queued;
     bool skipped = false;
     bool cancelled = false; // while Running: nobody wants the payload
+    bool wanted = false; // a write thread waits for it: start it first
     QByteArray data;
     QString path;
     Payload payload;
@@ -113,6 +114,7 @@ void RvoBlockCompressor::startWorkers()
             break;
         }
     }
+    m_MaxReady = kReadyPerWorker * qMax(1, int(m_Workers.size()));
 }
 
 QByteArray RvoBlockCompressor::claim(Job &job)
@@ -150,12 +152,16 @@ RvoBlockCompressor::Payload RvoBlockCompressor::take(const JobPtr &job, RvoBlock
     {
         std::unique_lock<std::mutex> locker(m_Lock);
         if (job->state == Job::Queued) {
-            // Wanted now: it goes before the jobs queued ahead of it.
+            // Wanted now: it goes before the jobs queued ahead of it, and a
+            // worker starts it even when the ready payloads are at their
+            // limit (those may wait for this one to be written first).
+            job->wanted = true;
             const auto queued = std::find(m_Jobs.begin(), m_Jobs.end(), job);
             if (queued != m_Jobs.end() && queued != m_Jobs.begin()) {
                 m_Jobs.erase(queued);
                 m_Jobs.push_front(job);
             }
+            m_Queued.notify_all();
         }
         // The caller waits for the workers rather than compressing at its own
         // priority: compression stays background work even when the write
@@ -166,6 +172,7 @@ RvoBlockCompressor::Payload RvoBlockCompressor::take(const JobPtr &job, RvoBlock
         });
         if (job->state == Job::Done && !job->skipped) {
             job->state = Job::Claimed;
+            tookReady();
             return std::exchange(job->payload, Payload());
         }
         // Skipped (the file was there then), submitted without workers, or
@@ -189,10 +196,28 @@ void RvoBlockCompressor::cancel(const JobPtr &job)
             job->cancelled = true;
             return;
         }
+        if (job->state == Job::Done && !job->skipped)
+            tookReady();
         data = claim(*job);
         payload = std::exchange(job->payload, Payload());
     }
     release(std::move(payload));
+}
+
+void RvoBlockCompressor::tookReady()
+{
+    --m_Ready;
+    // A worker held back by the limit may start the next job.
+    m_Queued.notify_one();
+}
+
+bool RvoBlockCompressor::canStart() const
+{
+    if (m_Jobs.empty())
+        return false;
+    const Job &front = *m_Jobs.front();
+    // Claimed jobs are only popped; a wanted one is started at any count.
+    return front.state != Job::Queued || front.wanted || m_Ready < m_MaxReady;
 }
 
 int RvoBlockCompressor::pendingJobs() const
@@ -211,7 +236,7 @@ void RvoBlockCompressor::work()
     RvoBlockCodec codec;
     std::unique_lock<std::mutex> locker(m_Lock);
     for (;;) {
-        m_Queued.wait(locker, [this] { return m_Stopping || !m_Jobs.empty(); });
+        m_Queued.wait(locker, [this] { return m_Stopping || canStart(); });
         if (m_Stopping)
             return;
         JobPtr job = std::move(m_Jobs.front());
@@ -219,6 +244,7 @@ void RvoBlockCompressor::work()
         if (job->state != Job::Queued)
             continue; // claimed before its turn (its bytes are gone already)
         job->state = Job::Running;
+        ++m_Ready; // its payload's place, held from the start
         QByteArray data = job->data;
         const QString path = job->path;
         locker.unlock();
@@ -233,6 +259,8 @@ void RvoBlockCompressor::work()
         locker.lock();
         job->state = job->cancelled ? Job::Claimed : Job::Done;
         job->skipped = skipped;
+        if (job->cancelled || skipped)
+            --m_Ready; // no payload to wait for a taker
         // A skipped job keeps its bytes: take() compresses them if the file
         // is gone again by the time the write thread looks.
         if (!skipped || job->cancelled)

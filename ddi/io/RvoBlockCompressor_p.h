@@ -81,6 +81,12 @@ public:
     // Jobs queued and not yet started by a worker (for tests).
     int pendingJobs() const;
 
+    // Payloads being made or made and not yet taken, at most, per worker
+    // (a wanted job goes beyond): workers wait
+    // rather than run far ahead of the write threads, since each payload
+    // holds a buffer as large as its block.
+    static constexpr int kReadyPerWorker = 2;
+
 private:
     RvoBlockCompressor();
     Q_DISABLE_COPY_MOVE(RvoBlockCompressor)
@@ -89,20 +95,28 @@ private:
     // m_Lock.
     void startWorkers();
     void work();
+    // Whether a worker may take the front job now. Requires m_Lock.
+    bool canStart() const;
+    // A ready payload was taken or dropped. Requires m_Lock.
+    void tookReady();
     // Takes the job out of the workers' reach and its bytes out of the job.
     // Requires m_Lock.
     static QByteArray claim(Job &job);
 
-    // Guards m_Jobs, every job's fields, m_Stopping and m_Workers.
+    // Guards m_Jobs, every job's fields, m_Ready, m_MaxReady, m_Stopping and
+    // m_Workers.
     // Lock order: a leaf (see RvoDataBlockManager.h).
     mutable std::mutex m_Lock;
-    // Signalled when a job is queued and when stopping.
+    // Signalled when a job is queued, wanted or may start, and when stopping.
     std::condition_variable m_Queued;
     // Signalled when a worker finishes a job and when stopping (take()
     // waits on it).
     std::condition_variable m_Finished;
     std::deque<JobPtr> m_Jobs;
     std::vector<std::thread> m_Workers;
+    // Payloads being made or made and not taken yet.
+    int m_Ready = 0;
+    int m_MaxReady = 0;
     bool m_Stopping = false;
 };
 
