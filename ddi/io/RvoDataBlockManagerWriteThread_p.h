@@ -109,8 +109,8 @@ private:
     std::atomic<qint64> m_BytesWritten {0};
     qint64 m_BytesInQueue = 0;
     std::deque<Entry> m_Queue; // front first
-    // The thread's own compressor, for payloads that no background worker
-    // has started; used only by run().
+    // The thread's own compressor, for the payloads the background workers
+    // do not make (a job they skipped, no workers, exit); used only by run().
     RvoBlockCodec m_Codec;
 };
 
