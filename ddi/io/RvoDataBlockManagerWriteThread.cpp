@@ -1,16 +1,9 @@
 #include "RvoDataBlockManagerWriteThread_p.h"
 
 #include "RvoDataBlock.h"
-#include "RvoDdiDiagnostics_p.h"
 #include "RvoDiskLayout_p.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QFile>
-
-#include <cstring>
 #include <iterator>
-#include <limits>
 
 RvoDataBlockManagerWriteThread::RvoDataBlockManagerWriteThread(const QString &root, int bucketCount,
                                                                int maxRequests, QObject *parent)
@@ -37,7 +30,7 @@ RvoDataBlockManagerWriteThread::~RvoDataBlockManagerWriteThread()
     // digest references are released outside the lock, since a last
     // release reaches the manager.
     for (Entry &entry : dropped) {
-        RvoBlockCompressor::instance().cancel(entry.compression);
+        RvoBlockSaver::instance().cancel(entry.job);
         finishWith(entry.request);
     }
 }
@@ -68,17 +61,16 @@ void RvoDataBlockManagerWriteThread::writeBlock(RvoDataBlockManager::PreloadPrio
     // until the save is done.
     if (!deleteAfterWrite)
         block->beginSave();
-    RvoBlockCompressor::JobPtr compression;
+    RvoBlockSaver::JobPtr job;
     QString directory;
     QString fileName;
     if (!block->isCompressed()
         && buildFilename(hash.data(), m_Root, subCache(), quint32(qMax(m_BucketCount, 1)),
                          directory, fileName)) {
-        compression = RvoBlockCompressor::instance().submit(
-                block->m_Data, directory + QDir::separator() + fileName);
+        job = RvoBlockSaver::instance().submit(block->m_Data, directory, fileName);
     }
     Entry entry {int(priority), block->size(), {std::move(hash), block, deleteAfterWrite},
-                 std::move(compression)};
+                 std::move(job)};
     {
         std::lock_guard<std::mutex> locker(m_Lock);
         // The queue is sorted: insert after the last entry of a priority not
@@ -162,7 +154,7 @@ void RvoDataBlockManagerWriteThread::run()
         locker.unlock();
         m_Changed.notify_all();
 
-        handleRequest(entry.request, entry.compression);
+        handleRequest(entry.request, entry.job);
 
         locker.lock();
         m_Busy = false;
@@ -171,47 +163,30 @@ void RvoDataBlockManagerWriteThread::run()
 }
 
 void RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &request,
-                                                   const RvoBlockCompressor::JobPtr &compression)
+                                                   const RvoBlockSaver::JobPtr &job)
 {
-    RvoBlockCompressor &compressor = RvoBlockCompressor::instance();
+    RvoBlockSaver &saver = RvoBlockSaver::instance();
     RvoDataBlock *block = request.block;
     QString directory;
     QString fileName;
     if (block
         && buildFilename(request.hash.data(), m_Root, subCache(), quint32(qMax(m_BucketCount, 1)),
                          directory, fileName)) {
-        if (!QDir(directory).exists())
-            QDir().mkpath(directory);
-        const QString path = directory + QDir::separator() + fileName;
-        bool onDisk = QFile::exists(path);
-        if (!onDisk) {
-            // A block compressed in memory is already in the file's form.
-            RvoBlockCompressor::Payload payload;
-            const char *bytes = block->m_Data.constData();
-            qint64 length = block->m_Data.size();
-            if (!block->isCompressed()) {
-                payload = compression ? compressor.take(compression, m_Codec)
-                                      : RvoBlockCompressor::compress(m_Codec, block->m_Data);
-                bytes = payload.data();
-                length = payload.size;
-            }
-            if (length < 0 || length > std::numeric_limits<qint32>::max()) {
-                rvoReport(QStringLiteral("Block %1 of %2 bytes does not fit a block file")
-                                  .arg(fileName)
-                                  .arg(block->size()));
-            } else if (publish(directory, fileName, block->size(), bytes, length)) {
-                m_BytesWritten.fetch_add(length, std::memory_order_relaxed);
-                m_RequestsHandled.fetch_add(1, std::memory_order_relaxed);
-                onDisk = true;
-            }
-            RvoBlockCompressor::release(std::move(payload));
+        // A block compressed in memory is already in the file's form.
+        const RvoBlockSaver::Outcome outcome = block->isCompressed()
+                ? RvoBlockSaver::save(block->size(), block->m_Data.constData(),
+                                      block->m_Data.size(), directory, fileName)
+                : saver.finish(job, block->m_Data, directory, fileName, m_Codec);
+        if (outcome.written > 0) {
+            m_BytesWritten.fetch_add(outcome.written, std::memory_order_relaxed);
+            m_RequestsHandled.fetch_add(1, std::memory_order_relaxed);
         }
         // A block that could not be written is not marked: it is not on disk.
-        if (onDisk)
+        if (outcome.onDisk)
             block->m_Cached.store(true, std::memory_order_release);
     }
-    // A payload not taken above is not wanted (no-op when it was).
-    compressor.cancel(compression);
+    // A job not finished above is not wanted (no-op when it was).
+    saver.cancel(job);
     finishWith(request);
 
     // A last release retires the digest, which reaches the manager's tables.
@@ -219,44 +194,4 @@ void RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &requ
     manager.lockDeletes();
     request.hash.reset();
     manager.unlockDeletes();
-}
-
-bool RvoDataBlockManagerWriteThread::publish(const QString &directory, const QString &fileName,
-                                             qint64 size, const char *payload, qint64 length)
-{
-    static std::atomic<quint64> serial {0};
-    // Never exactly 15 "-": the collector cannot take it for a block file.
-    const QString temporary = directory + QDir::separator()
-            + QStringLiteral("write-%1-%2-%3.tmp")
-                      .arg(fileName)
-                      .arg(QCoreApplication::applicationPid())
-                      .arg(serial.fetch_add(1, std::memory_order_relaxed));
-    QFile file(temporary);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        rvoReport(QStringLiteral("Cannot Open File %1").arg(fileName));
-        return false;
-    }
-    char header[kBlockFileHeaderSize];
-    const qint32 blockSize = qint32(length);
-    std::memcpy(header, &size, 8);
-    std::memcpy(header + 8, &blockSize, 4);
-    const bool written = file.write(header, kBlockFileHeaderSize) == kBlockFileHeaderSize
-            && file.write(payload, length) == length && file.flush();
-    file.close();
-    if (!written) {
-        rvoReport(QStringLiteral("Cannot Write File %1").arg(fileName));
-        QFile::remove(temporary);
-        return false;
-    }
-    // rename never replaces: when another writer published the same digest
-    // first, its file holds the same content and this copy goes.
-    const QString path = directory + QDir::separator() + fileName;
-    if (!QFile::rename(temporary, path)) {
-        QFile::remove(temporary);
-        if (!QFile::exists(path)) {
-            rvoReport(QStringLiteral("Cannot Write File %1").arg(fileName));
-            return false;
-        }
-    }
-    return true;
 }

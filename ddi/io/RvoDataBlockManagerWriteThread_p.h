@@ -2,7 +2,7 @@
 #define RVODATABLOCKMANAGERWRITETHREAD_P_H
 
 #include "RvoBlockCodec_p.h"
-#include "RvoBlockCompressor_p.h"
+#include "RvoBlockSaver_p.h"
 #include "RvoDataBlockManager.h"
 #include "RvoDataBlockSaveRequest_p.h"
 
@@ -21,13 +21,9 @@
 // served within one). The thread sleeps on a condition while it has nothing
 // to do; enqueueing, taking and finishing a request wake the waiters.
 //
-// Blocks are compressed for their files ahead of their turn by the shared
-// background compressor (RvoBlockCompressor_p.h), so that the thread itself
-// mostly writes files.
-//
-// A block file is written under a temporary name in its bucket directory and
-// renamed when complete, so a reader never meets a half-written file and a
-// killed process leaves at most a stray temporary file.
+// The files themselves are usually compressed and written ahead of their
+// turn by the shared background saver (RvoBlockSaver_p.h): the thread keeps
+// the order, marks each block saved and lets go of it and its digest.
 //
 // Threading: writeBlock(), the queries, flush(), closeDown() and
 // setSubCache() may be called from any thread; run() and handleRequest()
@@ -71,9 +67,8 @@ public:
 
 protected:
     void run() override;
-    // Writes one block file. Runs without the queue lock.
-    void handleRequest(RvoDataBlockSaveRequest &request,
-                       const RvoBlockCompressor::JobPtr &compression = {});
+    // Saves one block file. Runs without the queue lock.
+    void handleRequest(RvoDataBlockSaveRequest &request, const RvoBlockSaver::JobPtr &job = {});
 
 private:
     struct Entry
@@ -81,18 +76,14 @@ private:
         int priority;
         qint64 size; // the block's size when queued
         RvoDataBlockSaveRequest request;
-        // The payload being made in the background; null when the block is
+        // The save being done in the background; null when the block is
         // compressed in memory already.
-        RvoBlockCompressor::JobPtr compression;
+        RvoBlockSaver::JobPtr job;
     };
 
     // Lets go of a request's block: deletes it when the request owns it, or
     // when the manager gave it up while the save was queued.
     static void finishWith(RvoDataBlockSaveRequest &request);
-    // Writes header and payload (length bytes) to a temporary file and
-    // renames it to `path`. False, with nothing left behind, when that fails.
-    bool publish(const QString &directory, const QString &fileName, qint64 size,
-                 const char *payload, qint64 length);
 
     const QString m_Root;
     // Guards m_SubCache, m_Queue, m_BytesInQueue, m_Closing and m_Busy.
@@ -109,8 +100,8 @@ private:
     std::atomic<qint64> m_BytesWritten {0};
     qint64 m_BytesInQueue = 0;
     std::deque<Entry> m_Queue; // front first
-    // The thread's own compressor, for the payloads the background workers
-    // do not make (a job they skipped, no workers, exit); used only by run().
+    // The thread's own compressor, for the saves the background workers do
+    // not do (no workers, exit, a sub-cache changed); used only by run().
     RvoBlockCodec m_Codec;
 };
 

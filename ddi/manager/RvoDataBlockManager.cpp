@@ -2,7 +2,7 @@
 
 #include "RvoDataBlockManager.h"
 
-#include "RvoBlockCompressor_p.h"
+#include "RvoBlockSaver_p.h"
 #include "RvoBlockTable_p.h"
 #include "RvoBufferPool_p.h"
 #include "RvoDataBlock.h"
@@ -43,14 +43,14 @@ RvoDataBlockManager::RvoDataBlockManager()
     logBudget(maxDataCacheSize(), maxWritePendingSize());
     // What the manager's destructor and IO threads still use is made first,
     // so that it is destroyed after the manager: the registry, the log, the
-    // buffer pool, then the compressor, whose workers hand buffers back to
+    // buffer pool, then the block saver, whose workers hand buffers back to
     // the pool until it joins them. The log's file is a QObject: first made
     // inside the destructor at exit, it would tie Qt's thread data to a
     // thread already past its clean-up, and that data would leak.
     RvoHashManager::instance();
     RvoDdiLog::instance();
     RvoBufferPool::instance();
-    RvoBlockCompressor::instance();
+    RvoBlockSaver::instance();
 }
 
 RvoDataBlockManager::~RvoDataBlockManager()

@@ -58,8 +58,8 @@ class RvoGarbageCollectorThread;
 //      (RvoHashManager::m_Lock); the registry never takes a digest's lock;
 //   4. an IO thread's queue lock (write and read threads' m_Lock), a leaf:
 //      nothing is called out of the thread while it is held;
-//   5. the write threads' background compressor's lock
-//      (RvoBlockCompressor::m_Lock), a leaf;
+//   5. the write threads' background block saver's lock
+//      (RvoBlockSaver::m_Lock), a leaf;
 //   6. the log's file lock (RvoDdiLog::m_Lock), a leaf.
 // A digest's last release takes the delete lock, then the digest's lock,
 // then the registry lock, and takes the digest out of the registry and the

@@ -1,0 +1,303 @@
+#include "RvoBlockSaver_p.h"
+
+#include "RvoBlockCodec_p.h"
+#include "RvoBufferPool_p.h"
+#include "RvoDdiDiagnostics_p.h"
+#include "RvoDiskLayout_p.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QThread>
+
+#ifdef Q_OS_LINUX
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#endif
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <limits>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+// How far the workers step back. At nice 10 a worker gets about a tenth of a
+// core that a host thread also wants, so it still makes progress there, and
+// all of an idle core.
+constexpr int WorkerNice = 10;
+
+// Names the worker for `top -H` and debuggers and lowers its priority.
+void becomeBackgroundWorker()
+{
+#ifdef Q_OS_LINUX
+    pthread_setname_np(pthread_self(), "rvoddi-save");
+    // On Linux the nice value is per thread (a thread id names it). Failure
+    // only leaves the worker at its normal priority.
+    setpriority(PRIO_PROCESS, id_t(syscall(SYS_gettid)), WorkerNice);
+#endif
+}
+
+} // namespace
+
+// A job's states: queued (Queued, in m_Jobs), being saved by a worker
+// (Running), saved by a worker (Done, with its outcome), or claimed by
+// finish() or cancel() before a worker started it (Claimed), after which no
+// worker touches it.
+class RvoBlockSaver::Job
+{
+public:
+    enum State { Queued, Running, Done, Claimed };
+
+    State state = Queued;
+    bool wanted = false; // a write thread waits for it: start it first
+    QByteArray data;
+    QString directory;
+    QString fileName;
+    Outcome outcome;
+};
+
+RvoBlockSaver::RvoBlockSaver()
+{
+    // Workers hand buffers back until the destructor joins them: the pool
+    // is made first so that it is destroyed after this.
+    RvoBufferPool::instance();
+}
+
+RvoBlockSaver::~RvoBlockSaver()
+{
+    {
+        std::lock_guard<std::mutex> locker(m_Lock);
+        m_Stopping = true;
+    }
+    m_Queued.notify_all();
+    m_Finished.notify_all();
+    for (std::thread &worker : m_Workers)
+        worker.join();
+}
+
+RvoBlockSaver &RvoBlockSaver::instance()
+{
+    static RvoBlockSaver saver;
+    return saver;
+}
+
+RvoBlockSaver::JobPtr RvoBlockSaver::submit(const QByteArray &data, const QString &directory,
+                                            const QString &fileName)
+{
+    auto job = std::make_shared<Job>();
+    job->data = data;
+    job->directory = directory;
+    job->fileName = fileName;
+    {
+        std::lock_guard<std::mutex> locker(m_Lock);
+        if (!m_Stopping && m_Workers.empty())
+            startWorkers();
+        // Exit has begun, or the system gave no threads: finish() saves on
+        // its caller.
+        if (m_Stopping || m_Workers.empty()) {
+            job->state = Job::Claimed;
+            return job;
+        }
+        m_Jobs.push_back(job);
+    }
+    m_Queued.notify_one();
+    return job;
+}
+
+void RvoBlockSaver::startWorkers()
+{
+    const int count = qMax(1, QThread::idealThreadCount());
+    for (int i = 0; i < count; ++i) {
+        try {
+            m_Workers.emplace_back([this] { work(); });
+        } catch (const std::system_error &) {
+            // The system has no thread for us: run with those we have.
+            break;
+        }
+    }
+}
+
+QByteArray RvoBlockSaver::claim(Job &job)
+{
+    job.state = Job::Claimed;
+    return std::exchange(job.data, QByteArray());
+}
+
+RvoBlockSaver::Outcome RvoBlockSaver::finish(const JobPtr &job, const QByteArray &data,
+                                             const QString &directory, const QString &fileName,
+                                             RvoBlockCodec &codec)
+{
+    if (job) {
+        std::unique_lock<std::mutex> locker(m_Lock);
+        const bool sameFile = job->directory == directory && job->fileName == fileName;
+        if (job->state == Job::Queued && sameFile && !m_Stopping) {
+            // Wanted now: it goes before the jobs queued ahead of it.
+            job->wanted = true;
+            const auto queued = std::find(m_Jobs.begin(), m_Jobs.end(), job);
+            if (queued != m_Jobs.end() && queued != m_Jobs.begin()) {
+                m_Jobs.erase(queued);
+                m_Jobs.push_front(job);
+            }
+            m_Queued.notify_all();
+        } else if (job->state == Job::Queued) {
+            claim(*job); // saved below, to the file wanted now
+        }
+        // The caller waits for the workers rather than saving at its own
+        // priority: saving stays background work even when the write thread
+        // has caught up with it.
+        m_Finished.wait(locker, [this, &job] {
+            return job->state == Job::Done || job->state == Job::Claimed
+                    || (job->state == Job::Queued && m_Stopping);
+        });
+        if (job->state == Job::Queued)
+            claim(*job); // left behind at exit
+        else if (job->state == Job::Done && sameFile)
+            return job->outcome;
+    }
+    return save(codec, data, directory, fileName);
+}
+
+void RvoBlockSaver::cancel(const JobPtr &job)
+{
+    if (!job)
+        return;
+    QByteArray data; // released outside the lock
+    {
+        std::unique_lock<std::mutex> locker(m_Lock);
+        // A save in progress is let finish: its caller may remove the
+        // directory as soon as this returns.
+        m_Finished.wait(locker, [&job] { return job->state != Job::Running; });
+        if (job->state == Job::Queued)
+            data = claim(*job);
+    }
+}
+
+int RvoBlockSaver::pendingJobs() const
+{
+    std::lock_guard<std::mutex> locker(m_Lock);
+    int pending = 0;
+    for (const JobPtr &job : m_Jobs)
+        pending += job->state == Job::Queued ? 1 : 0;
+    return pending;
+}
+
+void RvoBlockSaver::work()
+{
+    becomeBackgroundWorker();
+    // One compressor per worker, kept for the thread's life.
+    RvoBlockCodec codec;
+    std::unique_lock<std::mutex> locker(m_Lock);
+    for (;;) {
+        m_Queued.wait(locker, [this] { return m_Stopping || !m_Jobs.empty(); });
+        if (m_Stopping)
+            return;
+        JobPtr job = std::move(m_Jobs.front());
+        m_Jobs.pop_front();
+        if (job->state != Job::Queued)
+            continue; // claimed before its turn (its bytes are gone already)
+        job->state = Job::Running;
+        QByteArray data = std::exchange(job->data, QByteArray());
+        const QString directory = job->directory;
+        const QString fileName = job->fileName;
+        locker.unlock();
+
+        const Outcome outcome = save(codec, data, directory, fileName);
+        data = QByteArray();
+
+        locker.lock();
+        job->outcome = outcome;
+        job->state = Job::Done;
+        locker.unlock();
+        m_Finished.notify_all();
+        job.reset();
+        locker.lock();
+    }
+}
+
+RvoBlockSaver::Outcome RvoBlockSaver::save(RvoBlockCodec &codec, const QByteArray &data,
+                                           const QString &directory, const QString &fileName)
+{
+    // Equal content saved before, or by another process sharing the root:
+    // then nothing is compressed.
+    if (QFile::exists(directory + QDir::separator() + fileName))
+        return {true, 0};
+    const qint64 bound = codec.compressBound(data.size());
+    RvoBufferPool::Buffer buffer;
+    qint64 length = -1;
+    if (bound >= 0)
+        buffer = RvoBufferPool::instance().acquire(bound);
+    if (!buffer.isNull())
+        length = codec.compress(data.constData(), data.size(), buffer.data(), buffer.capacity());
+    const Outcome outcome = write(data.size(), buffer.data(), length, directory, fileName);
+    RvoBufferPool::instance().release(std::move(buffer));
+    return outcome;
+}
+
+RvoBlockSaver::Outcome RvoBlockSaver::save(qint64 size, const char *payload, qint64 length,
+                                           const QString &directory, const QString &fileName)
+{
+    if (QFile::exists(directory + QDir::separator() + fileName))
+        return {true, 0};
+    return write(size, payload, length, directory, fileName);
+}
+
+RvoBlockSaver::Outcome RvoBlockSaver::write(qint64 size, const char *payload, qint64 length,
+                                            const QString &directory, const QString &fileName)
+{
+    if (length < 0 || length > std::numeric_limits<qint32>::max()) {
+        rvoReport(QStringLiteral("Block %1 of %2 bytes does not fit a block file")
+                          .arg(fileName)
+                          .arg(size));
+        return {};
+    }
+    if (!QDir(directory).exists())
+        QDir().mkpath(directory);
+    if (!publish(directory, fileName, size, payload, length))
+        return {};
+    return {true, length};
+}
+
+bool RvoBlockSaver::publish(const QString &directory, const QString &fileName, qint64 size,
+                            const char *payload, qint64 length)
+{
+    static std::atomic<quint64> serial {0};
+    // Never exactly 15 "-": the collector cannot take it for a block file.
+    const QString temporary = directory + QDir::separator()
+            + QStringLiteral("write-%1-%2-%3.tmp")
+                      .arg(fileName)
+                      .arg(QCoreApplication::applicationPid())
+                      .arg(serial.fetch_add(1, std::memory_order_relaxed));
+    QFile file(temporary);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        rvoReport(QStringLiteral("Cannot Open File %1").arg(fileName));
+        return false;
+    }
+    char header[kBlockFileHeaderSize];
+    const qint32 blockSize = qint32(length);
+    std::memcpy(header, &size, 8);
+    std::memcpy(header + 8, &blockSize, 4);
+    const bool written = file.write(header, kBlockFileHeaderSize) == kBlockFileHeaderSize
+            && file.write(payload, length) == length && file.flush();
+    file.close();
+    if (!written) {
+        rvoReport(QStringLiteral("Cannot Write File %1").arg(fileName));
+        QFile::remove(temporary);
+        return false;
+    }
+    // rename never replaces: when another writer published the same digest
+    // first, its file holds the same content and this copy goes.
+    const QString path = directory + QDir::separator() + fileName;
+    if (!QFile::rename(temporary, path)) {
+        QFile::remove(temporary);
+        if (!QFile::exists(path)) {
+            rvoReport(QStringLiteral("Cannot Write File %1").arg(fileName));
+            return false;
+        }
+    }
+    return true;
+}

@@ -1,0 +1,202 @@
+#include "ManagerTestAccess.h"
+#include "RvoBlockCodec_p.h"
+#include "RvoBlockSaver_p.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// Distinct, compressible bytes for job i.
+QByteArray jobBytes(int i)
+{
+    QByteArray bytes(64 * 1024 + i, Qt::Uninitialized);
+    for (int k = 0; k < bytes.size(); ++k)
+        bytes[k] = char((k / 7 + i * 31) & 0xFF);
+    return bytes;
+}
+
+QString fileName(int i)
+{
+    return QStringLiteral("block-%1").arg(i);
+}
+
+// What the block file at `path` holds, or a null array when it is not a
+// well-formed block file.
+QByteArray blockIn(const QString &path)
+{
+    const QByteArray file = readFile(path);
+    if (file.size() < 12)
+        return QByteArray();
+    qint64 size = 0;
+    qint32 length = 0;
+    std::memcpy(&size, file.constData(), 8);
+    std::memcpy(&length, file.constData() + 8, 4);
+    if (file.size() != 12 + length)
+        return QByteArray();
+    const QByteArray content = qUncompress(file.mid(12));
+    return content.size() == size ? content : QByteArray();
+}
+
+int filesIn(const QString &directory)
+{
+    return int(QDir(directory).entryList(QDir::Files).size());
+}
+
+} // namespace
+
+// The jobs' bytes exist only inside the jobs (the submitters' copies are
+// gone); they are finished in the reverse order of submission from another
+// thread, so that most are pulled to the front or waited for while running.
+TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderOfFinishing)
+{
+    QTemporaryDir dir;
+    const QString directory = dir.filePath(QStringLiteral("bucket"));
+    RvoBlockSaver &saver = RvoBlockSaver::instance();
+    constexpr int kJobs = 64;
+    std::vector<RvoBlockSaver::JobPtr> jobs(kJobs);
+    std::thread first([&] {
+        for (int i = 0; i < kJobs; i += 2)
+            jobs[size_t(i)] = saver.submit(jobBytes(i), directory, fileName(i));
+    });
+    for (int i = 1; i < kJobs; i += 2)
+        jobs[size_t(i)] = saver.submit(jobBytes(i), directory, fileName(i));
+    first.join();
+
+    std::thread finisher([&] {
+        RvoBlockCodec codec;
+        for (int i = kJobs - 1; i >= 0; --i) {
+            const RvoBlockSaver::Outcome outcome =
+                    saver.finish(jobs[size_t(i)], jobBytes(i), directory, fileName(i), codec);
+            EXPECT_TRUE(outcome.onDisk) << "job " << i;
+            EXPECT_EQ(outcome.written + 12, QFile(directory + "/" + fileName(i)).size());
+        }
+    });
+    finisher.join();
+    EXPECT_EQ(saver.pendingJobs(), 0);
+    for (int i = 0; i < kJobs; ++i)
+        EXPECT_EQ(blockIn(directory + "/" + fileName(i)), jobBytes(i)) << "job " << i;
+    EXPECT_EQ(filesIn(directory), kJobs) << "no temporary file is left";
+}
+
+// A file that is there already holds the same content: it is neither
+// compressed again nor replaced.
+TEST(RvoBlockSaver, ExistingFileIsFoundAndLeftAlone)
+{
+    QTemporaryDir dir;
+    const QByteArray marker("a block file written before");
+    ASSERT_TRUE(writeFile(dir.filePath(fileName(1)), marker));
+    RvoBlockSaver &saver = RvoBlockSaver::instance();
+    RvoBlockCodec codec;
+    const RvoBlockSaver::JobPtr job = saver.submit(jobBytes(1), dir.path(), fileName(1));
+    const RvoBlockSaver::Outcome outcome =
+            saver.finish(job, jobBytes(1), dir.path(), fileName(1), codec);
+    EXPECT_TRUE(outcome.onDisk);
+    EXPECT_EQ(outcome.written, 0);
+    EXPECT_EQ(readFile(dir.filePath(fileName(1))), marker);
+}
+
+// The sub-cache changed between queueing and the save's turn: the file goes
+// where the write thread asks, whatever the worker did meanwhile.
+TEST(RvoBlockSaver, JobForAnotherDirectoryIsSavedWhereFinishAsks)
+{
+    QTemporaryDir dir;
+    const QString before = dir.filePath(QStringLiteral("before"));
+    const QString now = dir.filePath(QStringLiteral("now"));
+    RvoBlockSaver &saver = RvoBlockSaver::instance();
+    RvoBlockCodec codec;
+    for (int i = 0; i < 8; ++i) {
+        const RvoBlockSaver::JobPtr job = saver.submit(jobBytes(i), before, fileName(i));
+        if (i % 2 == 0) // half of them finished by a worker first
+            ASSERT_TRUE(waitUntil([&] { return QFile::exists(before + "/" + fileName(i)); }));
+        const RvoBlockSaver::Outcome outcome =
+                saver.finish(job, jobBytes(i), now, fileName(i), codec);
+        EXPECT_TRUE(outcome.onDisk);
+        EXPECT_EQ(blockIn(now + "/" + fileName(i)), jobBytes(i)) << "job " << i;
+    }
+}
+
+// After cancel() no worker writes the job's file: the caller may remove the
+// directory at once.
+TEST(RvoBlockSaver, NoFileAppearsAfterItsJobIsCancelled)
+{
+    QTemporaryDir dir;
+    RvoBlockSaver &saver = RvoBlockSaver::instance();
+    std::vector<QByteArray> bytes;
+    for (int i = 0; i < 200; ++i)
+        bytes.push_back(jobBytes(i));
+    std::vector<RvoBlockSaver::JobPtr> jobs;
+    for (int i = 0; i < 200; ++i)
+        jobs.push_back(saver.submit(bytes[size_t(i)], dir.path(), fileName(i)));
+    bytes.clear();
+    for (const RvoBlockSaver::JobPtr &job : jobs)
+        saver.cancel(job);
+    EXPECT_EQ(saver.pendingJobs(), 0);
+    const int written = filesIn(dir.path());
+    EXPECT_LT(written, 200) << "the workers cannot have saved every job before the cancels";
+    QThread::msleep(200);
+    EXPECT_EQ(filesIn(dir.path()), written);
+    // Cancelling twice and cancelling null are harmless; without a job the
+    // save happens on the caller.
+    saver.cancel(jobs.front());
+    saver.cancel(nullptr);
+    RvoBlockCodec codec;
+    const QString path = dir.filePath(QStringLiteral("direct"));
+    EXPECT_TRUE(saver.finish(nullptr, jobBytes(3), dir.path(), QStringLiteral("direct"), codec)
+                        .onDisk);
+    EXPECT_EQ(blockIn(path), jobBytes(3));
+}
+
+#ifdef Q_OS_LINUX
+// Saving is background work: one named worker per core, at nice 10.
+TEST(RvoBlockSaver, WorkersAreNamedAndRunAtLowerPriority)
+{
+    QTemporaryDir dir;
+    RvoBlockSaver &saver = RvoBlockSaver::instance();
+    RvoBlockCodec codec;
+    saver.finish(saver.submit(jobBytes(1), dir.path(), fileName(1)), jobBytes(1), dir.path(),
+                 fileName(1), codec);
+
+    // The workers name themselves and step back as they start: wait for all.
+    struct Worker
+    {
+        QString task;
+        int nice;
+    };
+    auto workers = [] {
+        std::vector<Worker> found;
+        const QDir tasks(QStringLiteral("/proc/self/task"));
+        for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            if (readFile(tasks.filePath(task + QStringLiteral("/comm"))).trimmed()
+                != "rvoddi-save")
+                continue;
+            // Fields after the parenthesised name start with the state
+            // (field 3); nice is field 19.
+            const QByteArray stat = readFile(tasks.filePath(task + QStringLiteral("/stat")));
+            const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+            found.push_back({task, fields.size() > 16 ? fields[16].toInt() : -100});
+        }
+        return found;
+    };
+    const size_t expected = size_t(qMax(1, QThread::idealThreadCount()));
+    waitUntil([&] {
+        const std::vector<Worker> found = workers();
+        return found.size() == expected
+                && std::all_of(found.begin(), found.end(),
+                               [](const Worker &w) { return w.nice == 10; });
+    });
+    const std::vector<Worker> found = workers();
+    EXPECT_EQ(found.size(), expected);
+    for (const Worker &worker : found)
+        EXPECT_EQ(worker.nice, 10) << "thread " << worker.task.toStdString();
+}
+#endif
