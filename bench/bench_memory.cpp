@@ -230,10 +230,32 @@ double wallSeconds()
     return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
 }
 
+// The calling thread's time on a CPU and time runnable but waiting for one,
+// in nanoseconds, from Linux's /proc/thread-self/schedstat (zeros elsewhere).
+// The wait is time other threads took from the caller's core.
+struct SchedStat
+{
+    double run = 0;
+    double wait = 0;
+    static SchedStat read()
+    {
+        SchedStat s;
+        if (FILE *f = std::fopen("/proc/thread-self/schedstat", "r")) {
+            if (std::fscanf(f, "%lf %lf", &s.run, &s.wait) != 2)
+                s = SchedStat();
+            std::fclose(f);
+        }
+        return s;
+    }
+};
+
 // The CPU the whole process (caller, pool, IO threads) used during the timed
-// parts, in cores: near 2 means both cores were busy.
+// parts, in cores: near 2 means both cores were busy; and the calling
+// thread's running and waiting time per iteration, in ms.
 struct CoreUse
 {
+    SchedStat schedStart;
+    SchedStat sched;
     double cpu = 0;
     double wall = 0;
     double cpuStart = 0;
@@ -242,15 +264,21 @@ struct CoreUse
     {
         cpuStart = processCpuSeconds();
         wallStart = wallSeconds();
+        schedStart = SchedStat::read();
     }
     void stop()
     {
         cpu += processCpuSeconds() - cpuStart;
         wall += wallSeconds() - wallStart;
+        const SchedStat now = SchedStat::read();
+        sched.run += now.run - schedStart.run;
+        sched.wait += now.wait - schedStart.wait;
     }
     void report(benchmark::State &state) const
     {
         state.counters["cores_used"] = wall > 0 ? cpu / wall : 0;
+        state.counters["caller_run_ms"] = sched.run / 1e6 / double(state.iterations());
+        state.counters["caller_wait_ms"] = sched.wait / 1e6 / double(state.iterations());
     }
 };
 
