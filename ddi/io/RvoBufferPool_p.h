@@ -14,8 +14,8 @@
 // block costs page faults, and every unmap interrupts the process's other
 // running threads to flush their TLBs, which slowed hashing beside a stream
 // of saves by a third. A read buffer travels from the reading thread to the
-// pool thread that decodes it; a save's buffer from the compressing thread
-// to the write thread. Both come back when released.
+// pool thread that decodes it; a save's buffer holds the compressed block
+// while its file is written. Both come back when released.
 //
 // Threading: any thread. The pool lock is a leaf of the lock order.
 class RvoBufferPool

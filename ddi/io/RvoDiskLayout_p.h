@@ -28,7 +28,7 @@ bool buildFilename(const RvoDataHash *hash, const QString &root, const QString &
                    quint32 bucketCount, QString &directory, QString &fileName);
 
 // Whether a file name has the shape of a 64-byte digest's text form: exactly
-// 15 "-". Temporary files of the write thread never do.
+// 15 "-". Temporary files of the block saver never do.
 bool isBlockFileName(const QString &fileName);
 
 #endif // RVODISKLAYOUT_P_H
