@@ -6,6 +6,7 @@
 #include "RvoDataReference.h"
 #include "RvoHashManager.h"
 #include "RvoOutputCapture_p.h"
+#include "RvoSelfCheckCache_p.h"
 
 #include <QtEndian>
 
@@ -123,6 +124,21 @@ bool RvoSelfCheckRun::haveSamples(Result *result) const
         return true;
     *result = mismatch(QStringLiteral("sample blocks"), QStringLiteral("none (see Sample files)"));
     return false;
+}
+
+std::unique_ptr<RvoSelfCheckCache> RvoSelfCheckRun::openCache(Result *result, int roots,
+                                                              qint64 budget, int buckets,
+                                                              const QString &subCache) const
+{
+    if (!haveSamples(result))
+        return nullptr;
+    auto cache = std::make_unique<RvoSelfCheckCache>(m_Options.cacheDirectory, roots, budget,
+                                                     buckets, subCache);
+    if (!cache->error().isEmpty()) {
+        *result = fail(cache->error());
+        return nullptr;
+    }
+    return cache;
 }
 
 RvoSelfCheckRun::Result RvoSelfCheckRun::checkLibraryIdle()

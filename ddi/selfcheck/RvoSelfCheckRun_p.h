@@ -1,13 +1,16 @@
 #ifndef RVOSELFCHECKRUN_P_H
 #define RVOSELFCHECKRUN_P_H
 
+#include "RvoDataBlockManager.h"
 #include "RvoSelfCheckSamples_p.h"
 
 #include <QByteArray>
 #include <QString>
 
 #include <functional>
+#include <memory>
 
+class RvoSelfCheckCache;
 class RvoSelfCheckHooks;
 
 // One run of the self-check sequence (DdiTester::runAllTest). The checks
@@ -58,6 +61,13 @@ private:
     void printLine(const QString &line);
     // Fails a check that needs sample blocks when there are none.
     bool haveSamples(Result *result) const;
+    // A fresh cache (RvoSelfCheckCache) for a check that needs sample
+    // blocks; null, with *result failed, when there are none or the cache
+    // cannot be made.
+    std::unique_ptr<RvoSelfCheckCache>
+    openCache(Result *result, int roots = 1,
+              qint64 budget = RvoDataBlockManager::defaultCacheSize(), int buckets = 10,
+              const QString &subCache = QStringLiteral("selfcheck")) const;
 
     // Before anything else: nothing else uses the library.
     Result checkLibraryIdle();

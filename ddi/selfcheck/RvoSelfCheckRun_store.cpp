@@ -146,18 +146,16 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkCompressionRoundTrip()
 RvoSelfCheckRun::Result RvoSelfCheckRun::checkDiskLayout()
 {
     Result result;
-    if (!haveSamples(&result))
-        return result;
     constexpr int kRoots = 3;
     constexpr int kBuckets = 10;
     constexpr int kBlocks = 1000;
     constexpr int kBlockSize = 262144;
     constexpr double kMaxDeviation = 0.05 * kBlocks;
 
-    const RvoSelfCheckCache cache(m_Options.cacheDirectory, kRoots,
-                                  RvoDataBlockManager::defaultCacheSize(), kBuckets);
-    if (!cache.error().isEmpty())
-        return fail(cache.error());
+    const std::unique_ptr<RvoSelfCheckCache> cache =
+            openCache(&result, kRoots, RvoDataBlockManager::defaultCacheSize(), kBuckets);
+    if (!cache)
+        return result;
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
 
     // Digests of random blocks, on every core. The seed is fixed: the same
@@ -198,11 +196,11 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkDiskLayout()
         const int root = digits % kRoots;
         const quint32 firstWord = text.section(QLatin1Char('-'), 0, 0).toUInt();
         const int bucket = int(firstWord % kBuckets);
-        const QString path = manager.getBlockDestination(cache.subCache(), text);
+        const QString path = manager.getBlockDestination(cache->subCache(), text);
         const QString expected = root < 0
                 ? QString()
                 : QDir::cleanPath(QStringLiteral("%1/%2/%3/%4")
-                                          .arg(cache.roots().at(root), cache.subCache())
+                                          .arg(cache->roots().at(root), cache->subCache())
                                           .arg(bucket)
                                           .arg(text));
         if (QDir::cleanPath(path) != expected)
@@ -238,14 +236,14 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkDiskLayout()
     }
     manager.flush(true, RvoDataBlockManager::AllThreads);
     for (int i = 0; i < count; ++i) {
-        const QString path = manager.getBlockDestination(cache.subCache(), references.at(i).hash());
+        const QString path = manager.getBlockDestination(cache->subCache(), references.at(i).hash());
         if (!QFileInfo::exists(path))
             return mismatch(QStringLiteral("a block file at %1").arg(path), QStringLiteral("none"),
                             m_Samples.origin(i));
     }
-    if (cache.blockFileCount() != distinct.size())
+    if (cache->blockFileCount() != distinct.size())
         return mismatch(QStringLiteral("%1 block files").arg(distinct.size()),
-                        QString::number(cache.blockFileCount()));
+                        QString::number(cache->blockFileCount()));
     return pass(QStringLiteral("%1 digests over %2 roots and %3 buckets, bucket deviation %4")
                         .arg(kBlocks)
                         .arg(kRoots)
@@ -256,12 +254,9 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkDiskLayout()
 RvoSelfCheckRun::Result RvoSelfCheckRun::checkWriteAndReadBack()
 {
     Result result;
-    if (!haveSamples(&result))
+    const std::unique_ptr<RvoSelfCheckCache> cache = openCache(&result);
+    if (!cache)
         return result;
-    const RvoSelfCheckCache cache(m_Options.cacheDirectory, 1,
-                                  RvoDataBlockManager::defaultCacheSize(), 10);
-    if (!cache.error().isEmpty())
-        return fail(cache.error());
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     const QVector<QByteArray> &blocks = m_Samples.blocks();
 
@@ -270,7 +265,7 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkWriteAndReadBack()
         references << manager.addBlock(block, RvoModifyAccessor::CacheContent, true);
     manager.flush(true, RvoDataBlockManager::AllThreads);
     if (m_Options.hooks)
-        m_Options.hooks->blocksOnDisk(cache.subCacheDirectory(), references);
+        m_Options.hooks->blocksOnDisk(cache->subCacheDirectory(), references);
 
     // Each block file: named by the content's digest, where the layout puts
     // it, a 12-byte header (size, payload length), a qCompress payload.
@@ -284,7 +279,7 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkWriteAndReadBack()
         if (seen.contains(text))
             continue;
         seen.insert(text);
-        const QString path = manager.getBlockDestination(cache.subCache(), text);
+        const QString path = manager.getBlockDestination(cache->subCache(), text);
         QFile file(path);
         if (!file.open(QIODevice::ReadOnly))
             return mismatch(QStringLiteral("a block file at %1").arg(path), file.errorString(),
@@ -349,9 +344,9 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkEviction()
     }
     // About ten of the forty fit.
     const qint64 budget = qMax(total / 4, 2 * largest);
-    const RvoSelfCheckCache cache(m_Options.cacheDirectory, 1, budget, 10);
-    if (!cache.error().isEmpty())
-        return fail(cache.error());
+    const std::unique_ptr<RvoSelfCheckCache> cache = openCache(&result, 1, budget);
+    if (!cache)
+        return result;
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
 
     QVector<RvoDataReference> references;
@@ -425,12 +420,9 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkEviction()
 RvoSelfCheckRun::Result RvoSelfCheckRun::checkPendingReferences()
 {
     Result result;
-    if (!haveSamples(&result))
+    const std::unique_ptr<RvoSelfCheckCache> cache = openCache(&result);
+    if (!cache)
         return result;
-    const RvoSelfCheckCache cache(m_Options.cacheDirectory, 1,
-                                  RvoDataBlockManager::defaultCacheSize(), 10);
-    if (!cache.error().isEmpty())
-        return fail(cache.error());
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     RvoHashManager &registry = RvoHashManager::instance();
     const int baseline = registry.hashCount();
@@ -492,14 +484,11 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkPendingReferences()
 RvoSelfCheckRun::Result RvoSelfCheckRun::checkPreload()
 {
     Result result;
-    if (!haveSamples(&result))
-        return result;
     constexpr int kBlocks = 16;
     constexpr int kTimeoutMs = 30000;
-    const RvoSelfCheckCache cache(m_Options.cacheDirectory, 1,
-                                  RvoDataBlockManager::defaultCacheSize(), 10);
-    if (!cache.error().isEmpty())
-        return fail(cache.error());
+    const std::unique_ptr<RvoSelfCheckCache> cache = openCache(&result);
+    if (!cache)
+        return result;
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
 
     QVector<QByteArray> data;
@@ -548,13 +537,10 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkPreload()
 RvoSelfCheckRun::Result RvoSelfCheckRun::checkGroupBlocks()
 {
     Result result;
-    if (!haveSamples(&result))
-        return result;
     constexpr int kMembers = 12;
-    const RvoSelfCheckCache cache(m_Options.cacheDirectory, 1,
-                                  RvoDataBlockManager::defaultCacheSize(), 10);
-    if (!cache.error().isEmpty())
-        return fail(cache.error());
+    const std::unique_ptr<RvoSelfCheckCache> cache = openCache(&result);
+    if (!cache)
+        return result;
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
 
     QVector<QByteArray> data;
@@ -623,13 +609,10 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkGroupBlocks()
 RvoSelfCheckRun::Result RvoSelfCheckRun::checkResultCache()
 {
     Result result;
-    if (!haveSamples(&result))
-        return result;
     constexpr int kResults = 8;
-    const RvoSelfCheckCache cache(m_Options.cacheDirectory, 1,
-                                  RvoDataBlockManager::defaultCacheSize(), 10);
-    if (!cache.error().isEmpty())
-        return fail(cache.error());
+    const std::unique_ptr<RvoSelfCheckCache> cache = openCache(&result);
+    if (!cache)
+        return result;
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     RvoResultCache results; // goes before the manager is cleaned up
 
@@ -694,16 +677,14 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkResultCache()
 RvoSelfCheckRun::Result RvoSelfCheckRun::checkGarbageCollection()
 {
     Result result;
-    if (!haveSamples(&result))
-        return result;
     constexpr int kRoots = 2;
     constexpr int kBuckets = 10;
     constexpr int kBlocks = 24;
-    const RvoSelfCheckCache cache(m_Options.cacheDirectory, kRoots,
-                                  RvoDataBlockManager::defaultCacheSize(), kBuckets,
-                                  QStringLiteral("selfcheck-gc"));
-    if (!cache.error().isEmpty())
-        return fail(cache.error());
+    const std::unique_ptr<RvoSelfCheckCache> cache =
+            openCache(&result, kRoots, RvoDataBlockManager::defaultCacheSize(), kBuckets,
+                      QStringLiteral("selfcheck-gc"));
+    if (!cache)
+        return result;
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     RvoHashManager &registry = RvoHashManager::instance();
 
@@ -714,9 +695,9 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkGarbageCollection()
         references << manager.addBlock(data.last(), RvoModifyAccessor::CacheContent, true);
     }
     manager.flush(true, RvoDataBlockManager::AllThreads);
-    if (cache.blockFileCount() != kBlocks)
+    if (cache->blockFileCount() != kBlocks)
         return mismatch(QStringLiteral("%1 block files before collecting").arg(kBlocks),
-                        QString::number(cache.blockFileCount()));
+                        QString::number(cache->blockFileCount()));
     // Every other block becomes garbage.
     QVector<RvoDataReference> kept;
     QVector<QByteArray> keptData;
@@ -732,7 +713,7 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkGarbageCollection()
     manager.stopGarbageCollection();
 
     const int live = registry.hashCount();
-    const int files = cache.blockFileCount();
+    const int files = cache->blockFileCount();
     if (live != files)
         return fail(QStringLiteral("The number of live hashes differ from the number of live "
                                    "cache files %1 != %2")
@@ -741,7 +722,7 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkGarbageCollection()
     if (live != kept.size())
         return mismatch(QStringLiteral("%1 live digests").arg(kept.size()), QString::number(live));
     for (int i = 0; i < kept.size(); ++i) {
-        const QString path = manager.getBlockDestination(cache.subCache(), kept.at(i).hash());
+        const QString path = manager.getBlockDestination(cache->subCache(), kept.at(i).hash());
         if (!QFileInfo::exists(path))
             return mismatch(QStringLiteral("the block file of a live digest kept"),
                             QStringLiteral("it deleted"), path);

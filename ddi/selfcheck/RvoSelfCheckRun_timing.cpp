@@ -116,11 +116,9 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::timeCompression()
 RvoSelfCheckRun::Result RvoSelfCheckRun::timeWriting()
 {
     Result result;
-    if (!haveSamples(&result))
+    const std::unique_ptr<RvoSelfCheckCache> cache = openCache(&result, 1, kTimingBudget);
+    if (!cache)
         return result;
-    const RvoSelfCheckCache cache(m_Options.cacheDirectory, 1, kTimingBudget, 10);
-    if (!cache.error().isEmpty())
-        return fail(cache.error());
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     const qint64 target = timingBytes(kWritingBytes);
 
@@ -143,7 +141,7 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::timeWriting()
     }
     manager.flush(true, RvoDataBlockManager::WriteThreads);
     const qint64 elapsed = timer.nsecsElapsed();
-    const int files = cache.blockFileCount();
+    const int files = cache->blockFileCount();
     if (files != references.size())
         return mismatch(QStringLiteral("%1 block files").arg(references.size()),
                         QString::number(files));
@@ -155,11 +153,9 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::timeWriting()
 RvoSelfCheckRun::Result RvoSelfCheckRun::timeReading()
 {
     Result result;
-    if (!haveSamples(&result))
+    const std::unique_ptr<RvoSelfCheckCache> cache = openCache(&result, 1, kTimingBudget);
+    if (!cache)
         return result;
-    const RvoSelfCheckCache cache(m_Options.cacheDirectory, 1, kTimingBudget, 10);
-    if (!cache.error().isEmpty())
-        return fail(cache.error());
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     const qint64 target = timingBytes(kReadingBytes);
 
