@@ -14,6 +14,7 @@
 #include "RvoResultCache.h"
 #include "RvoSelfCheckCache_p.h"
 #include "RvoSelfCheckHooks_p.h"
+#include "RvoWaitUntil_p.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -63,20 +64,6 @@ QString difference(const RvoConstAccessor &accessor, const QByteArray &expected)
 QString contentText(const QByteArray &bytes)
 {
     return RvoDataHash(bytes, RvoDataHash::Skein512).toString();
-}
-
-// Waits, a millisecond at a time, until `done` holds or `timeoutMs` passes.
-template<class Predicate>
-bool waitFor(Predicate done, int timeoutMs)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > timeoutMs)
-            return done();
-        QThread::msleep(1);
-    }
-    return true;
 }
 
 // Records what garbage collection reports of its progress.
@@ -469,13 +456,13 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkPendingReferences()
     // The pool thread lets go of the job's own copy of the result just
     // after the job has finished: that takes a moment.
     const QString droppedText = contentText(dropped);
-    if (!waitFor([&] { return !registry.isHashLive(droppedText); }, 5000))
+    if (!waitUntil([&] { return !registry.isHashLive(droppedText); }, 5000))
         return mismatch(QStringLiteral("the dropped block's digest gone"),
                         QStringLiteral("it live"));
 
     references.clear();
     again = RvoDataReference();
-    if (!waitFor([&] { return registry.hashCount() == baseline; }, 5000))
+    if (!waitUntil([&] { return registry.hashCount() == baseline; }, 5000))
         return mismatch(QStringLiteral("%1 live digests once released").arg(baseline),
                         QString::number(registry.hashCount()));
     return pass(QStringLiteral("%1 blocks").arg(kBlocks));
@@ -511,7 +498,7 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkPreload()
         references.at(i).preload(i % 2 == 0 ? RvoDataBlockManager::PreloadFirst
                                             : RvoDataBlockManager::PreloadNormal);
     int loaded = 0;
-    waitFor(
+    waitUntil(
             [&] {
                 loaded = 0;
                 for (const RvoDataReference &reference : std::as_const(references))

@@ -10,13 +10,12 @@
 #include "RvoDataBlockManagerReadThread_p.h"
 #include "RvoDataBlockManagerWriteThread_p.h"
 #include "RvoDataReference.h"
+#include "RvoWaitUntil_p.h"
 
 #include <QByteArray>
-#include <QElapsedTimer>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
-#include <QThread>
 
 #include <memory>
 #include <vector>
@@ -86,20 +85,6 @@ private:
     std::vector<std::unique_ptr<QTemporaryDir>> m_Dirs;
     QStringList m_Roots;
 };
-
-// Polls `done` until it holds or `timeoutMs` passes; returns its last value.
-template<class Predicate>
-bool waitUntil(Predicate done, int timeoutMs = 10000)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > timeoutMs)
-            return done();
-        QThread::msleep(1);
-    }
-    return true;
-}
 
 // Image-like test content: varied, compressible bytes.
 QByteArray testContent(int seed, int size = 65536);
