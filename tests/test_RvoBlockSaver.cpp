@@ -88,6 +88,24 @@ TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderOfFinishing)
     EXPECT_EQ(filesIn(directory), kJobs) << "no temporary file is left";
 }
 
+// A write thread waiting for a save must not wait for the whole backlog
+// queued before it.
+TEST(RvoBlockSaver, FinishPullsAQueuedJobAheadOfTheBacklog)
+{
+    QTemporaryDir dir;
+    RvoBlockSaver &saver = RvoBlockSaver::instance();
+    const QByteArray bytes = jobBytes(5).repeated(4);
+    constexpr int kJobs = 200;
+    std::vector<RvoBlockSaver::JobPtr> jobs;
+    for (int i = 0; i < kJobs; ++i)
+        jobs.push_back(saver.submit(bytes, dir.path(), fileName(i)));
+    RvoBlockCodec codec;
+    EXPECT_TRUE(saver.finish(jobs.back(), bytes, dir.path(), fileName(kJobs - 1), codec).onDisk);
+    EXPECT_GT(saver.pendingJobs(), kJobs / 2);
+    for (const RvoBlockSaver::JobPtr &job : jobs)
+        saver.cancel(job);
+}
+
 // A file that is there already holds the same content: it is neither
 // compressed again nor replaced.
 TEST(RvoBlockSaver, ExistingFileIsFoundAndLeftAlone)

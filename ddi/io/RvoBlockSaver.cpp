@@ -54,7 +54,6 @@ public:
     enum State { Queued, Running, Done, Claimed };
 
     State state = Queued;
-    bool wanted = false; // a write thread waits for it: start it first
     QByteArray data;
     QString directory;
     QString fileName;
@@ -137,13 +136,11 @@ RvoBlockSaver::Outcome RvoBlockSaver::finish(const JobPtr &job, const QByteArray
         const bool sameFile = job->directory == directory && job->fileName == fileName;
         if (job->state == Job::Queued && sameFile && !m_Stopping) {
             // Wanted now: it goes before the jobs queued ahead of it.
-            job->wanted = true;
             const auto queued = std::find(m_Jobs.begin(), m_Jobs.end(), job);
             if (queued != m_Jobs.end() && queued != m_Jobs.begin()) {
                 m_Jobs.erase(queued);
                 m_Jobs.push_front(job);
             }
-            m_Queued.notify_all();
         } else if (job->state == Job::Queued) {
             claim(*job); // saved below, to the file wanted now
         }

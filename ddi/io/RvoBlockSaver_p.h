@@ -108,7 +108,7 @@ private:
     // Guards m_Jobs, every job's fields, m_Stopping and m_Workers.
     // Lock order: a leaf (see RvoDataBlockManager.h).
     mutable std::mutex m_Lock;
-    // Signalled when a job is queued or wanted, and when stopping.
+    // Signalled when a job is queued, and when stopping.
     std::condition_variable m_Queued;
     // Signalled when a worker finishes a job and when stopping (finish()
     // and cancel() wait on it).
