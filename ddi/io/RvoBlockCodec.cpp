@@ -116,8 +116,8 @@ QByteArray RvoBlockCodec::compress(const char *data, qint64 size)
     if (length < 0)
         return QByteArray();
     payload.resize(ArraySize(length));
-    // Payloads may wait in a write queue: give back the unused end of the
-    // worst-case buffer (realloc shrinks in place, nothing is copied).
+    // The caller may keep the payload a while: give back the unused end of
+    // the worst-case buffer (realloc shrinks in place, nothing is copied).
     payload.squeeze();
     return payload;
 }

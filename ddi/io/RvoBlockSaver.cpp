@@ -252,8 +252,9 @@ RvoBlockSaver::Outcome RvoBlockSaver::write(qint64 size, const char *payload, qi
                           .arg(size));
         return {};
     }
-    if (!QDir(directory).exists())
-        QDir().mkpath(directory);
+    // A bucket directory that exists already is left as it is; one that
+    // cannot be made shows as the temporary file failing to open.
+    QDir().mkpath(directory);
     if (!publish(directory, fileName, size, payload, length))
         return {};
     return {true, length};

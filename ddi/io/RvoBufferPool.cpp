@@ -8,6 +8,8 @@ RvoBufferPool &RvoBufferPool::instance()
 
 RvoBufferPool::Buffer RvoBufferPool::acquire(qint64 size)
 {
+    if (size < 0)
+        return Buffer();
     {
         std::lock_guard<std::mutex> locker(m_Lock);
         for (auto it = m_Free.begin(); it != m_Free.end(); ++it) {
@@ -19,8 +21,6 @@ RvoBufferPool::Buffer RvoBufferPool::acquire(qint64 size)
         }
     }
     Buffer buffer;
-    if (size < 0)
-        return buffer;
     // aligned_alloc wants a multiple of the alignment; never 0 bytes.
     const qint64 capacity = qMax<qint64>(64, (size + 63) / 64 * 64);
     if (quint64(capacity) > quint64(SIZE_MAX))

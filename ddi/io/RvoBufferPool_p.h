@@ -55,7 +55,8 @@ private:
     // Larger buffers are freed rather than hoarded.
     static constexpr qint64 kMaxKeptCapacity = 16 * 1024 * 1024;
 
-    std::mutex m_Lock; // guards m_Free; a leaf
+    // Guards m_Free. Lock order: a leaf (see RvoDataBlockManager.h).
+    std::mutex m_Lock;
     std::vector<Buffer> m_Free;
 };
 

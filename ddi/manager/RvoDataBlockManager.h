@@ -60,7 +60,8 @@ class RvoGarbageCollectorThread;
 //      nothing is called out of the thread while it is held;
 //   5. the write threads' background block saver's lock
 //      (RvoBlockSaver::m_Lock), a leaf;
-//   6. the log's file lock (RvoDdiLog::m_Lock), a leaf.
+//   6. the buffer pool's lock (RvoBufferPool::m_Lock), a leaf;
+//   7. the log's file lock (RvoDdiLog::m_Lock), a leaf.
 // A digest's last release takes the delete lock, then the digest's lock,
 // then the registry lock, and takes the digest out of the registry and the
 // block table in one step: no manager operation ever sees a digest whose
