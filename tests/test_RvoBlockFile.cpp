@@ -1,0 +1,126 @@
+#include "RvoBlockCodec_p.h"
+#include "RvoBlockFile_p.h"
+#include "RvoSubCacheLock_p.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+namespace {
+
+QByteArray tile()
+{
+    QByteArray bytes(40000, Qt::Uninitialized);
+    for (int i = 0; i < bytes.size(); ++i)
+        bytes[i] = char((i * 31) ^ (i >> 7));
+    return bytes;
+}
+
+// A sound block file of `block`.
+QByteArray blockFile(const QByteArray &block)
+{
+    RvoBlockCodec codec;
+    const QByteArray payload = codec.compress(block.constData(), block.size());
+    QByteArray file(RvoBlockFile::kHeaderSize, '\0');
+    RvoBlockFile::writeHeader(file.data(), block.size(), qint32(payload.size()));
+    return file + payload;
+}
+
+} // namespace
+
+TEST(RvoBlockFile, EveryKindOfDamageIsNamedAndYieldsNoBytes)
+{
+    const QByteArray block = tile();
+    const QByteArray sound = blockFile(block);
+    const QString name = RvoBlockFile::digestText(block.constData(), block.size());
+    const auto withSize = [&](qint64 size) {
+        QByteArray file = sound;
+        std::memcpy(file.data(), &size, 8);
+        return file;
+    };
+    const auto withPayloadLength = [&](qint32 length) {
+        QByteArray file = sound;
+        std::memcpy(file.data() + 8, &length, 4);
+        return file;
+    };
+    QByteArray flipped = sound;
+    flipped[sound.size() / 2] = char(flipped[sound.size() / 2] ^ 0x10);
+    const struct
+    {
+        const char *what;
+        QByteArray file;
+        QString name;
+        RvoBlockFile::Fault fault;
+    } cases[] = {
+            {"sound", sound, name, RvoBlockFile::Sound},
+            {"header cut", sound.left(11), name, RvoBlockFile::Short},
+            {"payload cut", sound.left(sound.size() - 1), name, RvoBlockFile::Lengths},
+            {"byte appended", sound + 'x', name, RvoBlockFile::Lengths},
+            {"negative size", withSize(-1), name, RvoBlockFile::Lengths},
+            {"2 GiB payload claimed", withPayloadLength(0x7FFFFFFF), name, RvoBlockFile::Lengths},
+            {"payload too short for its length", withPayloadLength(3), name, RvoBlockFile::Lengths},
+            {"size disagrees with payload", withSize(block.size() + 1), name,
+             RvoBlockFile::Payload},
+            {"stream damaged", flipped, name, RvoBlockFile::Payload},
+            {"other name", sound, RvoBlockFile::digestText("x", 1), RvoBlockFile::Digest},
+    };
+    RvoBlockCodec codec;
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        QByteArray out("stale");
+        EXPECT_EQ(RvoBlockFile::verify(codec, c.file.constData(), c.file.size(), c.name, &out),
+                  c.fault);
+        EXPECT_EQ(out, c.fault == RvoBlockFile::Sound ? block : QByteArray());
+    }
+}
+
+TEST(RvoBlockFile, VerifyFileChecksTheFileAgainstItsOwnName)
+{
+    QTemporaryDir dir;
+    const QByteArray block = tile();
+    const QString path = dir.filePath(RvoBlockFile::digestText(block.constData(), block.size()));
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(blockFile(block));
+    file.close();
+    RvoBlockCodec codec;
+    RvoBlockFile::Header header;
+    EXPECT_EQ(RvoBlockFile::verifyFile(codec, path, nullptr, &header), RvoBlockFile::Sound);
+    EXPECT_EQ(header.size, block.size());
+    EXPECT_EQ(header.payloadLength + RvoBlockFile::kHeaderSize, QFile(path).size());
+    QString error;
+    EXPECT_EQ(RvoBlockFile::verifyFile(codec, path + QStringLiteral("x"), nullptr, nullptr, &error),
+              RvoBlockFile::Unreadable);
+    EXPECT_FALSE(error.isEmpty());
+}
+
+TEST(RvoSubCacheLock, ExclusiveOnlyWithoutOtherHolders)
+{
+    QTemporaryDir dir;
+    const QString subCache = dir.filePath(QStringLiteral("sub"));
+    EXPECT_FALSE(RvoSubCacheLock::isHeld(subCache)); // no lock file yet
+
+    RvoSubCacheLock first;
+    RvoSubCacheLock second;
+    ASSERT_TRUE(first.lockShared(subCache));
+    EXPECT_TRUE(QFile::exists(subCache + QStringLiteral("/.rvoddi-lock")));
+    EXPECT_TRUE(RvoSubCacheLock::isHeld(subCache));
+    ASSERT_TRUE(second.lockShared(subCache));
+    EXPECT_FALSE(first.tryUpgrade());
+    EXPECT_TRUE(first.isLocked());
+    // The failed upgrade left `first` shared: `second` still cannot upgrade.
+    EXPECT_FALSE(second.tryUpgrade());
+    second.unlock();
+    EXPECT_TRUE(first.tryUpgrade());
+    RvoSubCacheLock third;
+    EXPECT_FALSE(third.tryLockExclusive(subCache));
+    first.downgrade();
+    EXPECT_TRUE(second.lockShared(subCache));
+    first.unlock();
+    second.unlock();
+    EXPECT_FALSE(RvoSubCacheLock::isHeld(subCache));
+    EXPECT_TRUE(third.tryLockExclusive(subCache));
+}
