@@ -2,6 +2,7 @@
 #include "OutputCapture.h"
 #include "RvoDiskLayout_p.h"
 #include "RvoHashManager.h"
+#include "RvoTsan_p.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -27,8 +28,7 @@ RvoSmartPointer<RvoDataHash> digestOf(const QByteArray &content)
 // Where the reader looks for `hash` under `root`, as it spells the path.
 QString blockPath(const QString &root, const RvoDataHash *hash)
 {
-    QString directory;
-    QString name;
+    QString directory, name;
     buildFilename(hash, root, QString(), 10, directory, name);
     return directory + QLatin1Char('/') + name;
 }
@@ -89,7 +89,6 @@ TEST(RvoDataBlockManagerReadThread, PromotionMovesAQueuedRequestOneStepOnlyWhenE
     const RvoSmartPointer<RvoDataHash> second = digestOf(QByteArray("second"));
     reader.request(first.data(), RvoDataBlockManager::PreloadNormal);
     reader.request(second.data(), RvoDataBlockManager::PreloadBackground);
-
     reader.request(second.data(), RvoDataBlockManager::PreloadFirst);
     EXPECT_EQ(reader.queuedRequests().at(1), qMakePair(2, second.data())) << "promotion is off";
 
@@ -128,9 +127,14 @@ TEST(RvoDataBlockManagerReadThread, LoadedBlockIsRawCachedAndCounted)
     EXPECT_EQ(reader.bytesRead(), 123457);
 }
 
-// Block files appear only complete, so a damaged one is refused at once,
-// without waiting for more bytes, reported and deleted, and the root's thread
-// goes on to the next load without delay.
+// Block files appear only complete: a damaged one is refused and deleted at
+// once, and the root's thread goes on without delay (against 16 s of waiting
+// for it to grow; ThreadSanitizer may spend a second on a report it drops).
+#ifdef RVODDI_TSAN
+constexpr qint64 kPromptly = 2000;
+#else
+constexpr qint64 kPromptly = 50;
+#endif
 TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsLoading)
 {
     const QByteArray bad = testContent(41, 20000);
@@ -140,12 +144,9 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         std::memcpy(file.data() + offset, &value, sizeof value);
         return file;
     };
-    QByteArray damaged = sound;
-    damaged[sound.size() / 2] = char(sound.at(sound.size() / 2) ^ 0x55);
     // A stream one byte short under a length field that agrees with Size.
     QByteArray shortStream = qCompress(bad.left(bad.size() - 1), 2);
     shortStream[3] = char(shortStream.at(3) + 1);
-    const QString size = QStringLiteral("Cannot read Size from File '%1'");
     const QString data = QStringLiteral("Cannot read all Data from File '%1'");
     const struct
     {
@@ -155,7 +156,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         const char *fault; // the word of the deletion line
     } cases[] = {
             {"missing", {}, QStringLiteral("Cannot Open File %1 to read. Exist?=0"), nullptr},
-            {"empty", QByteArray(""), size, "short"},
+            {"empty", QByteArray(""), QStringLiteral("Cannot read Size from File '%1'"), "short"},
             {"cut in BlockSize", sound.left(8),
              QStringLiteral("Cannot read BlockSize from File '%1'"), "short"},
             {"payload cut", sound.left(1000), data, "lengths"},
@@ -165,7 +166,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
             {"byte appended", sound + 'x', {}, "lengths"},
             {"Size disagrees with the payload", with(0, qint64(bad.size() + 1)), {}, "payload"},
             {"garbage payload", blockFileBytes(bad.size(), testContent(7, 900)), {}, "payload"},
-            {"stream damaged", damaged, {}, "payload"},
+            {"stream damaged", with(99, char(sound.at(99) ^ 0x55)), {}, "payload"},
             {"stream short", blockFileBytes(bad.size(), shortStream), {}, "payload"},
     };
     ManagerSetup setup(1);
@@ -191,7 +192,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         timer.start();
         QFuture<RvoDataBlock *> future = reader->loadBlock(badHash, false);
         EXPECT_EQ(Reader::waitForBlock(future), nullptr);
-        EXPECT_LT(timer.elapsed(), 50);
+        EXPECT_LT(timer.elapsed(), kPromptly);
         EXPECT_TRUE(future.isCanceled());
         EXPECT_FALSE(QFile::exists(path));
         EXPECT_EQ(debug.messages(), expected);
@@ -207,10 +208,9 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         // Once the damaged file is gone nothing of this row touches it again.
         EXPECT_TRUE(waitUntil(
                 [&] { return Access::holdsBlock(goodHash.data()) && !QFile::exists(path); }));
-        EXPECT_LT(timer.elapsed(), 50);
+        EXPECT_LT(timer.elapsed(), kPromptly);
         EXPECT_FALSE(Access::holdsBlock(badHash.data()));
         EXPECT_FALSE(goodHash->isPreloading());
-        // The previous row's digest is gone, and its block with it.
         EXPECT_EQ(RvoDataBlockManager::instance().liveBytes(), good.size());
     }
     EXPECT_EQ(reader->requestsHandled(), 2 * int(std::size(cases)));
