@@ -9,16 +9,21 @@
 #include "RvoGarbageCollectorThread_p.h"
 #include "RvoHashManager.h"
 
+#include <QDir>
 #include <QDirIterator>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <random>
 
+#include <signal.h>
 #include <sys/time.h>
 
 namespace {
@@ -81,11 +86,57 @@ QStringList lostBlocks(const QByteArray &lines)
     return lost;
 }
 
+// The state letter of process `pid` ('T' when stopped).
+char processState(qint64 pid)
+{
+    const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    const int end = stat.lastIndexOf(')'); // after the command name
+    return end > 0 && end + 2 < stat.size() ? stat.at(end + 2) : '?';
+}
+
+// Whether process `pid` holds a block file or a temporary file under one of
+// `roots` open (the log file there is always open).
+bool holdsFileUnder(qint64 pid, const QStringList &roots)
+{
+    const QString fds = QStringLiteral("/proc/%1/fd").arg(pid);
+    for (const QString &fd : QDir(fds).entryList(QDir::AllEntries | QDir::System)) {
+        const QFileInfo target(QFile::symLinkTarget(fds + QLatin1Char('/') + fd));
+        if (!isBlockFileName(target.fileName()) && target.suffix() != QLatin1String("tmp"))
+            continue;
+        for (const QString &root : roots) {
+            if (target.filePath().startsWith(root + QLatin1Char('/')))
+                return true;
+        }
+    }
+    return false;
+}
+
+// Stops `pid` at random moments until it is caught in the middle of writing
+// a file under `roots`, for at most `ms`, and lets it go on. Returns whether
+// it was: then a kill at once lands inside that write.
+bool stopWhileWriting(qint64 pid, const QStringList &roots, int ms, std::mt19937 &random)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < ms) {
+        ::kill(pid_t(pid), SIGSTOP);
+        const bool caught = waitUntil([pid] { return processState(pid) == 'T'; }, 1000)
+                && holdsFileUnder(pid, roots);
+        ::kill(pid_t(pid), SIGCONT);
+        if (caught)
+            return true;
+        QThread::usleep(random() % 1000);
+    }
+    return false;
+}
+
 } // namespace
 
 // A host killed at any moment, over and over on the same roots: what it had
 // confirmed by a flush is all there, no block file is damaged, and the
-// temporary files of cut-off writes are collected once they are old.
+// temporary files of cut-off writes are collected once they are old. Every
+// other kill comes while the child writes a block file: at a random moment
+// alone, that is rare.
 TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
 {
     const int kills = qEnvironmentVariableIsSet("RVODDI_KILLS")
@@ -95,13 +146,17 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
     const QStringList roots = twoRoots(dir);
     const QString sideFile = dir.filePath(QStringLiteral("confirmed.txt"));
     std::mt19937 random(std::random_device {}());
+    int whileWriting = 0;
     for (int i = 0; i < kills; ++i) {
         QProcess child;
         child.start(kChild, QStringList {QStringLiteral("kill"), sideFile} + roots);
         ASSERT_TRUE(child.waitForStarted());
+        const int ms = int(random() % 2000);
+        if (i % 2)
+            whileWriting += stopWhileWriting(child.processId(), roots, ms, random);
         // The child writes until it is killed: finishing early is a fault.
-        ASSERT_FALSE(child.waitForFinished(int(random() % 2000)))
-                << child.readAllStandardError().constData();
+        else
+            ASSERT_FALSE(child.waitForFinished(ms)) << child.readAllStandardError().constData();
         child.kill();
         ASSERT_TRUE(child.waitForFinished(30000));
     }
@@ -131,9 +186,9 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
     manager.cleanUp();
 
     std::fprintf(stderr,
-                 "kills %d, blocks confirmed %d, files checked %d, corrupt %d, "
-                 "temporary files removed %d\n",
-                 kills, int(confirmed.count('\n')), before.blockFiles, int(before.corrupt.size()),
+                 "kills %d (%d while writing), blocks confirmed %d, files checked %d, "
+                 "corrupt %d, temporary files removed %d\n",
+                 kills, whileWriting, int(confirmed.count('\n')), before.blockFiles, int(before.corrupt.size()),
                  int(before.temporaries.size()));
 }
 
