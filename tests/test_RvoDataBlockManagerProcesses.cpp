@@ -152,11 +152,12 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
         child.start(kChild, QStringList {QStringLiteral("kill"), sideFile} + roots);
         ASSERT_TRUE(child.waitForStarted());
         const int ms = int(random() % 2000);
-        if (i % 2)
+        if (i % 2) {
             whileWriting += stopWhileWriting(child.processId(), roots, ms, random);
-        // The child writes until it is killed: finishing early is a fault.
-        else
+        } else {
+            // The child writes until it is killed: finishing early is a fault.
             ASSERT_FALSE(child.waitForFinished(ms)) << child.readAllStandardError().constData();
+        }
         child.kill();
         ASSERT_TRUE(child.waitForFinished(30000));
     }
@@ -168,7 +169,8 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
     Manager &manager = Manager::instance();
     manager.setup(roots, -1, 7);
     manager.setSubCache(QStringLiteral("Faults"));
-    EXPECT_EQ(lostBlocks(confirmed), QStringList());
+    const QStringList lost = lostBlocks(confirmed);
+    EXPECT_EQ(lost, QStringList());
 
     // The collector takes temporary files only once they are old enough
     // not to be a write in progress.
@@ -187,9 +189,9 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
 
     std::fprintf(stderr,
                  "kills %d (%d while writing), blocks confirmed %d, files checked %d, "
-                 "corrupt %d, temporary files removed %d\n",
-                 kills, whileWriting, int(confirmed.count('\n')), before.blockFiles, int(before.corrupt.size()),
-                 int(before.temporaries.size()));
+                 "corrupt %d, lost %d, temporary files removed %d\n",
+                 kills, whileWriting, int(confirmed.count('\n')), before.blockFiles,
+                 int(before.corrupt.size()), int(lost.size()), int(before.temporaries.size()));
 }
 
 // Three hosts on the same roots and sub-cache at once, adding shared and

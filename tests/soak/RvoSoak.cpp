@@ -158,8 +158,8 @@ int main(int argc, char **argv)
                  "%lld report lines\n",
                  minutes, kBudget, qint64(counters.adds), qint64(counters.reads),
                  qint64(counters.preloads), qint64(counters.drops), qint64(counters.frees),
-                 filesWritten, filesRead, qint64(counters.wrong), hashesBefore, hashesAfter, bytesBefore, bytesAfter,
-                 qint64(reports.size()));
+                 filesWritten, filesRead, qint64(counters.wrong), hashesBefore, hashesAfter,
+                 bytesBefore, bytesAfter, qint64(reports.size()));
     for (const QString &line : std::as_const(reports))
         std::fprintf(stderr, "report: %s\n", qPrintable(line));
     const bool passed = counters.wrong == 0 && hashesAfter == hashesBefore

@@ -63,8 +63,8 @@ QByteArray lines(const QList<Added> &blocks)
 
 int killMode(const QString &sideFile)
 {
-    const int fd = ::open(QFile::encodeName(sideFile).constData(),
-                          O_WRONLY | O_CREAT | O_APPEND, 0644);
+    const int fd
+            = ::open(QFile::encodeName(sideFile).constData(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (fd < 0)
         return 2;
     std::mt19937 random(std::random_device {}());
@@ -119,8 +119,8 @@ int shareMode(const QString &dir, int index)
             const QList<QByteArray> fields = line.split(' ');
             if (fields.size() != 3)
                 continue;
-            const RvoSmartPointer<RvoDataHash> hash =
-                    RvoHashManager::instance().getHash(QString::fromLatin1(fields.at(2)));
+            const RvoSmartPointer<RvoDataHash> hash
+                    = RvoHashManager::instance().getHash(QString::fromLatin1(fields.at(2)));
             const RvoDataReference ref = Manager::instance().getReference(hash.data());
             const RvoConstAccessor accessor = ref.constAccessor();
             if (bytesOf(accessor) != testContent(fields.at(0).toInt(), fields.at(1).toInt())) {
