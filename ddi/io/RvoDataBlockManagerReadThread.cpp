@@ -3,6 +3,7 @@
 #include "RvoBlockCodec_p.h"
 #include "RvoDataBlock.h"
 #include "RvoDdiDiagnostics_p.h"
+#include "RvoCacheScan_p.h"
 #include "RvoDiskLayout_p.h"
 #include "RvoBufferPool_p.h"
 #include "RvoTsan_p.h"
@@ -225,6 +226,7 @@ RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &has
         return canceledLoad(promise);
     }
     file.close();
+    RvoCacheScan::noteUse(path);
     if (qFromBigEndian<quint32>(buffer.data()) != quint64(size)) {
         RvoBufferPool::instance().release(std::move(buffer));
         discardCorrupt(path, "lengths");
