@@ -47,11 +47,6 @@ public:
     static void freeBlock(RvoDataHash *hash) { manager().freeBlock(hash, false, false); }
     // The digests in the LRU, most recently used first.
     static QList<RvoDataHash *> lruOrder();
-    // Shortens the read back-off to `steps` doublings from 1 ms.
-    static void setReadBackoffSteps(int steps)
-    {
-        RvoDataBlockManagerReadThread::s_BackoffSteps.store(steps);
-    }
 };
 
 // A block that records its deletion.
@@ -85,6 +80,16 @@ private:
     std::vector<std::unique_ptr<QTemporaryDir>> m_Dirs;
     QStringList m_Roots;
 };
+
+// Adds content through the manager, hashed on the calling thread unless
+// `sync` is false.
+RvoDataReference addBlock(const QByteArray &content,
+                          RvoModifyAccessor::Caching caching = RvoModifyAccessor::CacheContent,
+                          bool sync = true);
+inline RvoDataHash *hashOf(const RvoDataReference &ref)
+{
+    return ref.hashPtr().data();
+}
 
 // Image-like test content: varied, compressible bytes.
 QByteArray testContent(int seed, int size = 65536);
