@@ -35,12 +35,12 @@ RvoBlockFile::Fault RvoBlockFile::parseHeader(const char *bytes, qint64 availabl
     Header parsed;
     std::memcpy(&parsed.size, bytes, 8);
     std::memcpy(&parsed.payloadLength, bytes + 8, 4);
+    if (header)
+        *header = parsed;
     // The payload holds at least its own 4-byte length field.
     if (parsed.size < 0 || parsed.payloadLength < 4
         || fileLength != kHeaderSize + qint64(parsed.payloadLength))
         return Lengths;
-    if (header)
-        *header = parsed;
     return Sound;
 }
 

@@ -46,7 +46,8 @@ public:
     // Reads the header from the first `available` bytes at `bytes` of a file
     // `fileLength` bytes long. Short with fewer than 12 bytes; Lengths when
     // Size is negative, BlockSize cannot hold the payload's own 4-byte length
-    // field, or the file is not 12 + BlockSize bytes long.
+    // field, or the file is not 12 + BlockSize bytes long. With 12 bytes the
+    // fields as read are in *header even when refused, for the report.
     static Fault parseHeader(const char *bytes, qint64 available, qint64 fileLength,
                              Header *header);
     // Decodes a payload that must hold exactly `size` bytes into *out

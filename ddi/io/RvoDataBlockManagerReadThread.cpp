@@ -1,10 +1,12 @@
 #include "RvoDataBlockManagerReadThread_p.h"
 
 #include "RvoBlockCodec_p.h"
+#include "RvoBlockFile_p.h"
+#include "RvoBufferPool_p.h"
+#include "RvoCacheScan_p.h"
 #include "RvoDataBlock.h"
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDiskLayout_p.h"
-#include "RvoBufferPool_p.h"
 #include "RvoTsan_p.h"
 
 #include <QDir>
@@ -12,13 +14,9 @@
 #include <QFutureInterface>
 #include <QRunnable>
 #include <QThreadPool>
-#include <QtEndian>
 
 #include <algorithm>
 #include <cstring>
-
-// 14 doublings from 1 ms: about 16.4 seconds for a file to complete.
-std::atomic<int> RvoDataBlockManagerReadThread::s_BackoffSteps {14};
 
 namespace {
 
@@ -190,46 +188,43 @@ RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &has
         }
     }
 
-    qint64 size = 0;
-    qint32 blockSize = 0;
-    if (!readWithBackoff(file, 0, reinterpret_cast<char *>(&size), 8)) {
-        qCDebug(lcDdi, "Cannot read Size from File '%s'", qPrintable(path));
-        discardCorrupt(path, "short");
+    // No waiting for bytes that are not there: block files appear under
+    // their final name only complete (written aside, then renamed), so a
+    // file shorter than its header promises is damaged, not still being
+    // written. It is refused at once, and a damaged file costs this root's
+    // loads no stall.
+    const qint64 fileLength = file.size();
+    char head[RvoBlockFile::kHeaderSize];
+    const qint64 headLength = file.read(head, qMin<qint64>(fileLength, sizeof head));
+    RvoBlockFile::Header header;
+    const RvoBlockFile::Fault fault
+            = RvoBlockFile::parseHeader(head, headLength, fileLength, &header);
+    if (fault != RvoBlockFile::Sound) {
+        if (headLength < 8)
+            qCDebug(lcDdi, "Cannot read Size from File '%s'", qPrintable(path));
+        else if (headLength < RvoBlockFile::kHeaderSize)
+            qCDebug(lcDdi, "Cannot read BlockSize from File '%s'", qPrintable(path));
+        else if (fileLength < RvoBlockFile::kHeaderSize + qint64(header.payloadLength))
+            qCDebug(lcDdi, "Cannot read all Data from File '%s'", qPrintable(path));
+        discardCorrupt(path, RvoBlockFile::faultText(fault));
         return canceledLoad(promise);
     }
-    if (!readWithBackoff(file, 8, reinterpret_cast<char *>(&blockSize), 4)) {
-        qCDebug(lcDdi, "Cannot read BlockSize from File '%s'", qPrintable(path));
-        discardCorrupt(path, "short");
-        return canceledLoad(promise);
-    }
-    // The payload holds at least its own 4-byte length.
-    if (size < 0 || blockSize < 4) {
-        discardCorrupt(path, "lengths");
-        return canceledLoad(promise);
-    }
-    // Waits for the bytes to exist before anything is allocated for them.
-    if (!readWithBackoff(file, kBlockFileHeaderSize, nullptr, blockSize)) {
-        qCDebug(lcDdi, "Cannot read all Data from File '%s'", qPrintable(path));
-        discardCorrupt(path, "short");
-        return canceledLoad(promise);
-    }
+    // The header matched the file's length, so this is what the file holds.
+    const qint32 blockSize = header.payloadLength;
+    const qint64 size = header.size;
     RvoBufferPool::Buffer buffer = RvoBufferPool::instance().acquire(blockSize);
     if (buffer.isNull()) {
         rvoReport(QStringLiteral("Cannot allocate %1 bytes to read %2").arg(blockSize).arg(path));
         return canceledLoad(promise);
     }
-    if (!readWithBackoff(file, kBlockFileHeaderSize, buffer.data(), blockSize)) {
+    if (file.read(buffer.data(), blockSize) != blockSize) {
         qCDebug(lcDdi, "Cannot read all Data from File '%s'", qPrintable(path));
         RvoBufferPool::instance().release(std::move(buffer));
-        discardCorrupt(path, "short");
+        discardCorrupt(path, RvoBlockFile::faultText(RvoBlockFile::Short));
         return canceledLoad(promise);
     }
     file.close();
-    if (qFromBigEndian<quint32>(buffer.data()) != quint64(size)) {
-        RvoBufferPool::instance().release(std::move(buffer));
-        discardCorrupt(path, "lengths");
-        return canceledLoad(promise);
-    }
+    RvoCacheScan::noteUse(path);
     m_BytesRead.fetch_add(size, std::memory_order_relaxed);
 
     QFuture<RvoDataBlock *> future = promise.future();
@@ -253,10 +248,11 @@ bool RvoDataBlockManagerReadThread::decompressAndMakeBlock(const char *payload, 
     // One decoder per pool thread, kept for the thread's life.
     thread_local RvoBlockCodec codec;
     QByteArray bytes;
-    const bool decoded = codec.uncompress(payload, length, size, &bytes);
+    const RvoBlockFile::Fault fault
+            = RvoBlockFile::decodePayload(codec, payload, length, size, &bytes);
     hash->setPreloading(false);
-    if (!decoded) {
-        discardCorrupt(path, "payload");
+    if (fault != RvoBlockFile::Sound) {
+        discardCorrupt(path, RvoBlockFile::faultText(fault));
         return false;
     }
     auto *block = new RvoDataBlock(0, 0);
@@ -282,23 +278,6 @@ RvoDataBlock *RvoDataBlockManagerReadThread::waitForBlock(QFuture<RvoDataBlock *
     if (block)
         rvoHappensAfter(block);
     return block;
-}
-
-bool RvoDataBlockManagerReadThread::readWithBackoff(QFile &file, qint64 offset, char *buffer,
-                                                    qint64 size)
-{
-    const int steps = s_BackoffSteps.load(std::memory_order_relaxed);
-    for (int step = 0;; ++step) {
-        if (file.size() >= offset + size) {
-            if (!buffer)
-                return true;
-            if (file.seek(offset) && file.read(buffer, size) == size)
-                return true;
-        }
-        if (step >= steps)
-            return false;
-        QThread::usleep((1ul << step) * 1000ul);
-    }
 }
 
 void RvoDataBlockManagerReadThread::discardCorrupt(const QString &path, const char *why)

@@ -27,9 +27,10 @@ class QFile;
 // manager. Direct loads: loadBlock() reads the file on the calling thread.
 // Either way the payload is decoded on the global thread pool.
 //
-// A block file whose lengths lie or whose payload does not decode to exactly
-// its recorded size is corrupt: it is reported, deleted (so that a later
-// write of the same content can replace it) and yields no block.
+// A block file that RvoBlockFile does not find sound (lengths that lie, a
+// payload that does not decode to exactly its recorded size) is corrupt: it
+// is reported, deleted (so that a later write of the same content can
+// replace it) and yields no block at once, without waiting for more bytes.
 //
 // Threading: every public operation may be called from any thread; run() is
 // the thread's own. The queue lock is a leaf of the library's lock order
@@ -101,11 +102,6 @@ private:
     static bool decompressAndMakeBlock(const char *payload, qint64 length,
                                        const RvoSmartPointer<RvoDataHash> &hash, bool makeLive,
                                        qint64 size, const QString &path, RvoDataBlock **block);
-    // Reads `size` bytes at `offset` into `buffer` (only waits for them
-    // when `buffer` is null), waiting with a doubling
-    // back-off (1 ms, 2 ms, ... 14 times) while the file is shorter: a file
-    // may still be growing under a writer of another process.
-    static bool readWithBackoff(QFile &file, qint64 offset, char *buffer, qint64 size);
     // Reports a corrupt block file and deletes it.
     static void discardCorrupt(const QString &path, const char *why);
 
@@ -123,9 +119,6 @@ private:
     std::deque<Entry> m_Queue; // front first
     std::atomic<bool> m_PromotionEnabled {false};
     std::atomic<qint64> m_PromotionCount {0};
-
-    // Back-off steps of readWithBackoff; tests shorten it.
-    static std::atomic<int> s_BackoffSteps;
 };
 
 #endif // RVODATABLOCKMANAGERREADTHREAD_P_H

@@ -2,6 +2,7 @@
 
 #include "RvoDataBlock.h"
 #include "RvoDiskLayout_p.h"
+#include "RvoDiskUsage_p.h"
 
 #include <iterator>
 
@@ -179,6 +180,8 @@ void RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &requ
                 : saver.finish(job, block->m_Data, directory, fileName, m_Codec);
         if (outcome.written > 0) {
             m_BytesWritten.fetch_add(outcome.written, std::memory_order_relaxed);
+            if (m_DiskUsage)
+                m_DiskUsage->added(kBlockFileHeaderSize + outcome.written);
             m_RequestsHandled.fetch_add(1, std::memory_order_relaxed);
         }
         // A block that could not be written is not marked: it is not on disk.

@@ -14,7 +14,10 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
+
+class RvoDiskUsage;
 
 // Writes the blocks of one cache root into block files, in the background,
 // in the order of a priority queue (ascending priority, first come first
@@ -60,6 +63,10 @@ public:
     void closeDown();
 
     void setSubCache(const QString &name);
+    // Where the bytes of the files this thread publishes are counted (the
+    // root's collector keeps the root within its disk budget). Set before
+    // the thread starts.
+    void setDiskUsage(std::shared_ptr<RvoDiskUsage> usage) { m_DiskUsage = std::move(usage); }
     QString subCache() const;
 
     // The queue, front first, as (priority, digest) pairs.
@@ -103,6 +110,7 @@ private:
     // The thread's own compressor, for the saves the background workers do
     // not do (no workers, exit, a sub-cache changed); used only by run().
     RvoBlockCodec m_Codec;
+    std::shared_ptr<RvoDiskUsage> m_DiskUsage; // set before start, then read only
 };
 
 #endif // RVODATABLOCKMANAGERWRITETHREAD_P_H

@@ -1,34 +1,21 @@
-// Group blocks: an ordered list of references stored as one block.
-//
-// Payload (little-endian), stored, hashed and written like any block:
-//     offset 0   qint64  magic 1337
-//     offset 8   qint32  digest size of the members (0 for an empty group)
-//     offset 12  qint32  member count
-//     offset 16  the members' digest bytes, one after another, in order
+// Group blocks: an ordered list of references stored as one block. The
+// payload's format is RvoGroupBlockFormat's.
 
 #include "RvoDataBlockManager.h"
 
 #include "RvoConstAccessor.h"
 #include "RvoDataReference.h"
 #include "RvoDdiDiagnostics_p.h"
+#include "RvoGroupBlockFormat_p.h"
 #include "RvoHashManager.h"
 
-#include <QtEndian>
-
 #include <cstring>
-
-namespace {
-
-constexpr qint64 kGroupMagic = 1337;
-constexpr int kGroupHeaderSize = 16;
-
-} // namespace
 
 RvoDataReference RvoDataBlockManager::makeGroupBlock(const QVector<RvoDataReference> &members)
 {
     QVector<RvoSmartPointer<RvoDataHash>> digests;
     digests.reserve(members.size());
-    qint64 total = kGroupHeaderSize;
+    qint64 total = RvoGroupBlockFormat::kHeaderSize;
     int digestSize = 0;
     for (int i = 0; i < members.size(); ++i) {
         RvoSmartPointer<RvoDataHash> digest = members.at(i).hashPtr(); // waits if pending
@@ -51,10 +38,8 @@ RvoDataReference RvoDataBlockManager::makeGroupBlock(const QVector<RvoDataRefere
 
     QByteArray payload(int(total), '\0');
     uchar *out = reinterpret_cast<uchar *>(payload.data());
-    qToLittleEndian<qint64>(kGroupMagic, out);
-    qToLittleEndian<qint32>(digestSize, out + 8);
-    qToLittleEndian<qint32>(qint32(members.size()), out + 12);
-    uchar *position = out + kGroupHeaderSize;
+    RvoGroupBlockFormat::writeHeader(out, digestSize, int(members.size()));
+    uchar *position = out + RvoGroupBlockFormat::kHeaderSize;
     for (const RvoSmartPointer<RvoDataHash> &digest : std::as_const(digests)) {
         std::memcpy(position, digest->data(), size_t(digestSize));
         position += digestSize;
@@ -66,26 +51,16 @@ QVector<RvoDataReference> RvoDataBlockManager::extractGroupBlock(const RvoDataRe
 {
     QVector<RvoDataReference> members;
     const RvoConstAccessor accessor = group.constAccessor();
-    const uchar *payload = accessor.data();
-    const qint64 size = accessor.size();
-    if (!payload || size < kGroupHeaderSize || qFromLittleEndian<qint64>(payload) != kGroupMagic)
+    RvoGroupBlockFormat::Members found;
+    if (!RvoGroupBlockFormat::parse(accessor.data(), accessor.size(), &found))
         return members;
-    const qint32 digestSize = qFromLittleEndian<qint32>(payload + 8);
-    const qint32 count = qFromLittleEndian<qint32>(payload + 12);
-    // The header is not trusted: the members it promises must be there.
-    if (count < 0
-        || (count > 0 && digestSize != RvoDataHash::Skein256 && digestSize != RvoDataHash::Skein512
-            && digestSize != RvoDataHash::Skein1024)
-        || size < kGroupHeaderSize + qint64(count) * digestSize)
-        return members;
-
-    members.reserve(count);
+    members.reserve(found.count);
     RvoHashManager &registry = RvoHashManager::instance();
-    const uchar *position = payload + kGroupHeaderSize;
-    for (qint32 i = 0; i < count; ++i) {
+    const uchar *position = found.digests;
+    for (int i = 0; i < found.count; ++i) {
         const RvoSmartPointer<RvoDataHash> digest
-                = registry.addHash(new RvoDataHash(RvoDataHash::Size(digestSize), position));
-        position += digestSize;
+                = registry.addHash(new RvoDataHash(RvoDataHash::Size(found.digestSize), position));
+        position += found.digestSize;
         members.append(getReference(digest.data()));
     }
     return members;

@@ -47,11 +47,6 @@ public:
     static void freeBlock(RvoDataHash *hash) { manager().freeBlock(hash, false, false); }
     // The digests in the LRU, most recently used first.
     static QList<RvoDataHash *> lruOrder();
-    // Shortens the read back-off to `steps` doublings from 1 ms.
-    static void setReadBackoffSteps(int steps)
-    {
-        RvoDataBlockManagerReadThread::s_BackoffSteps.store(steps);
-    }
 };
 
 // A block that records its deletion.
