@@ -123,30 +123,25 @@ TEST(RvoDataBlockManagerBlocks, PinsDoNotNestAndMisuseIsReported)
     EXPECT_TRUE(Access::blockIsLocked(hashOf(absent))) << "not in memory reads as locked";
 }
 
-TEST(RvoDataBlockManagerBlocks, FlushWritingAllMakesEveryBlockDurable)
+TEST(RvoDataBlockManagerBlocks, FreeAllSavesWhatItFreesAndFlushMakesEveryBlockDurable)
 {
     ManagerSetup setup(2, QStringLiteral("S"));
     QVector<RvoDataReference> refs;
     for (int i = 0; i < 20; ++i)
         refs.append(addBlock(testContent(i, 5000)));
+    {
+        const RvoConstAccessor accessor = refs.at(0).constAccessor();
+        manager().freeAllBlocks();
+        EXPECT_TRUE(inMemory(refs.at(0))) << "what is read stays";
+        EXPECT_FALSE(inMemory(refs.at(1)));
+        EXPECT_EQ(manager().liveBytes(), 5000);
+    }
+    EXPECT_EQ(bytesOf(refs.at(1)), testContent(1, 5000)) << "it was saved before it was freed";
     manager().flush(true, RvoDataBlockManager::AllThreads);
     for (const RvoDataReference &ref : refs) {
         const QString path = manager().getBlockDestination(QStringLiteral("S"), ref.hash());
         EXPECT_TRUE(QFile::exists(path)) << qPrintable(path);
     }
-}
-
-TEST(RvoDataBlockManagerBlocks, FreeAllBlocksSavesWhatItFreesAndKeepsWhatIsRead)
-{
-    ManagerSetup setup;
-    const RvoDataReference read = addBlock(testContent(1, 2000));
-    const RvoDataReference other = addBlock(testContent(2, 3000));
-    const RvoConstAccessor accessor = read.constAccessor();
-    manager().freeAllBlocks();
-    EXPECT_TRUE(inMemory(read));
-    EXPECT_FALSE(inMemory(other));
-    EXPECT_EQ(manager().liveBytes(), 2000);
-    EXPECT_EQ(bytesOf(other), testContent(2, 3000)) << "it was saved before it was freed";
 }
 
 TEST(RvoDataBlockManagerBlocks, EvictedBlocksAreListedSizedAndPreloadedFromDisk)
@@ -171,7 +166,7 @@ TEST(RvoDataBlockManagerBlocks, EvictedBlocksAreListedSizedAndPreloadedFromDisk)
     EXPECT_EQ(Access::lruOrder().first(), hashOf(refs.at(6)));
 }
 
-TEST(RvoDataBlockManagerBlocks, BackPressureNeverWaitsOnAnEmptyQueue)
+TEST(RvoDataBlockManagerBlocks, BackPressureNeverWaitsOnAnEmptyQueueAndNoSetupFreesNothing)
 {
     ManagerSetup setup(1, QString(), 10, 0); // a budget of 0: a limit of 0
     const auto started = std::chrono::steady_clock::now();
@@ -180,10 +175,8 @@ TEST(RvoDataBlockManagerBlocks, BackPressureNeverWaitsOnAnEmptyQueue)
     manager().processIO(); // no write threads at all
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(500));
     EXPECT_TRUE(manager().isWriteThreadsFull()) << "0 queued is not below a limit of 0";
-}
 
-TEST(RvoDataBlockManagerBlocks, FreeBlockBeforeSetupDoesNothing)
-{
+    // Freeing a block without a setup does nothing.
     const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(QByteArray("x"));
     StdoutCapture out;
     Access::freeBlock(hash.data());
