@@ -131,7 +131,12 @@ bool RvoSubCacheLock::isHeld(const QString &directory)
     const int fd = openLockFile(directory, false);
     if (fd < 0)
         return false;
-    const bool held = lockFile(fd, LOCK_EX | LOCK_NB) != 0;
+    // A holder changing its lock holds the guard, and for a moment maybe
+    // nothing on the lock file: it is there all the same.
+    const int guard = lockDirectory(directory, false);
+    const bool held = guard < 0 || lockFile(fd, LOCK_EX | LOCK_NB) != 0;
     ::close(fd);
+    if (guard >= 0)
+        ::close(guard);
     return held;
 }
