@@ -351,7 +351,7 @@ TEST(rvoddi, LsAndStatsDescribeSubCachesAndStrayFiles)
               stray);
     const Outcome one = rvoddi(
             {QStringLiteral("stats"), root, QStringLiteral("--sub-cache"), QStringLiteral("idle")});
-    EXPECT_TRUE(one.out.startsWith(QStringLiteral("block files      3 in 1 sub-caches\n")))
+    EXPECT_TRUE(one.out.startsWith(QStringLiteral("block files      3 in 1 sub-cache\n")))
             << one.out.toStdString();
     RvoDataBlockManager::instance().cleanUp();
 }

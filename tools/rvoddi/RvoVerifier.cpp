@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <ctime>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -25,7 +26,8 @@ RvoVerifier::Result RvoVerifier::run(const QVector<QString> &paths, const QVecto
     std::vector<qint64> sizes(size_t(count), -1);
     std::vector<QString> errors(static_cast<size_t>(count));
 
-    // Guards `running`; the calling thread waits on `finished` for it to
+    QVector<double> threadCpuSeconds;
+    // Guards `running` and `threadCpuSeconds`; the calling thread waits on `finished` for it to
     // reach 0. No other lock is taken while it is held.
     std::mutex lock;
     std::condition_variable finished;
@@ -45,7 +47,10 @@ RvoVerifier::Result RvoVerifier::run(const QVector<QString> &paths, const QVecto
             doneCount.fetch_add(1, std::memory_order_relaxed);
             doneBytes.fetch_add(lengths.value(i), std::memory_order_relaxed);
         }
+        struct timespec cpu;
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
         std::lock_guard<std::mutex> guard(lock);
+        threadCpuSeconds.append(double(cpu.tv_sec) + double(cpu.tv_nsec) / 1e9);
         if (--running == 0)
             finished.notify_all();
     };
@@ -67,6 +72,7 @@ RvoVerifier::Result RvoVerifier::run(const QVector<QString> &paths, const QVecto
         progress(doneCount.load(), doneBytes.load());
 
     Result result;
+    result.threadCpuSeconds = threadCpuSeconds;
     for (qsizetype i = 0; i < count; ++i) {
         const RvoBlockFile::Fault fault = faults[size_t(i)];
         // A file deleted since the walk is not a bad file.

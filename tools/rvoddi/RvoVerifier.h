@@ -31,6 +31,9 @@ public:
         qint64 bytes = 0; // their lengths
         qint64 uncompressedBytes = 0; // their blocks' sizes, of the sound ones
         QVector<Bad> bad; // in the order of `paths`
+        // The CPU time each thread spent, in seconds: how evenly the work
+        // spread, whatever share of the cores the machine gave the run.
+        QVector<double> threadCpuSeconds;
     };
 
     // Checks `paths` (with their lengths in `lengths`, for the progress) on

@@ -63,13 +63,21 @@ QJsonArray toJson(const QVector<Bin> &bins)
     return array;
 }
 
+// The bins from the first that holds files to the last.
 void printBins(const QString &title, const QVector<Bin> &bins)
 {
     RvoCommand::print(title);
-    qint64 most = 1;
-    for (const Bin &bin : bins)
-        most = qMax(most, bin.files);
-    for (const Bin &bin : bins) {
+    qint64 most = 0;
+    int first = int(bins.size()), last = -1;
+    for (int i = 0; i < bins.size(); ++i) {
+        most = qMax(most, bins[i].files);
+        if (bins[i].files > 0) {
+            first = qMin(first, i);
+            last = i;
+        }
+    }
+    for (int i = first; i <= last; ++i) {
+        const Bin &bin = bins[i];
         const QString bar(int((bin.files * 40 + most - 1) / most), QLatin1Char('#'));
         const QString line = QStringLiteral("  %1 %2").arg(bin.label, -12).arg(bin.files, 9);
         RvoCommand::print(bar.isEmpty() ? line : line + QStringLiteral("  ") + bar);
@@ -175,8 +183,10 @@ int statsCommand(const QStringList &arguments)
         return command.status();
     }
 
-    RvoCommand::print(
-            QStringLiteral("block files      %1 in %2 sub-caches").arg(files).arg(subCaches));
+    RvoCommand::print(QStringLiteral("block files      %1 in %2 sub-cache%3")
+                              .arg(files)
+                              .arg(subCaches)
+                              .arg(subCaches == 1 ? "" : "s"));
     RvoCommand::print(QStringLiteral("bytes on disk    %1").arg(RvoUnits::bytes(bytes)));
     RvoCommand::print(QStringLiteral("uncompressed     %1 (ratio %2)")
                               .arg(RvoUnits::bytes(uncompressed))
