@@ -68,23 +68,14 @@ TesterRun runTester(const QString &dataDirectory, RvoSelfCheckHooks *hooks = nul
 // The line of the named check, or an empty string.
 QString lineOf(const TesterRun &run, const QString &check)
 {
-    for (const QString &line : run.lines) {
-        if (line == QStringLiteral("[ OK ] ") + check || line == QStringLiteral("[!!] ") + check
-            || line.startsWith(QStringLiteral("[ OK ] ") + check + QStringLiteral(": "))
-            || line.startsWith(QStringLiteral("[!!] ") + check + QStringLiteral(": ")))
-            return line;
-    }
-    return QString();
+    const QRegularExpression line(QStringLiteral("^\\[( OK |!!)\\] %1(: |$)")
+                                          .arg(QRegularExpression::escape(check)));
+    return run.lines.filter(line).value(0);
 }
 
 QStringList failedLines(const TesterRun &run)
 {
-    QStringList failed;
-    for (const QString &line : run.lines) {
-        if (!line.startsWith(QStringLiteral("[ OK ] ")))
-            failed << line;
-    }
-    return failed;
+    return run.lines.filter(QRegularExpression(QStringLiteral("^(?!\\[ OK \\] )")));
 }
 
 // Name and content digest of every file in a directory.
@@ -179,10 +170,11 @@ public:
 
 } // namespace
 
-TEST(DdiTester, RunOnGeneratedSamplesReportsNoFailureAndOnlyOkLines)
+TEST(DdiTester, MissingDataDirectoryIsFilledWithSamplesAndEveryCheckPasses)
 {
-    QTemporaryDir data;
-    const TesterRun run = runTester(data.path());
+    QTemporaryDir parent;
+    const QString data = parent.filePath(QStringLiteral("not/yet/there"));
+    const TesterRun run = runTester(data);
     EXPECT_EQ(run.failures, 0);
     EXPECT_EQ(failedLines(run), QStringList());
     ASSERT_EQ(run.lines.size(), kChecks.size()) << run.lines.join(QLatin1Char('\n')).toStdString();
@@ -191,24 +183,21 @@ TEST(DdiTester, RunOnGeneratedSamplesReportsNoFailureAndOnlyOkLines)
     // The manager is left as it was found.
     EXPECT_FALSE(RvoDataBlockManager::instance().isInitialized());
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
-}
 
-TEST(DdiTester, EmptyDataDirectoryIsFilledWithPngAndRawImageSamples)
-{
-    QTemporaryDir data;
-    const TesterRun run = runTester(data.path());
-    const QStringList files = QDir(data.path()).entryList(QDir::Files, QDir::Name);
+    // PNG and raw image samples, each raw file holding its PNG's pixels.
+    const QStringList files = QDir(data).entryList(QDir::Files, QDir::Name);
     ASSERT_EQ(files.size(), 12);
-    EXPECT_EQ(QDir(data.path()).entryList({QStringLiteral("*.png")}, QDir::Files).size(), 6);
-    EXPECT_EQ(QDir(data.path()).entryList({QStringLiteral("*.argb32")}, QDir::Files).size(), 6);
-    for (const QString &file : files) {
-        if (file.endsWith(QStringLiteral(".argb32"))) {
-            EXPECT_EQ(RvoSampleImages::compareRawWithPng(data.filePath(file)), QString())
-                    << file.toStdString();
-        }
-    }
+    EXPECT_EQ(QDir(data).entryList({QStringLiteral("*.png")}, QDir::Files).size(), 6);
+    for (const QString &file : QDir(data).entryList({QStringLiteral("*.argb32")}, QDir::Files))
+        EXPECT_EQ(RvoSampleImages::compareRawWithPng(data + QLatin1Char('/') + file), QString());
     EXPECT_TRUE(lineOf(run, QStringLiteral("Sample files"))
                         .startsWith(QStringLiteral("[ OK ] Sample files: 12 files, ")));
+
+    // The timing checks print their figures.
+    const QRegularExpression figure(QStringLiteral(": \\d+\\.\\d MB/s"));
+    for (const QString &check : kChecks.mid(16, 4))
+        EXPECT_TRUE(figure.match(lineOf(run, check)).hasMatch()) << check.toStdString();
+    EXPECT_TRUE(lineOf(run, QStringLiteral("Read speed")).contains(QStringLiteral("blocks/s")));
 }
 
 TEST(DdiTester, GeneratedSamplesAreTheSameOnEveryRun)
@@ -220,15 +209,6 @@ TEST(DdiTester, GeneratedSamplesAreTheSameOnEveryRun)
     RvoSampleImages::generate(second.path(), &error);
     EXPECT_EQ(error, QString());
     EXPECT_EQ(snapshot(first.path()), snapshot(second.path()));
-}
-
-TEST(DdiTester, MissingDataDirectoryIsMadeAndFilled)
-{
-    QTemporaryDir parent;
-    const QString data = parent.filePath(QStringLiteral("not/yet/there"));
-    const TesterRun run = runTester(data);
-    EXPECT_EQ(run.failures, 0) << failedLines(run).join(QLatin1Char('\n')).toStdString();
-    EXPECT_EQ(QDir(data).entryList(QDir::Files).size(), 12);
 }
 
 TEST(DdiTester, DataDirectoryWithFilesIsUsedAsItIsAndLeftUnchanged)
@@ -248,21 +228,6 @@ TEST(DdiTester, DataDirectoryWithFilesIsUsedAsItIsAndLeftUnchanged)
     EXPECT_EQ(lineOf(run, QStringLiteral("Sample files")),
               QStringLiteral("[ OK ] Sample files: 2 files, 4 blocks, 0.6 MB"));
     EXPECT_EQ(snapshot(data.path()), before);
-}
-
-TEST(DdiTester, TimingChecksPrintTheirFigures)
-{
-    QTemporaryDir data;
-    const TesterRun run = runTester(data.path());
-    const QRegularExpression figure(QStringLiteral(": \\d+\\.\\d MB/s"));
-    for (const QString &check :
-         {QStringLiteral("Hashing speed"), QStringLiteral("Compression speed"),
-          QStringLiteral("Write speed"), QStringLiteral("Read speed")}) {
-        const QString line = lineOf(run, check);
-        EXPECT_TRUE(line.startsWith(QStringLiteral("[ OK ] "))) << line.toStdString();
-        EXPECT_TRUE(figure.match(line).hasMatch()) << line.toStdString();
-    }
-    EXPECT_TRUE(lineOf(run, QStringLiteral("Read speed")).contains(QStringLiteral("blocks/s")));
 }
 
 TEST(DdiTester, ProgressShowsEachCheckAsItStartsAndReplacesItWithTheResult)
@@ -335,25 +300,19 @@ TEST(DdiTester, CorruptedBlockFileFailsTheWriteAndReadCheck)
 
 TEST(DdiTester, WrongExpectedDigestFailsItsKnownAnswerCheckOnly)
 {
-    QTemporaryDir data;
-    WrongExpectedDigest wrong(1024);
-    const TesterRun run = runTester(data.path(), &wrong);
-    EXPECT_EQ(run.failures, 1);
-    const QString line = lineOf(run, QStringLiteral("Skein-1024 known answers"));
-    EXPECT_TRUE(line.startsWith(QStringLiteral("[!!] Skein-1024 known answers: expected %1, saw ")
-                                        .arg(wrong.m_Changed)))
-            << line.toStdString();
-    EXPECT_EQ(failedLines(run), QStringList {line});
-}
-
-TEST(DdiTester, WrongExpectedDigestOfPartialByteMessageFailsToo)
-{
-    QTemporaryDir data;
-    WrongExpectedDigest wrong(160);
-    const TesterRun run = runTester(data.path(), &wrong);
-    EXPECT_EQ(run.failures, 1);
-    EXPECT_TRUE(lineOf(run, QStringLiteral("Skein-256 known answers"))
-                        .startsWith(QStringLiteral("[!!] Skein-256 known answers: expected ")));
+    // A whole-byte message at 1024 bits, a partial-byte one at 160.
+    for (const auto &c : {qMakePair(1024, QStringLiteral("Skein-1024 known answers")),
+                          qMakePair(160, QStringLiteral("Skein-256 known answers"))}) {
+        QTemporaryDir data;
+        WrongExpectedDigest wrong(c.first);
+        const TesterRun run = runTester(data.path(), &wrong);
+        EXPECT_EQ(run.failures, 1);
+        const QString line = lineOf(run, c.second);
+        EXPECT_TRUE(line.startsWith(
+                QStringLiteral("[!!] %1: expected %2, saw ").arg(c.second, wrong.m_Changed)))
+                << line.toStdString();
+        EXPECT_EQ(failedLines(run), QStringList {line});
+    }
 }
 
 TEST(DdiTester, ReferenceHeldPastTheRunFailsTheConsistencyReport)
@@ -416,44 +375,29 @@ TEST(DdiTester, CacheDirectoryThatCannotBeMadeFailsTheChecksThatNeedIt)
     EXPECT_TRUE(lineOf(run, QStringLiteral("Hashing speed")).startsWith(QStringLiteral("[ OK ] ")));
 }
 
-TEST(DdiTester, ToolExitsWithZeroWhenEveryCheckPasses)
+TEST(DdiTester, ToolExitCodeSaysWhetherEveryCheckPassed)
 {
     QTemporaryDir data;
-    QProcess tool;
-    tool.start(QStringLiteral(RVODDI_SELFCHECK_TOOL),
-               {QStringLiteral("--data"), data.path(), QStringLiteral("--scale"),
-                QStringLiteral("0")});
-    ASSERT_TRUE(tool.waitForFinished(600000));
-    const QStringList lines = QString::fromLocal8Bit(tool.readAllStandardOutput())
-                                      .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    EXPECT_EQ(tool.exitCode(), 0)
-            << QString::fromLocal8Bit(tool.readAllStandardError()).toStdString();
+    const auto runTool = [](const QStringList &arguments, QStringList *lines) {
+        QProcess tool;
+        tool.start(QStringLiteral(RVODDI_SELFCHECK_TOOL), arguments);
+        EXPECT_TRUE(tool.waitForFinished(600000));
+        *lines = QString::fromLocal8Bit(tool.readAllStandardOutput())
+                         .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        return tool.exitCode();
+    };
+    const QStringList arguments {QStringLiteral("--data"), data.path(), QStringLiteral("--scale"),
+                                 QStringLiteral("0")};
+    QStringList lines;
+    EXPECT_EQ(runTool(arguments, &lines), 0);
     EXPECT_EQ(lines.size(), kChecks.size());
     for (const QString &line : lines)
         EXPECT_TRUE(line.startsWith(QStringLiteral("[ OK ] "))) << line.toStdString();
-}
 
-TEST(DdiTester, ToolExitsWithOneWhenACheckFails)
-{
-    QTemporaryDir data;
-    QString error;
-    const QStringList files = RvoSampleImages::generate(data.path(), &error);
-    flipByte(files.filter(QStringLiteral(".argb32")).value(0), 10);
-    QProcess tool;
-    tool.start(QStringLiteral(RVODDI_SELFCHECK_TOOL),
-               {QStringLiteral("--data"), data.path(), QStringLiteral("--scale"),
-                QStringLiteral("0")});
-    ASSERT_TRUE(tool.waitForFinished(600000));
-    EXPECT_EQ(tool.exitCode(), 1);
-    EXPECT_TRUE(tool.readAllStandardOutput().contains("[!!] Sample files: "));
-}
+    flipByte(QDir(data.path()).entryInfoList({QStringLiteral("*.argb32")}).value(0).filePath(), 10);
+    EXPECT_EQ(runTool(arguments, &lines), 1);
+    EXPECT_TRUE(lines.filter(QStringLiteral("[!!] Sample files: ")).size() == 1);
 
-TEST(DdiTester, ToolRejectsAScaleThatIsNotANumber)
-{
-    QProcess tool;
-    tool.start(QStringLiteral(RVODDI_SELFCHECK_TOOL),
-               {QStringLiteral("--scale"), QStringLiteral("fast")});
-    ASSERT_TRUE(tool.waitForFinished(60000));
-    EXPECT_EQ(tool.exitCode(), 2);
-    EXPECT_TRUE(tool.readAllStandardOutput().isEmpty());
+    EXPECT_EQ(runTool({QStringLiteral("--scale"), QStringLiteral("fast")}, &lines), 2);
+    EXPECT_TRUE(lines.isEmpty());
 }

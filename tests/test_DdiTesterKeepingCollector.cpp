@@ -6,6 +6,7 @@
 #include "OutputCapture.h"
 #include "RvoHashManager.h"
 
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -17,14 +18,9 @@ TEST(DdiTesterKeepingCollector, CollectorThatKeepsEverythingFailsTheGarbageColle
     tester.setTestDataDirectory(data.path());
     StdoutCapture capture;
     const int failures = tester.runAllTest(0);
-    const QStringList lines = capture.lines();
-
+    const QStringList failed
+            = capture.lines().filter(QRegularExpression(QStringLiteral("^(?!\\[ OK \\] )")));
     EXPECT_EQ(failures, 1);
-    QStringList failed;
-    for (const QString &line : lines) {
-        if (!line.startsWith(QStringLiteral("[ OK ] ")))
-            failed << line;
-    }
     // 24 block files written, every other digest dropped: 12 live, 24 kept.
     EXPECT_EQ(failed,
               QStringList {QStringLiteral("[!!] Garbage collection: The number of live hashes "

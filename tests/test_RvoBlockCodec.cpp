@@ -75,34 +75,28 @@ testing::AssertionResult refused(RvoBlockCodec &codec, const QByteArray &payload
 
 } // namespace
 
-TEST(RvoBlockCodec, RoundTripKeepsEveryByte)
+// Our payloads are qUncompress's format, and qCompress's at any level decode.
+TEST(RvoBlockCodec, RoundTripsKeepEveryByteAndMatchQtsFormat)
 {
     RvoBlockCodec codec;
     for (const QByteArray &block : sampleBlocks()) {
+        SCOPED_TRACE(block.size());
         const QByteArray payload = codec.compress(block.constData(), block.size());
-        ASSERT_FALSE(payload.isNull()) << block.size();
-        const std::vector<char> copy = exactCopy(payload, payload.size());
-        QByteArray out;
-        ASSERT_TRUE(codec.uncompress(copy.data(), payload.size(), block.size(), &out))
-                << block.size();
-        EXPECT_EQ(out.size(), block.size());
-        EXPECT_TRUE(out == block) << block.size();
-    }
-}
-
-TEST(RvoBlockCodec, PayloadIsReadByQUncompress)
-{
-    RvoBlockCodec codec;
-    for (const QByteArray &block : sampleBlocks()) {
-        const QByteArray payload = codec.compress(block.constData(), block.size());
+        ASSERT_FALSE(payload.isNull());
         EXPECT_EQ(headerOf(payload), quint32(block.size()));
-        const QByteArray decoded = qUncompress(payload);
-        EXPECT_EQ(decoded.size(), block.size());
-        EXPECT_TRUE(decoded == block) << block.size();
+        EXPECT_TRUE(qUncompress(payload) == block);
+        for (const QByteArray &encoded :
+             {payload, qCompress(block, -1), qCompress(block, 2), qCompress(block, 9)}) {
+            const std::vector<char> copy = exactCopy(encoded, encoded.size());
+            QByteArray out;
+            ASSERT_TRUE(codec.uncompress(copy.data(), encoded.size(), block.size(), &out));
+            EXPECT_EQ(out.size(), block.size());
+            EXPECT_TRUE(out == block);
+        }
     }
 }
 
-TEST(RvoBlockCodec, LengthIsWrittenBigEndian)
+TEST(RvoBlockCodec, PayloadIsABigEndianLengthThenAZlibStreamOrFourZeroBytes)
 {
     RvoBlockCodec codec;
     const QByteArray block = textBytes(0x010203);
@@ -112,50 +106,25 @@ TEST(RvoBlockCodec, LengthIsWrittenBigEndian)
     // A zlib header: deflate with a 32 KiB window, header checksum valid.
     EXPECT_EQ(payload[4], char(0x78));
     EXPECT_EQ((quint8(payload[4]) * 256 + quint8(payload[5])) % 31, 0);
-}
 
-TEST(RvoBlockCodec, QCompressPayloadIsDecoded)
-{
-    RvoBlockCodec codec;
-    for (const QByteArray &block : sampleBlocks()) {
-        for (int level : {-1, 2, 9}) {
-            const QByteArray payload = qCompress(block, level);
-            const std::vector<char> copy = exactCopy(payload, payload.size());
-            QByteArray out;
-            ASSERT_TRUE(codec.uncompress(copy.data(), payload.size(), block.size(), &out))
-                    << block.size() << " at level " << level;
-            EXPECT_TRUE(out == block) << block.size() << " at level " << level;
-        }
-    }
-}
-
-TEST(RvoBlockCodec, EmptyBlockIsFourZeroBytes)
-{
-    RvoBlockCodec codec;
     const char byte = 'x';
     EXPECT_EQ(codec.compress(&byte, 0), QByteArray(4, '\0'));
-    EXPECT_EQ(codec.compress(nullptr, 0), QByteArray(4, '\0'));
     EXPECT_EQ(codec.compress(nullptr, 0), qCompress(QByteArray(), 2));
-
     const std::vector<char> empty(4, '\0');
     QByteArray out("stale contents");
     EXPECT_TRUE(codec.uncompress(empty.data(), 4, 0, &out));
     EXPECT_TRUE(out.isEmpty());
 }
 
-TEST(RvoBlockCodec, EveryPrefixOfSmallPayloadIsRefused)
+TEST(RvoBlockCodec, TruncatedPayloadIsRefused)
 {
     RvoBlockCodec codec;
-    const QByteArray block = textBytes(255);
-    const QByteArray payload = codec.compress(block.constData(), block.size());
-    ASSERT_GT(payload.size(), 10);
-    for (int length = 0; length < payload.size(); ++length)
-        EXPECT_TRUE(refused(codec, payload, length, block.size())) << "prefix " << length;
-}
+    const QByteArray small = textBytes(255);
+    const QByteArray smallPayload = codec.compress(small.constData(), small.size());
+    ASSERT_GT(smallPayload.size(), 10);
+    for (int length = 0; length < smallPayload.size(); ++length)
+        EXPECT_TRUE(refused(codec, smallPayload, length, small.size())) << "prefix " << length;
 
-TEST(RvoBlockCodec, LargePayloadCutAnywhereIsRefused)
-{
-    RvoBlockCodec codec;
     const QByteArray block = makeImageLikeTile(5);
     const QByteArray payload = codec.compress(block.constData(), block.size());
     const int n = int(payload.size());
@@ -188,7 +157,8 @@ TEST(RvoBlockCodec, FlippedByteIsRefused)
     EXPECT_TRUE(refused(codec, badSum, badSum.size(), tile.size()));
 }
 
-TEST(RvoBlockCodec, LengthFieldThatLiesIsRefused)
+// The length field, the caller's expected size and the stream must all agree.
+TEST(RvoBlockCodec, PayloadThatDisagreesWithItsLengthOrTheCallerIsRefused)
 {
     RvoBlockCodec codec;
     const QByteArray block = textBytes(1000);
@@ -197,45 +167,27 @@ TEST(RvoBlockCodec, LengthFieldThatLiesIsRefused)
         const QByteArray bad = withHeader(payload, lie);
         EXPECT_TRUE(refused(codec, bad, bad.size(), lie)) << lie;
     }
-    // The stream and the caller agree on 1000 bytes; the length field alone lies.
-    const QByteArray wrongField = withHeader(payload, 999);
-    EXPECT_TRUE(refused(codec, wrongField, wrongField.size(), block.size()));
-    // A zero length followed by a stream is not how an empty block is written.
-    const QByteArray zero = withHeader(payload, 0);
-    EXPECT_TRUE(refused(codec, zero, zero.size(), 0));
-    // Not even followed by a valid zlib stream of nothing.
-    const QByteArray emptyStream = QByteArray::fromHex("00000000789c030000000001");
-    EXPECT_TRUE(refused(codec, emptyStream, emptyStream.size(), 0));
-}
-
-TEST(RvoBlockCodec, ExpectedSizeMismatchIsRefused)
-{
-    RvoBlockCodec codec;
-    const QByteArray block = textBytes(1000);
-    const QByteArray payload = codec.compress(block.constData(), block.size());
+    EXPECT_TRUE(refused(codec, withHeader(payload, 999), payload.size(), block.size()));
     for (qint64 expected :
          {qint64(999), qint64(1001), qint64(0), qint64(1), (qint64(1) << 32) + 1000})
         EXPECT_TRUE(refused(codec, payload, payload.size(), expected)) << expected;
-
-    const QByteArray empty = codec.compress(nullptr, 0);
-    EXPECT_TRUE(refused(codec, empty, empty.size(), 1));
-}
-
-TEST(RvoBlockCodec, TrailingBytesAreRefused)
-{
-    RvoBlockCodec codec;
-    const QByteArray block = textBytes(1000);
-    const QByteArray payload = codec.compress(block.constData(), block.size());
     for (const QByteArray &tail :
          {QByteArray(1, '\0'), QByteArray("garbage"), payload.mid(4), QByteArray(4096, 'z')}) {
         const QByteArray bad = payload + tail;
         EXPECT_TRUE(refused(codec, bad, bad.size(), block.size())) << tail.size();
     }
-    const QByteArray empty = codec.compress(nullptr, 0) + QByteArray(1, '\0');
-    EXPECT_TRUE(refused(codec, empty, empty.size(), 0));
+
+    // An empty block is four zero bytes and nothing else: not a zero length
+    // followed by a stream, not even a valid zlib stream of nothing.
+    const QByteArray empty = codec.compress(nullptr, 0);
+    EXPECT_TRUE(refused(codec, empty, empty.size(), 1));
+    EXPECT_TRUE(refused(codec, empty + QByteArray(1, '\0'), empty.size() + 1, 0));
+    EXPECT_TRUE(refused(codec, withHeader(payload, 0), payload.size(), 0));
+    const QByteArray emptyStream = QByteArray::fromHex("00000000789c030000000001");
+    EXPECT_TRUE(refused(codec, emptyStream, emptyStream.size(), 0));
 }
 
-TEST(RvoBlockCodec, PayloadShorterThanHeaderIsRefused)
+TEST(RvoBlockCodec, ImpossibleSizesAreRefusedWithoutReading)
 {
     RvoBlockCodec codec;
     const QByteArray zeros(4, '\0');
@@ -245,54 +197,38 @@ TEST(RvoBlockCodec, PayloadShorterThanHeaderIsRefused)
     EXPECT_FALSE(codec.uncompress(nullptr, 0, 0, &out));
     EXPECT_TRUE(out.isEmpty());
     EXPECT_FALSE(codec.uncompress(zeros.constData(), 4, 0, nullptr));
-}
 
-TEST(RvoBlockCodec, NegativeSizesAreRefused)
-{
-    RvoBlockCodec codec;
     const QByteArray block = textBytes(100);
     EXPECT_TRUE(codec.compress(block.constData(), -1).isNull());
     EXPECT_TRUE(codec.compress(block.constData(), std::numeric_limits<qint64>::min()).isNull());
-
     const QByteArray payload = codec.compress(block.constData(), block.size());
     const std::vector<char> copy = exactCopy(payload, payload.size());
-    QByteArray out("stale contents");
+    out = QByteArray("stale contents");
     EXPECT_FALSE(codec.uncompress(copy.data(), -1, block.size(), &out));
     EXPECT_TRUE(out.isEmpty());
     EXPECT_FALSE(codec.uncompress(copy.data(), std::numeric_limits<qint64>::min(), 100, &out));
     EXPECT_TRUE(refused(codec, payload, payload.size(), -1));
     EXPECT_TRUE(refused(codec, withHeader(payload, 0xFFFFFFFF), payload.size(), -1));
     EXPECT_TRUE(refused(codec, payload, payload.size(), std::numeric_limits<qint64>::min()));
-}
 
-TEST(RvoBlockCodec, SizeBeyondLengthFieldIsRefusedWithoutReading)
-{
     // The buffer is 16 bytes; a codec that narrowed 4 GiB + 16 to 32 bits
     // would compress 16 bytes and get the length wrong, one that read
     // would run off the end.
-    RvoBlockCodec codec;
     const std::vector<char> data(16, 'a');
     EXPECT_TRUE(codec.compress(data.data(), (qint64(1) << 32) + 16).isNull());
     EXPECT_TRUE(codec.compress(data.data(), std::numeric_limits<qint64>::max()).isNull());
     EXPECT_TRUE(codec.compress(nullptr, 16).isNull());
 }
 
-TEST(RvoBlockCodec, DecodesIntoTheArrayHoldingThePayload)
+TEST(RvoBlockCodec, PayloadKeepsNoWorstCaseSlackAndDecodesInPlace)
 {
     RvoBlockCodec codec;
     const QByteArray block = makeImageLikeTile(7);
     QByteArray buffer = codec.compress(block.constData(), block.size());
+    ASSERT_LT(buffer.size(), block.size() / 2);
+    EXPECT_LT(buffer.capacity(), buffer.size() + 64);
     ASSERT_TRUE(codec.uncompress(buffer.constData(), buffer.size(), block.size(), &buffer));
     EXPECT_TRUE(buffer == block);
-}
-
-TEST(RvoBlockCodec, PayloadKeepsNoWorstCaseSlack)
-{
-    RvoBlockCodec codec;
-    const QByteArray block = makeImageLikeTile(8);
-    const QByteArray payload = codec.compress(block.constData(), block.size());
-    ASSERT_LT(payload.size(), block.size() / 2);
-    EXPECT_LT(payload.capacity(), payload.size() + 64);
 }
 
 TEST(RvoBlockCodec, ImageTilesStayWithinTwoPercentOfZlibLevel2)

@@ -1,5 +1,7 @@
 #include "ManagerTestAccess.h"
+#include "OutputCapture.h"
 #include "RvoBlockCodec_p.h"
+#include "RvoBlockFile_p.h"
 #include "RvoBlockSaver_p.h"
 
 #include <QDir>
@@ -10,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -31,20 +32,14 @@ QString fileName(int i)
 }
 
 // What the block file at `path` holds, or a null array when it is not a
-// well-formed block file.
+// sound block file.
 QByteArray blockIn(const QString &path)
 {
     const QByteArray file = readFile(path);
-    if (file.size() < 12)
-        return QByteArray();
-    qint64 size = 0;
-    qint32 length = 0;
-    std::memcpy(&size, file.constData(), 8);
-    std::memcpy(&length, file.constData() + 8, 4);
-    if (file.size() != 12 + length)
-        return QByteArray();
-    const QByteArray content = qUncompress(file.mid(12));
-    return content.size() == size ? content : QByteArray();
+    RvoBlockCodec codec;
+    QByteArray content;
+    RvoBlockFile::decode(codec, file.constData(), file.size(), &content);
+    return content;
 }
 
 int filesIn(const QString &directory)
@@ -106,21 +101,23 @@ TEST(RvoBlockSaver, FinishPullsAQueuedJobAheadOfTheBacklog)
         saver.cancel(job);
 }
 
-// A file that is there already holds the same content: it is neither
-// compressed again nor replaced.
-TEST(RvoBlockSaver, ExistingFileIsFoundAndLeftAlone)
+// A save the file system refuses says why and leaves nothing behind; it
+// prints nothing itself, since its caller reports an episode of refusals
+// once.
+TEST(RvoBlockSaver, RefusedSaveSaysWhyAndPrintsNothing)
 {
     QTemporaryDir dir;
-    const QByteArray marker("a block file written before");
-    ASSERT_TRUE(writeFile(dir.filePath(fileName(1)), marker));
-    RvoBlockSaver &saver = RvoBlockSaver::instance();
+    ASSERT_TRUE(writeFile(dir.filePath(QStringLiteral("file")), "x"));
     RvoBlockCodec codec;
-    const RvoBlockSaver::JobPtr job = saver.submit(jobBytes(1), dir.path(), fileName(1));
-    const RvoBlockSaver::Outcome outcome =
-            saver.finish(job, jobBytes(1), dir.path(), fileName(1), codec);
-    EXPECT_TRUE(outcome.onDisk);
-    EXPECT_EQ(outcome.written, 0);
-    EXPECT_EQ(readFile(dir.filePath(fileName(1))), marker);
+    StdoutCapture out;
+    const RvoBlockSaver::Outcome outcome = RvoBlockSaver::instance().finish(
+            nullptr, jobBytes(1), dir.filePath(QStringLiteral("file/bucket")), fileName(1), codec);
+    EXPECT_TRUE(outcome.refused);
+    EXPECT_FALSE(outcome.onDisk);
+    EXPECT_EQ(outcome.report, QStringLiteral("Cannot Open File ") + fileName(1));
+    EXPECT_EQ(outcome.error, QStringLiteral("Not a directory"));
+    EXPECT_EQ(out.text(), QString());
+    EXPECT_EQ(filesIn(dir.path()), 1);
 }
 
 // The sub-cache changed between queueing and the save's turn: the file goes

@@ -1,7 +1,5 @@
 #include "ManagerTestAccess.h"
 #include "OutputCapture.h"
-#include "RvoConstAccessor.h"
-#include "RvoDataReference.h"
 
 #include <gtest/gtest.h>
 
@@ -9,51 +7,31 @@ using Access = RvoDataBlockManagerTestAccess;
 
 namespace {
 
-RvoDataReference add(const QByteArray &content)
-{
-    return RvoDataBlockManager::instance().addBlock(content, RvoModifyAccessor::CacheContent, true);
-}
-
 bool evictable(const RvoDataReference &ref)
 {
-    return !Access::blockIsLocked(ref.hashPtr().data());
+    return !Access::blockIsLocked(hashOf(ref));
 }
 
 } // namespace
 
-TEST(RvoConstAccessor, FirstAccessorPinsAndLastUnpins)
-{
-    ManagerSetup setup;
-    const RvoDataReference ref = add(testContent(1));
-    EXPECT_TRUE(evictable(ref));
-    StdoutCapture out;
-    {
-        const RvoConstAccessor first = ref.constAccessor();
-        EXPECT_EQ(first.count(), 1);
-        EXPECT_FALSE(evictable(ref));
-        const RvoConstAccessor second = ref.constAccessor();
-        EXPECT_EQ(second.count(), 2);
-        const RvoConstAccessor copy(second);
-        EXPECT_EQ(copy.count(), 3);
-        EXPECT_EQ(copy.data(), first.data());
-    }
-    EXPECT_TRUE(evictable(ref));
-    EXPECT_TRUE(out.lines().isEmpty()) << "one pin, one unpin, no complaint";
-}
-
 // Assignment used to copy the pointer alone: the assigned-to accessor then
 // released a pin it never took and let a block be evicted under a reader.
-TEST(RvoConstAccessor, AssignmentKeepsThePinCountsExact)
+TEST(RvoConstAccessor, PinCountsStayExactThroughCopiesAndAssignments)
 {
     ManagerSetup setup;
-    const RvoDataReference a = add(testContent(2));
-    const RvoDataReference b = add(testContent(3));
+    const RvoDataReference a = addBlock(testContent(2));
+    const RvoDataReference b = addBlock(testContent(3));
     StdoutCapture out;
     {
         RvoConstAccessor onA = a.constAccessor();
+        EXPECT_FALSE(evictable(a));
+        const RvoConstAccessor second = a.constAccessor();
+        const RvoConstAccessor copy(second);
+        EXPECT_EQ(copy.count(), 3);
+        EXPECT_EQ(copy.data(), onA.data());
         RvoConstAccessor onB = b.constAccessor();
-        onA = onB; // lets go of a, shares b
-        EXPECT_TRUE(evictable(a));
+        onA = onB; // lets go of one count on a, shares b
+        EXPECT_EQ(copy.count(), 2);
         EXPECT_EQ(onB.count(), 2);
         onA = onA;
         EXPECT_EQ(onB.count(), 2);
@@ -63,31 +41,40 @@ TEST(RvoConstAccessor, AssignmentKeepsThePinCountsExact)
     }
     EXPECT_TRUE(evictable(a));
     EXPECT_TRUE(evictable(b));
-    EXPECT_TRUE(out.lines().isEmpty());
+    EXPECT_TRUE(out.lines().isEmpty()) << "one pin, one unpin, no complaint";
 }
 
 TEST(RvoConstAccessor, PinnedBlockStaysThroughEvictionAndReadsItsBytes)
 {
     ManagerSetup setup(1, QString(), 10, 3 * 100000);
     const QByteArray content = testContent(4, 100000);
-    const RvoDataReference ref = add(content);
+    const RvoDataReference ref = addBlock(content);
     const RvoConstAccessor pinned = ref.constAccessor();
     for (int i = 0; i < 10; ++i)
-        add(testContent(10 + i, 100000));
-    EXPECT_TRUE(Access::holdsBlock(ref.hashPtr().data()));
-    EXPECT_EQ(QByteArray(reinterpret_cast<const char *>(pinned.data()), int(pinned.size())),
-              content);
+        addBlock(testContent(10 + i, 100000));
+    EXPECT_TRUE(Access::holdsBlock(hashOf(ref)));
+    EXPECT_EQ(bytesOf(pinned), content);
 }
 
-TEST(RvoConstAccessor, NullAccessorsAreSafe)
+// A reference without a digest goes on to ask for its block and make the
+// accessor from neither block nor digest: both say so, in that order.
+TEST(RvoConstAccessor, NullReferenceGivesANullAccessorAndReportsBothSteps)
 {
-    const RvoConstAccessor null;
-    EXPECT_TRUE(null.isNull());
-    EXPECT_EQ(null.size(), 0);
-    EXPECT_EQ(null.data(), nullptr);
-    EXPECT_EQ(null.count(), 0);
+    ManagerSetup setup;
+    const RvoDataReference null;
+    DebugCapture debug;
     StdoutCapture out;
-    const RvoConstAccessor copy(null);
+    const RvoConstAccessor accessor = null.constAccessor();
+    EXPECT_TRUE(accessor.isNull());
+    EXPECT_EQ(accessor.size(), 0);
+    EXPECT_EQ(accessor.data(), nullptr);
+    EXPECT_EQ(accessor.count(), 0);
+    const RvoConstAccessor copy(accessor);
     EXPECT_TRUE(copy.isNull());
-    EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Null Block Value in That")});
+    EXPECT_EQ(out.lines(),
+              (QStringList {QStringLiteral("Null Value of m_DataHash"),
+                            QStringLiteral("Both Block and Pointer Are Null"),
+                            QStringLiteral("Null Block Value in That")}));
+    EXPECT_EQ(debug.messages(),
+              QStringList {QStringLiteral("Null Value of m_DataHash m_HashJob=0x0")});
 }

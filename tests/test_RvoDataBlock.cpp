@@ -5,23 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
-namespace {
-
-QByteArray bytesOf(const RvoDataBlock &block)
-{
-    return QByteArray(reinterpret_cast<const char *>(block.constData()), int(block.size()));
-}
-
-} // namespace
-
-TEST(RvoDataBlock, ConstructorsGiveTheirBytesUncompressedAndNotCached)
+TEST(RvoDataBlock, ConstructorsGiveTheirBytesUncompressedAndRefuseImpossibleSizes)
 {
     const RvoDataBlock empty(0, 0);
     EXPECT_EQ(empty.size(), 0);
     const RvoDataBlock filled(256, 0x5a);
-    EXPECT_EQ(bytesOf(filled), QByteArray(256, '\x5a'));
+    EXPECT_EQ(bytesOf(&filled), QByteArray(256, '\x5a'));
 
     const QByteArray content = testContent(1, 1000);
     const RvoDataBlock fromMemory(reinterpret_cast<const unsigned char *>(content.constData()),
@@ -35,9 +24,18 @@ TEST(RvoDataBlock, ConstructorsGiveTheirBytesUncompressedAndNotCached)
         EXPECT_FALSE(block->isCompressed());
         EXPECT_FALSE(block->cached());
     }
+
+    StdoutCapture out;
+    const RvoDataBlock negative(-1, 0);
+    const RvoDataBlock null(nullptr, 10);
+    EXPECT_EQ(negative.size(), 0);
+    EXPECT_EQ(null.size(), 0);
+    EXPECT_EQ(out.lines(),
+              (QStringList {QStringLiteral("Cannot allocate a block of -1 bytes"),
+                            QStringLiteral("Null data passed for a block of 10 bytes")}));
 }
 
-TEST(RvoDataBlock, CompressKeepsTheSizeAndUncompressRestoresTheBytes)
+TEST(RvoDataBlock, CompressKeepsTheSizeAndUncompressAndDataRestoreTheBytes)
 {
     const QByteArray content = testContent(2, 50000);
     RvoDataBlock block(content);
@@ -52,28 +50,23 @@ TEST(RvoDataBlock, CompressKeepsTheSizeAndUncompressRestoresTheBytes)
 
     EXPECT_TRUE(block.uncompress());
     EXPECT_FALSE(block.isCompressed());
-    EXPECT_EQ(bytesOf(block), content);
+    EXPECT_EQ(bytesOf(&block), content);
     EXPECT_TRUE(block.uncompress()); // already raw
-    EXPECT_EQ(bytesOf(block), content);
-}
+    EXPECT_EQ(bytesOf(&block), content);
 
-TEST(RvoDataBlock, DataUncompressesAndGivesAPrivateWritableBuffer)
-{
-    const QByteArray content = testContent(3, 4096);
-    RvoDataBlock block(content);
+    // data() uncompresses a copy and gives it its own writable buffer.
     block.compress(2);
     RvoDataBlock copy(block);
     EXPECT_TRUE(copy.isCompressed()) << "a copy keeps the form";
-
     unsigned char *bytes = copy.data();
     EXPECT_FALSE(copy.isCompressed());
     EXPECT_EQ(QByteArray(reinterpret_cast<char *>(bytes), int(copy.size())), content);
     bytes[0] ^= 0xff;
     block.uncompress();
-    EXPECT_EQ(bytesOf(block), content) << "writing through a copy leaves the original alone";
+    EXPECT_EQ(bytesOf(&block), content) << "writing through a copy leaves the original alone";
 }
 
-TEST(RvoDataBlock, EqualityNeedsTheSameForm)
+TEST(RvoDataBlock, EqualityNeedsTheSameFormAndHashIsAFreshDigest)
 {
     const QByteArray content = testContent(4, 3000);
     RvoDataBlock raw(content);
@@ -87,28 +80,11 @@ TEST(RvoDataBlock, EqualityNeedsTheSameForm)
     EXPECT_EQ(assigned.size(), content.size());
     EXPECT_TRUE(RvoDataBlock(content) == raw);
     EXPECT_TRUE(RvoDataBlock(testContent(5, 3000)) != raw);
-}
 
-TEST(RvoDataBlock, HashIsAFreshDigestOfTheCurrentBytes)
-{
-    const QByteArray content = testContent(6, 2000);
-    const RvoDataBlock block(content);
-    const RvoSmartPointer<RvoDataHash> hash = block.hash();
+    const RvoSmartPointer<RvoDataHash> hash = raw.hash();
     EXPECT_TRUE(*hash == RvoDataHash(content, RvoDataHash::Skein512));
     EXPECT_EQ(hash->refCount(), 1);
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0) << "hash() does not intern";
-}
-
-TEST(RvoDataBlock, ImpossibleSizesAreReportedAndGiveAnEmptyBlock)
-{
-    StdoutCapture out;
-    const RvoDataBlock negative(-1, 0);
-    const RvoDataBlock null(nullptr, 10);
-    EXPECT_EQ(negative.size(), 0);
-    EXPECT_EQ(null.size(), 0);
-    EXPECT_EQ(out.lines(),
-              (QStringList {QStringLiteral("Cannot allocate a block of -1 bytes"),
-                            QStringLiteral("Null data passed for a block of 10 bytes")}));
 }
 
 TEST(RvoDataBlock, CountersAndLimitsAreBounded)

@@ -11,17 +11,24 @@
 
 using Access = RvoDataBlockManagerTestAccess;
 
-TEST(RvoDataBlockManager, ConstructionLogsTheDefaultBudget)
+TEST(RvoDataBlockManager, ConstructionAndTheBudgetSetterLogTheBudget)
 {
     DebugCapture debug;
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    EXPECT_EQ(debug.messages().mid(0, 2),
-              (QStringList {
-                      QStringLiteral("[DDI] Max data cache size    = 2147483648 bytes (2048 MB)"),
-                      QStringLiteral("[DDI] Max write pending size = 536870912 bytes (512 MB)")}));
     EXPECT_EQ(manager.maxDataCacheSize(), RvoDataBlockManager::defaultCacheSize());
     EXPECT_EQ(manager.numBuckets(), 10);
     EXPECT_FALSE(manager.isInitialized());
+    // The write limit is a quarter of the budget, divided toward zero.
+    manager.setMaxDataCacheSize(7);
+    EXPECT_EQ(manager.maxWritePendingSize(), 1);
+    manager.setMaxDataCacheSize(-5);
+    EXPECT_EQ(manager.maxWritePendingSize(), -1);
+    EXPECT_EQ(debug.messages().filter(QStringLiteral("[DDI] Max")).mid(0, 4),
+              (QStringList {
+                      QStringLiteral("[DDI] Max data cache size    = 2147483648 bytes (2048 MB)"),
+                      QStringLiteral("[DDI] Max write pending size = 536870912 bytes (512 MB)"),
+                      QStringLiteral("[DDI] Max data cache size    = 7 bytes (0 MB)"),
+                      QStringLiteral("[DDI] Max write pending size = 1 bytes (0 MB)")}));
 }
 
 TEST(RvoDataBlockManager, SetupCreatesRootsAndStartsThreadsPerRoot)
@@ -52,47 +59,23 @@ TEST(RvoDataBlockManager, SetupCreatesRootsAndStartsThreadsPerRoot)
     manager.cleanUp();
 }
 
-TEST(RvoDataBlockManager, BudgetSetterDividesTowardZeroAndLogs)
-{
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    DebugCapture debug;
-    manager.setMaxDataCacheSize(7);
-    EXPECT_EQ(manager.maxWritePendingSize(), 1);
-    manager.setMaxDataCacheSize(-5);
-    EXPECT_EQ(manager.maxWritePendingSize(), -1);
-    EXPECT_EQ(debug.messages().mid(0, 2),
-              (QStringList {QStringLiteral("[DDI] Max data cache size    = 7 bytes (0 MB)"),
-                            QStringLiteral("[DDI] Max write pending size = 1 bytes (0 MB)")}));
-}
-
-TEST(RvoDataBlockManager, BucketCountBelowOneIsRefused)
+TEST(RvoDataBlockManager, UncreatableRootIsReportedTwiceAndStillServedAndNoBucketsAreRefused)
 {
     QTemporaryDir dir;
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    StdoutCapture out;
-    manager.setup({dir.path()}, -1, 0);
-    EXPECT_EQ(manager.numBuckets(), 10);
-    EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Bucket count 0 is below 1, keeping 10")});
-    manager.cleanUp();
-}
-
-TEST(RvoDataBlockManager, UncreatableRootIsReportedTwiceAndStillServed)
-{
-    QTemporaryDir dir;
-    QFile blocker(dir.path() + QStringLiteral("/file"));
-    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
-    blocker.close();
+    ASSERT_TRUE(writeFile(dir.path() + QStringLiteral("/file"), QByteArray()));
     const QString root = dir.path() + QStringLiteral("/file/root");
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     StdoutCapture out;
-    manager.setup({root}, -1, 10);
+    manager.setup({root}, -1, 0);
     const QString line = QStringLiteral("Cannot Create cache root at ") + root;
-    EXPECT_EQ(out.lines(), (QStringList {line, line}));
+    EXPECT_EQ(out.lines(),
+              (QStringList {QStringLiteral("Bucket count 0 is below 1, keeping 10"), line, line}));
+    EXPECT_EQ(manager.numBuckets(), 10);
     EXPECT_EQ(Access::writeThreadCount(), 1);
     manager.cleanUp();
 }
 
-TEST(RvoDataBlockManager, SubCacheReachesTheThreadsAndTheLog)
+TEST(RvoDataBlockManager, SubCacheAndRequestPromotionReachTheThreads)
 {
     ManagerSetup setup(2);
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
@@ -108,12 +91,8 @@ TEST(RvoDataBlockManager, SubCacheReachesTheThreadsAndTheLog)
     StdoutCapture out;
     manager.setSubCache(QStringLiteral("Project"));
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Subcache Set to Project twice")});
-}
 
-TEST(RvoDataBlockManager, RequestPromotionIsLoggedOnlyWhenItChanges)
-{
-    ManagerSetup setup(2);
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
+    // Request promotion too, logged only when it changes.
     DebugCapture debug;
     manager.setRequestPromotionEnabled(false);
     manager.setRequestPromotionEnabled(true);

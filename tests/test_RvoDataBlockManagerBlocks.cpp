@@ -20,17 +20,6 @@ RvoDataBlockManager &manager()
     return RvoDataBlockManager::instance();
 }
 
-RvoDataReference add(const QByteArray &content,
-                     RvoModifyAccessor::Caching caching = RvoModifyAccessor::CacheContent)
-{
-    return manager().addBlock(content, caching, true);
-}
-
-RvoDataHash *hashOf(const RvoDataReference &ref)
-{
-    return ref.hashPtr().data();
-}
-
 bool inMemory(const RvoDataReference &ref)
 {
     return Access::holdsBlock(hashOf(ref));
@@ -38,33 +27,27 @@ bool inMemory(const RvoDataReference &ref)
 
 } // namespace
 
-TEST(RvoDataBlockManagerBlocks, EqualContentIsStoredOnceButDontCacheBlocksEachHaveAName)
+TEST(RvoDataBlockManagerBlocks, EqualContentIsStoredOnceButDontCacheBlocksEachHaveTheirOwnName)
 {
     ManagerSetup setup;
     const QByteArray content = testContent(1, 1000);
-    const RvoDataReference a = add(content);
-    const RvoDataReference b = add(content);
+    const RvoDataReference a = addBlock(content);
+    const RvoDataReference b = addBlock(content);
     EXPECT_TRUE(a == b);
     EXPECT_EQ(manager().liveBytes(), 1000) << "the second copy is dropped";
 
-    const RvoDataReference c = add(content, RvoModifyAccessor::DontCache);
-    const RvoDataReference d = add(content, RvoModifyAccessor::DontCache);
+    const RvoDataReference c = addBlock(content, RvoModifyAccessor::DontCache);
+    const RvoDataReference d = addBlock(content, RvoModifyAccessor::DontCache);
     EXPECT_TRUE(c != d);
     EXPECT_TRUE(c != a);
     EXPECT_TRUE(hashOf(c)->isDontCache());
     EXPECT_EQ(manager().liveBytes(), 3000);
-}
 
-// Don't-cache names used to be made from the block's address, which the
-// allocator hands out again once the block is freed.
-TEST(RvoDataBlockManagerBlocks, DontCacheNamesAreNeverReused)
-{
-    ManagerSetup setup;
+    // Don't-cache names used to be made from the block's address, which the
+    // allocator hands out again once the block is freed.
     QSet<QString> names;
-    for (int i = 0; i < 50; ++i) {
-        const RvoDataReference ref = add(QByteArray(64, 'x'), RvoModifyAccessor::DontCache);
-        names.insert(ref.hash());
-    } // each block is freed with its reference, its address free again
+    for (int i = 0; i < 50; ++i)
+        names.insert(addBlock(QByteArray(64, 'x'), RvoModifyAccessor::DontCache).hash());
     EXPECT_EQ(names.size(), 50);
 }
 
@@ -73,12 +56,12 @@ TEST(RvoDataBlockManagerBlocks, EvictionTakesLeastRecentlyUsedDownToNinetyPercen
     ManagerSetup setup(1, QString(), 10, 10 * 10000);
     QVector<RvoDataReference> refs;
     for (int i = 0; i < 10; ++i)
-        refs.append(add(testContent(i, 10000)));
+        refs.append(addBlock(testContent(i, 10000)));
     EXPECT_EQ(manager().liveBytes(), 100000) << "at the budget, not above it: nothing leaves";
     EXPECT_EQ(manager().liveBlocks(), 10);
 
     EXPECT_TRUE(refs.at(0).isInMemory()); // a use: block 0 is now the most recent
-    refs.append(add(testContent(10, 10000)));
+    refs.append(addBlock(testContent(10, 10000)));
     // 110000 > 100000: evicted down to 90000, the two least recently used.
     EXPECT_EQ(manager().liveBytes(), 90000);
     EXPECT_TRUE(inMemory(refs.at(0)));
@@ -95,12 +78,12 @@ TEST(RvoDataBlockManagerBlocks, EvictionTakesLeastRecentlyUsedDownToNinetyPercen
 TEST(RvoDataBlockManagerBlocks, DontCacheBlocksAreNeverEvicted)
 {
     ManagerSetup setup(1, QString(), 10, 1 << 20);
-    const RvoDataReference keep1 = add(testContent(1, 300000), RvoModifyAccessor::DontCache);
-    const RvoDataReference keep2 = add(testContent(2, 300000), RvoModifyAccessor::DontCache);
-    const RvoDataReference old1 = add(testContent(3, 100000));
-    const RvoDataReference old2 = add(testContent(4, 100000));
+    const RvoDataReference keep1 = addBlock(testContent(1, 300000), RvoModifyAccessor::DontCache);
+    const RvoDataReference keep2 = addBlock(testContent(2, 300000), RvoModifyAccessor::DontCache);
+    const RvoDataReference old1 = addBlock(testContent(3, 100000));
+    const RvoDataReference old2 = addBlock(testContent(4, 100000));
     StdoutCapture out;
-    const RvoDataReference big = add(testContent(5, (1 << 20) + 1));
+    const RvoDataReference big = addBlock(testContent(5, (1 << 20) + 1));
     EXPECT_EQ(out.lines(),
               QStringList {QStringLiteral("Requested Block is larger than the maximum allocation "
                                           "size %1 / %2")
@@ -121,7 +104,7 @@ TEST(RvoDataBlockManagerBlocks, DontCacheBlocksAreNeverEvicted)
 TEST(RvoDataBlockManagerBlocks, PinsDoNotNestAndMisuseIsReported)
 {
     ManagerSetup setup;
-    const RvoDataReference ref = add(testContent(1, 100));
+    const RvoDataReference ref = addBlock(testContent(1, 100));
     RvoDataHash *hash = hashOf(ref);
     StdoutCapture out;
     Access::lockBlock(hash);
@@ -140,12 +123,20 @@ TEST(RvoDataBlockManagerBlocks, PinsDoNotNestAndMisuseIsReported)
     EXPECT_TRUE(Access::blockIsLocked(hashOf(absent))) << "not in memory reads as locked";
 }
 
-TEST(RvoDataBlockManagerBlocks, FlushWritingAllMakesEveryBlockDurable)
+TEST(RvoDataBlockManagerBlocks, FreeAllSavesWhatItFreesAndFlushMakesEveryBlockDurable)
 {
     ManagerSetup setup(2, QStringLiteral("S"));
     QVector<RvoDataReference> refs;
     for (int i = 0; i < 20; ++i)
-        refs.append(add(testContent(i, 5000)));
+        refs.append(addBlock(testContent(i, 5000)));
+    {
+        const RvoConstAccessor accessor = refs.at(0).constAccessor();
+        manager().freeAllBlocks();
+        EXPECT_TRUE(inMemory(refs.at(0))) << "what is read stays";
+        EXPECT_FALSE(inMemory(refs.at(1)));
+        EXPECT_EQ(manager().liveBytes(), 5000);
+    }
+    EXPECT_EQ(bytesOf(refs.at(1)), testContent(1, 5000)) << "it was saved before it was freed";
     manager().flush(true, RvoDataBlockManager::AllThreads);
     for (const RvoDataReference &ref : refs) {
         const QString path = manager().getBlockDestination(QStringLiteral("S"), ref.hash());
@@ -153,49 +144,29 @@ TEST(RvoDataBlockManagerBlocks, FlushWritingAllMakesEveryBlockDurable)
     }
 }
 
-TEST(RvoDataBlockManagerBlocks, FreeAllBlocksSavesWhatItFreesAndKeepsWhatIsRead)
-{
-    ManagerSetup setup;
-    const RvoDataReference read = add(testContent(1, 2000));
-    const RvoDataReference other = add(testContent(2, 3000));
-    const RvoConstAccessor accessor = read.constAccessor();
-    manager().freeAllBlocks();
-    EXPECT_TRUE(inMemory(read));
-    EXPECT_FALSE(inMemory(other));
-    EXPECT_EQ(manager().liveBytes(), 2000);
-    EXPECT_EQ(bytesOf(other), testContent(2, 3000)) << "it was saved before it was freed";
-}
-
-TEST(RvoDataBlockManagerBlocks, PreloadBringsEvictedBlocksBack)
+TEST(RvoDataBlockManagerBlocks, EvictedBlocksAreListedSizedAndPreloadedFromDisk)
 {
     ManagerSetup setup(1, QString(), 10, 5 * 10000);
     QVector<RvoDataReference> refs;
     for (int i = 0; i < 8; ++i)
-        refs.append(add(testContent(i, 10000)));
+        refs.append(addBlock(testContent(i, 10000)));
+    QList<RvoDataReference> all;
+    manager().snapshot(all);
+    EXPECT_EQ(all.size(), 8) << "in memory or on disk alike";
     ASSERT_FALSE(inMemory(refs.at(0)));
+    ASSERT_FALSE(inMemory(refs.at(1)));
+    EXPECT_EQ(manager().blockSize(hashOf(refs.at(1))), 10000);
     refs.at(0).preload(RvoDataBlockManager::PreloadFirst);
     EXPECT_TRUE(waitUntil([&] { return inMemory(refs.at(0)); }));
 
     manager().preloadData(RvoDataReference(), RvoDataBlockManager::PreloadFirst); // nothing
     // A preload of a block in memory refreshes its place.
-    refs.at(4).preload(RvoDataBlockManager::PreloadBackground);
-    EXPECT_EQ(Access::lruOrder().first(), hashOf(refs.at(4)));
+    ASSERT_TRUE(inMemory(refs.at(6)));
+    refs.at(6).preload(RvoDataBlockManager::PreloadBackground);
+    EXPECT_EQ(Access::lruOrder().first(), hashOf(refs.at(6)));
 }
 
-TEST(RvoDataBlockManagerBlocks, SnapshotListsEveryKnownDigestAndSizeLoadsFromDisk)
-{
-    ManagerSetup setup(1, QString(), 10, 3 * 10000);
-    QVector<RvoDataReference> refs;
-    for (int i = 0; i < 6; ++i)
-        refs.append(add(testContent(i, 10000)));
-    QList<RvoDataReference> all;
-    manager().snapshot(all);
-    EXPECT_EQ(all.size(), 6) << "in memory or on disk alike";
-    ASSERT_FALSE(inMemory(refs.at(0)));
-    EXPECT_EQ(manager().blockSize(hashOf(refs.at(0))), 10000);
-}
-
-TEST(RvoDataBlockManagerBlocks, BackPressureNeverWaitsOnAnEmptyQueue)
+TEST(RvoDataBlockManagerBlocks, BackPressureNeverWaitsOnAnEmptyQueueAndNoSetupFreesNothing)
 {
     ManagerSetup setup(1, QString(), 10, 0); // a budget of 0: a limit of 0
     const auto started = std::chrono::steady_clock::now();
@@ -204,10 +175,8 @@ TEST(RvoDataBlockManagerBlocks, BackPressureNeverWaitsOnAnEmptyQueue)
     manager().processIO(); // no write threads at all
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(500));
     EXPECT_TRUE(manager().isWriteThreadsFull()) << "0 queued is not below a limit of 0";
-}
 
-TEST(RvoDataBlockManagerBlocks, FreeBlockBeforeSetupDoesNothing)
-{
+    // Freeing a block without a setup does nothing.
     const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(QByteArray("x"));
     StdoutCapture out;
     Access::freeBlock(hash.data());
@@ -221,7 +190,7 @@ TEST(RvoDataBlockManagerBlocks, EvictionGivesUpWhenEveryCandidateIsLockedElsewhe
     ManagerSetup setup(1, QString(), 10, 3 * 10000);
     QVector<RvoDataReference> refs;
     for (int i = 0; i < 3; ++i)
-        refs.append(add(testContent(i, 10000)));
+        refs.append(addBlock(testContent(i, 10000)));
     // Saves done first: a save lets go of its digest under the delete lock,
     // and would wait for the holder below like anyone else touching them.
     manager().flush(false, RvoDataBlockManager::WriteThreads);
@@ -236,7 +205,7 @@ TEST(RvoDataBlockManagerBlocks, EvictionGivesUpWhenEveryCandidateIsLockedElsewhe
             hashOf(ref)->unlock();
     });
     locked.get_future().wait();
-    auto adding = std::async(std::launch::async, [] { return add(testContent(9, 10000)); });
+    auto adding = std::async(std::launch::async, [] { return addBlock(testContent(9, 10000)); });
     const bool returned = adding.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
     release.set_value();
     holder.join();

@@ -14,11 +14,6 @@ RvoDataBlockManager &manager()
     return RvoDataBlockManager::instance();
 }
 
-RvoDataReference add(const QByteArray &content)
-{
-    return manager().addBlock(content, RvoModifyAccessor::CacheContent, true);
-}
-
 QByteArray header(qint64 magic, qint32 digestSize, qint32 count)
 {
     QByteArray bytes(16, '\0');
@@ -34,8 +29,8 @@ TEST(RvoDataBlockManagerGroups, MembersComeBackInOrderFromTheExactLayout)
 {
     ManagerSetup setup;
     const QVector<RvoDataReference> members {
-            add(testContent(1, 100)), add(testContent(2, 100)),
-            manager().addBlock(testContent(3, 100), RvoModifyAccessor::CacheContent, false)};
+            addBlock(testContent(1, 100)), addBlock(testContent(2, 100)),
+            addBlock(testContent(3, 100), RvoModifyAccessor::CacheContent, false)};
     const RvoDataReference group = manager().makeGroupBlock(members);
     QByteArray expected = header(1337, 64, 3);
     for (const RvoDataReference &member : members)
@@ -44,28 +39,24 @@ TEST(RvoDataBlockManagerGroups, MembersComeBackInOrderFromTheExactLayout)
     EXPECT_EQ(manager().extractGroupBlock(group), members);
 }
 
-TEST(RvoDataBlockManagerGroups, EmptyGroupIsABareHeader)
+TEST(RvoDataBlockManagerGroups, GroupsAreNamedByTheirMembersInOrderAndAnEmptyOneIsABareHeader)
 {
     ManagerSetup setup;
-    const RvoDataReference group = manager().makeGroupBlock({});
-    EXPECT_EQ(bytesOf(group), header(1337, 0, 0));
-    EXPECT_TRUE(manager().extractGroupBlock(group).isEmpty());
-}
-
-TEST(RvoDataBlockManagerGroups, GroupsAreNamedByTheirMembersInOrder)
-{
-    ManagerSetup setup;
-    const RvoDataReference a = add(testContent(1, 100));
-    const RvoDataReference b = add(testContent(2, 100));
+    const RvoDataReference a = addBlock(testContent(1, 100));
+    const RvoDataReference b = addBlock(testContent(2, 100));
     const RvoDataReference ab1 = manager().makeGroupBlock({a, b});
     const RvoDataReference ab2 = manager().makeGroupBlock({a, b});
     const RvoDataReference ba = manager().makeGroupBlock({b, a});
     EXPECT_EQ(ab1.hash(), ab2.hash());
     EXPECT_TRUE(ab1 == ab2);
     EXPECT_NE(ab1.hash(), ba.hash());
+
+    const RvoDataReference empty = manager().makeGroupBlock({});
+    EXPECT_EQ(bytesOf(empty), header(1337, 0, 0));
+    EXPECT_TRUE(manager().extractGroupBlock(empty).isEmpty());
 }
 
-TEST(RvoDataBlockManagerGroups, MalformedPayloadsGiveNoMembers)
+TEST(RvoDataBlockManagerGroups, MalformedPayloadsGiveNoMembersAndNullMembersAreRefused)
 {
     ManagerSetup setup;
     const QByteArray digest(64, '\x05');
@@ -78,15 +69,12 @@ TEST(RvoDataBlockManagerGroups, MalformedPayloadsGiveNoMembers)
             header(1337, 64, 0x7fffffff) + digest, // a count that would overflow
     };
     for (const QByteArray &payload : payloads)
-        EXPECT_TRUE(manager().extractGroupBlock(add(payload)).isEmpty())
+        EXPECT_TRUE(manager().extractGroupBlock(addBlock(payload)).isEmpty())
                 << payload.toHex().constData();
-    EXPECT_EQ(manager().extractGroupBlock(add(header(1337, 64, 1) + digest)).size(), 1);
-}
+    EXPECT_EQ(manager().extractGroupBlock(addBlock(header(1337, 64, 1) + digest)).size(), 1);
 
-TEST(RvoDataBlockManagerGroups, NullMembersAreRefused)
-{
-    ManagerSetup setup;
     StdoutCapture out;
-    EXPECT_TRUE(manager().makeGroupBlock({add(testContent(1, 10)), RvoDataReference()}).isNull());
+    EXPECT_TRUE(
+            manager().makeGroupBlock({addBlock(testContent(1, 10)), RvoDataReference()}).isNull());
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Group member 1 has no digest")});
 }

@@ -1,7 +1,4 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
-#include "RvoConstAccessor.h"
-#include "RvoDataReference.h"
 #include "RvoHashManager.h"
 
 #include <gtest/gtest.h>
@@ -19,15 +16,6 @@ constexpr int kBlockSize = 16384;
 QByteArray contentFor(int i)
 {
     return testContent(1000 + i, kBlockSize);
-}
-
-bool readsExactly(const RvoDataReference &ref, const QByteArray &expected)
-{
-    const RvoConstAccessor accessor = ref.constAccessor();
-    return !accessor.isNull() && accessor.size() == expected.size()
-            && QByteArray::fromRawData(reinterpret_cast<const char *>(accessor.data()),
-                                       int(accessor.size()))
-            == expected;
 }
 
 } // namespace
@@ -60,16 +48,16 @@ TEST(RvoDataBlockManagerStress, BlocksLeaveAndReturnUnderManyThreadsWithoutLoss)
                     switch (random() % 5) {
                     case 0:
                     case 1:
-                        held.append(qMakePair(manager.addBlock(contents.at(i),
-                                                               RvoModifyAccessor::CacheContent,
-                                                               random() % 2 == 0),
-                                              i));
+                        held.append(
+                                qMakePair(addBlock(contents.at(i), RvoModifyAccessor::CacheContent,
+                                                   random() % 2 == 0),
+                                          i));
                         break;
                     case 2: {
                         if (held.isEmpty())
                             break;
                         const auto &pick = held.at(int(random() % held.size()));
-                        if (!readsExactly(pick.first, contents.at(pick.second)))
+                        if (bytesOf(pick.first) != contents.at(pick.second))
                             wrong.fetch_add(1);
                         reads.fetch_add(1);
                         break;
@@ -94,7 +82,7 @@ TEST(RvoDataBlockManagerStress, BlocksLeaveAndReturnUnderManyThreadsWithoutLoss)
                     }
                 }
                 for (const auto &pair : held) {
-                    if (!readsExactly(pair.first, contents.at(pair.second)))
+                    if (bytesOf(pair.first) != contents.at(pair.second))
                         wrong.fetch_add(1);
                 }
             });
@@ -139,8 +127,7 @@ TEST(RvoDataBlockManagerStress, DyingDigestsAreNeverTakenAgain)
             for (int round = 0; round < 400; ++round) {
                 // Add and drop at once: the last release races the eviction
                 // that the next add starts and the flusher's writes.
-                manager.addBlock(contentFor((round + t) % 6), RvoModifyAccessor::CacheContent,
-                                 true);
+                addBlock(contentFor((round + t) % 6));
             }
         });
     }

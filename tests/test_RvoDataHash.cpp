@@ -30,8 +30,9 @@ QByteArray pattern(int size, int seed)
 
 } // namespace
 
-TEST(RvoDataHash, EmptyInputHasThePublishedTextForms)
+TEST(RvoDataHash, EmptyInputNegativeLengthAndNullBufferAllHashAsEmpty)
 {
+    DebugCapture debug;
     const RvoDataHash empty512(QByteArray(), RvoDataHash::Skein512);
     const RvoDataHash empty256(nullptr, 0, RvoDataHash::Skein256);
     EXPECT_EQ(empty512.toString(), QLatin1String(kEmpty512Text));
@@ -39,9 +40,17 @@ TEST(RvoDataHash, EmptyInputHasThePublishedTextForms)
     EXPECT_EQ(digestBytes(empty512).toHex(),
               QByteArray("d3f7263a09837f4ce5c8ef70a5ddffac7b92d6c2ace5a12265bd5b593260a3ff"
                          "20d8b4b4c5494e945448b37abb1fc526f6b46089208fde938d7f23724c4bdfb7"));
+    EXPECT_TRUE(debug.messages().isEmpty());
+
+    const RvoDataHash negative(reinterpret_cast<const unsigned char *>("abc"), -5,
+                               RvoDataHash::Skein512);
+    const RvoDataHash null(nullptr, 100, RvoDataHash::Skein512);
+    EXPECT_EQ(negative.toString(), QLatin1String(kEmpty512Text));
+    EXPECT_EQ(null.toString(), QLatin1String(kEmpty512Text));
+    EXPECT_EQ(debug.messages().size(), 2);
 }
 
-TEST(RvoDataHash, DigestOfBytesIsTheSkeinDigestOfThatSize)
+TEST(RvoDataHash, DigestIsTheSkeinDigestOfThatSizeAndItsTextFormRoundTrips)
 {
     const QByteArray data = pattern(100000, 3);
     for (RvoDataHash::Size size :
@@ -54,19 +63,12 @@ TEST(RvoDataHash, DigestOfBytesIsTheSkeinDigestOfThatSize)
         const RvoDataHash hash(data, size);
         EXPECT_EQ(hash.size(), size);
         EXPECT_EQ(digestBytes(hash), QByteArray(reinterpret_cast<char *>(expected), int(size)));
-    }
-}
 
-TEST(RvoDataHash, TextFormRoundTripsForAllSizes)
-{
-    for (RvoDataHash::Size size :
-         {RvoDataHash::Skein256, RvoDataHash::Skein512, RvoDataHash::Skein1024}) {
-        const RvoDataHash original(pattern(777, int(size)), size);
-        const QString text = original.toString();
+        const QString text = hash.toString();
         EXPECT_EQ(text.count(QLatin1Char('-')), int(size) / 4 - 1);
         const RvoDataHash parsed(text);
         EXPECT_EQ(parsed.size(), size);
-        EXPECT_TRUE(parsed == original);
+        EXPECT_TRUE(parsed == hash);
         EXPECT_EQ(parsed.toString(), text);
     }
 }
@@ -83,51 +85,34 @@ TEST(RvoDataHash, MalformedTextLeavesAnEmptyDigestWithAMessage)
     hash.fromString(QStringLiteral("---"));
     EXPECT_TRUE(hash.isEmpty());
     EXPECT_EQ(debug.messages().size(), 1) << "no words at all is silent";
-}
 
-TEST(RvoDataHash, WordsThatAreNotDecimalNumbersReadAsZero)
-{
-    RvoDataHash hash(QStringLiteral("x-4294967295-4294967296-3-4-5-6-7"));
+    // Words that are not 32-bit decimal numbers read as zero.
+    hash.fromString(QStringLiteral("x-4294967295-4294967296-3-4-5-6-7"));
     ASSERT_EQ(hash.byteCount(), 32);
     EXPECT_EQ(hash.toString(), QStringLiteral("0-4294967295-0-3-4-5-6-7"));
 }
 
-TEST(RvoDataHash, EmptyDigestTextReportsTheMismatchAndIsEmpty)
+TEST(RvoDataHash, EmptyDigestAndZeroSizeAreReported)
 {
     DebugCapture debug;
     StdoutCapture out;
     const RvoDataHash empty;
     EXPECT_EQ(empty.size(), RvoDataHash::Skein256);
     EXPECT_TRUE(empty.toString().isEmpty());
-    EXPECT_EQ(out.lines(),
-              QStringList {QStringLiteral("Size of data is incorrect is 0, should be 32")});
-    EXPECT_EQ(debug.messages(), QStringList {QStringLiteral("Result Length 0  Size 32")});
-}
-
-TEST(RvoDataHash, ZeroSizeIsReportedAndGivesAnEmptyDigest)
-{
-    StdoutCapture out;
-    const RvoDataHash hash(QByteArray("abc"), RvoDataHash::Size(0));
-    EXPECT_TRUE(hash.isEmpty());
-    hash.toString();
+    const RvoDataHash zero(QByteArray("abc"), RvoDataHash::Size(0));
+    EXPECT_TRUE(zero.isEmpty());
+    zero.toString();
     const QStringList lines = out.lines();
-    ASSERT_GE(lines.size(), 2);
-    EXPECT_EQ(lines.at(0), QStringLiteral("Hash Size is Zero"));
-    EXPECT_EQ(lines.at(1), QStringLiteral("m_Size is Zero or less"));
+    EXPECT_EQ(lines,
+              (QStringList {QStringLiteral("Size of data is incorrect is 0, should be 32"),
+                            QStringLiteral("Hash Size is Zero"),
+                            QStringLiteral("m_Size is Zero or less")}));
+    EXPECT_EQ(debug.messages(),
+              (QStringList {QStringLiteral("Result Length 0  Size 32"),
+                            QStringLiteral("Result Length 0  Size 0")}));
 }
 
-TEST(RvoDataHash, NegativeLengthOrNullBufferHashesNothing)
-{
-    DebugCapture debug;
-    const RvoDataHash negative(reinterpret_cast<const unsigned char *>("abc"), -5,
-                               RvoDataHash::Skein512);
-    const RvoDataHash null(nullptr, 100, RvoDataHash::Skein512);
-    EXPECT_EQ(negative.toString(), QLatin1String(kEmpty512Text));
-    EXPECT_EQ(null.toString(), QLatin1String(kEmpty512Text));
-    EXPECT_EQ(debug.messages().size(), 2);
-}
-
-TEST(RvoDataHash, EqualityIsBySizeAndBytesOnly)
+TEST(RvoDataHash, EqualityIsBySizeAndBytesAndCopiesTakeTheUserIdButNotTheFlags)
 {
     const QByteArray data = pattern(64, 1);
     RvoDataHash a(data, RvoDataHash::Skein512);
@@ -137,22 +122,17 @@ TEST(RvoDataHash, EqualityIsBySizeAndBytesOnly)
     b.setPreloading(true);
     EXPECT_TRUE(a == b);
     EXPECT_EQ(a.qhash(), b.qhash());
-
     // The same leading bytes at another size.
-    const RvoDataHash shortDigest(RvoDataHash::Skein256, a.data());
-    EXPECT_TRUE(shortDigest != a);
+    EXPECT_TRUE(RvoDataHash(RvoDataHash::Skein256, a.data()) != a);
     EXPECT_TRUE(RvoDataHash(pattern(64, 2), RvoDataHash::Skein512) != a);
-}
 
-TEST(RvoDataHash, CopyTakesSizeBytesAndUserIdButNotCountOrFlags)
-{
-    RvoDataHash source(pattern(10, 1), RvoDataHash::Skein1024);
-    source.setUserId(5);
-    source.setDontCache(true);
-    source.setPreloading(true);
-
-    const RvoDataHash copy(source);
-    EXPECT_TRUE(copy == source);
+    const RvoSmartPointer<RvoDataHash> source(
+            new RvoDataHash(pattern(10, 1), RvoDataHash::Skein1024));
+    source->setUserId(5);
+    source->setDontCache(true);
+    source->setPreloading(true);
+    const RvoDataHash copy(*source);
+    EXPECT_TRUE(copy == *source);
     EXPECT_EQ(copy.userId(), 5);
     EXPECT_FALSE(copy.isDontCache());
     EXPECT_FALSE(copy.isPreloading());
@@ -160,15 +140,17 @@ TEST(RvoDataHash, CopyTakesSizeBytesAndUserIdButNotCountOrFlags)
 
     RvoDataHash assigned(pattern(3, 3), RvoDataHash::Skein256);
     assigned.setDontCache(true);
-    assigned = source;
-    EXPECT_TRUE(assigned == source);
+    assigned = *source;
+    EXPECT_TRUE(assigned == *source);
     EXPECT_EQ(assigned.size(), RvoDataHash::Skein1024);
     EXPECT_EQ(assigned.userId(), 5);
     EXPECT_TRUE(assigned.isDontCache()) << "assignment keeps the flags it had";
 }
 
-TEST(RvoDataHash, LiveObjectCountFollowsConstructionAndDestruction)
+TEST(RvoDataHash, LiveObjectsAreCountedAndTheLastReferenceDeletes)
 {
+    // Bookkeeping per block is budgeted; the digest object must stay small.
+    EXPECT_LE(sizeof(RvoDataHash), 128u);
     const int before = RvoDataHash::hashCount();
     {
         RvoDataHash a;
@@ -177,11 +159,6 @@ TEST(RvoDataHash, LiveObjectCountFollowsConstructionAndDestruction)
         EXPECT_EQ(RvoDataHash::hashCount(), before + 3);
     }
     EXPECT_EQ(RvoDataHash::hashCount(), before);
-}
-
-TEST(RvoDataHash, UnregisteredDigestDiesWithItsLastReference)
-{
-    const int before = RvoDataHash::hashCount();
     {
         RvoSmartPointer<RvoDataHash> a(new RvoDataHash(pattern(5, 5), RvoDataHash::Skein512));
         RvoSmartPointer<RvoDataHash> b(a);
@@ -191,22 +168,12 @@ TEST(RvoDataHash, UnregisteredDigestDiesWithItsLastReference)
         EXPECT_EQ(RvoDataHash::hashCount(), before + 1);
     }
     EXPECT_EQ(RvoDataHash::hashCount(), before);
-}
 
-TEST(RvoDataHash, ReleaseWithoutAPositiveCountIsReportedAndDeletesNothing)
-{
     auto *hash = new RvoDataHash(pattern(5, 5), RvoDataHash::Skein512);
-    const int before = RvoDataHash::hashCount();
     StdoutCapture out;
     RvoSmartPointer<RvoDataHash>::adopt(hash).reset(); // a count nobody took
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("No Positive Ref Count in Dec Ref")});
-    EXPECT_EQ(RvoDataHash::hashCount(), before);
+    EXPECT_EQ(RvoDataHash::hashCount(), before + 1);
     EXPECT_EQ(hash->refCount(), 0);
     delete hash;
-}
-
-TEST(RvoDataHash, DigestsTakeNoMoreThanOneSmallObject)
-{
-    // Bookkeeping per block is budgeted; the digest object must stay small.
-    EXPECT_LE(sizeof(RvoDataHash), 128u);
 }

@@ -1,6 +1,7 @@
 #include "ManagerTestAccess.h"
 #include "OutputCapture.h"
 #include "RvoDataReference.h"
+#include "RvoCacheScan_p.h"
 #include "RvoGarbageCollectorThread_p.h"
 #include "RvoHashManager.h"
 
@@ -8,13 +9,18 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
+#include <QProcess>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
 #include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 using Access = RvoDataBlockManagerTestAccess;
 
@@ -59,6 +65,21 @@ public:
     bool finished = false;
     QStringList texts;
 };
+
+// Sets a file's modification time (its last use) `hours` back.
+void setAge(const QString &path, int hours)
+{
+    struct timespec times[2];
+    clock_gettime(CLOCK_REALTIME, &times[0]);
+    times[0].tv_sec -= hours * 3600;
+    times[1] = times[0];
+    ASSERT_EQ(utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, 0), 0);
+}
+
+QString destination(const QString &subCache, const QString &hashText)
+{
+    return QDir::cleanPath(manager().getBlockDestination(subCache, hashText));
+}
 
 } // namespace
 
@@ -246,4 +267,139 @@ TEST(RvoGarbageCollectorThread, SubCacheSwitchesNeverDeadlockWithCollectors)
     toggler.join();
     ASSERT_TRUE(finished);
     EXPECT_EQ(switching.get(), 1000);
+}
+
+// Two processes on one sub-cache with collection on in both: neither knows
+// the other's live digests, so neither may collect while the other holds
+// the sub-cache. Once one has gone, the other collects what is dead to it.
+TEST(RvoGarbageCollectorThread, ProcessesSharingASubCacheCollectOnlyWhenAlone)
+{
+    ManagerSetup setup(1, QStringLiteral("Shared"));
+    QList<RvoDataReference> mine {add(1), add(2), add(3)};
+    manager().flush(true, RvoDataBlockManager::AllThreads);
+    QStringList myFiles;
+    for (const RvoDataReference &ref : mine)
+        myFiles.append(destination(QStringLiteral("Shared"), ref.hash()));
+    const QString dead = setup.root() + QStringLiteral("/Shared/2/")
+            + RvoDataHash(QByteArray("dead"), RvoDataHash::Skein512).toString();
+    writeFile(dead, "data");
+
+    DebugCapture debug;
+    QProcess other;
+    other.start(QStringLiteral(RVODDI_TEST_HOLDER),
+                {setup.root(), QStringLiteral("Shared"), QStringLiteral("11"),
+                 QStringLiteral("12")});
+    QStringList lines;
+    auto readLines = [&] {
+        other.waitForReadyRead(50);
+        lines += QString::fromLocal8Bit(other.readAllStandardOutput())
+                         .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    };
+    ASSERT_TRUE(waitUntil([&] { readLines(); return lines.contains(QStringLiteral("ready")); }))
+            << other.readAllStandardError().constData();
+    QStringList otherFiles;
+    for (const QString &text : lines.mid(0, 2))
+        otherFiles.append(destination(QStringLiteral("Shared"), text));
+
+    manager().startGarbageCollection();
+    const QString skipped = QStringLiteral("Sub-cache %1/Shared is in use by another process: "
+                                           "not collected")
+                                    .arg(setup.root());
+    EXPECT_TRUE(waitUntil([&] {
+        readLines();
+        return debug.count(skipped) == 1 && lines.contains(QStringLiteral("skipped"));
+    }));
+    for (const QString &path : myFiles + otherFiles + QStringList {dead})
+        EXPECT_TRUE(QFile::exists(path)) << qPrintable(path);
+
+    other.closeWriteChannel();
+    ASSERT_TRUE(other.waitForFinished(30000));
+    EXPECT_EQ(other.exitCode(), 0);
+    EXPECT_TRUE(waitUntil([&] {
+        return std::none_of(otherFiles.begin(), otherFiles.end(),
+                            [](const QString &path) { return QFile::exists(path); })
+                && !QFile::exists(dead);
+    }));
+    for (const QString &path : std::as_const(myFiles))
+        EXPECT_TRUE(QFile::exists(path)) << qPrintable(path);
+    EXPECT_EQ(debug.count(skipped), 1) << "said once";
+    manager().stopGarbageCollection();
+}
+
+// The disk budget: a trim deletes the least recently used dead block files
+// of the sub-caches no other process holds, down to 90 % of the share, and
+// says what it did; files published later are counted and start the next
+// trim when they pass the share.
+TEST(RvoGarbageCollectorThread, DiskBudgetTrimsLeastRecentlyUsedDeadFilesToNinetyPercent)
+{
+    ManagerSetup setup(1, QStringLiteral("Mine"));
+    const QString root = setup.root();
+    // Live here, and the oldest files: never deleted.
+    QList<RvoDataReference> live {add(1), add(2), add(3)};
+    manager().flush(true, RvoDataBlockManager::AllThreads);
+    for (const RvoDataReference &ref : live)
+        setAge(destination(QStringLiteral("Mine"), ref.hash()), 1000);
+    // Dead files of 1000 bytes, one hour apart, alternately in the current
+    // sub-cache and in one no process holds; older still, those of a
+    // sub-cache another holder has.
+    QStringList dead; // oldest first
+    for (int i = 0; i < 40; ++i) {
+        const QString path = root
+                + (i % 2 ? QStringLiteral("/Free/%1/") : QStringLiteral("/Mine/%1/")).arg(i % 10)
+                + RvoDataHash(QByteArray::number(i), RvoDataHash::Skein512).toString();
+        writeFile(path, QByteArray(1000, 'x'));
+        setAge(path, 500 - i);
+        dead.append(path);
+    }
+    QStringList held;
+    for (int i = 0; i < 5; ++i) {
+        held.append(root + QStringLiteral("/Held/0/")
+                    + RvoDataHash(QByteArray::number(100 + i), RvoDataHash::Skein512).toString());
+        writeFile(held.last(), QByteArray(1000, 'x'));
+        setAge(held.last(), 2000);
+    }
+    RvoSubCacheLock otherHolder;
+    ASSERT_TRUE(otherHolder.lockShared(root + QStringLiteral("/Held")));
+
+    qint64 liveBytes = 0;
+    for (const RvoDataReference &ref : live)
+        liveBytes += QFileInfo(destination(QStringLiteral("Mine"), ref.hash())).size();
+    const qint64 total = liveBytes + 45 * 1000;
+    const qint64 share = total - 1; // just over
+    const qint64 target = share - share / 10;
+    const int expectDeleted = int((total - target + 999) / 1000);
+
+    DebugCapture debug;
+    manager().setMaxDiskCacheSize(share);
+    EXPECT_EQ(manager().maxDiskCacheSize(), share);
+    const QString trimmed = QStringLiteral("Disk cache %1 trimmed: %2 files, %3 bytes deleted, "
+                                           "%4 bytes kept")
+                                    .arg(root)
+                                    .arg(expectDeleted)
+                                    .arg(expectDeleted * 1000)
+                                    .arg(total - expectDeleted * 1000);
+    ASSERT_TRUE(waitUntil([&] { return debug.count(trimmed) == 1; })) << debug.messages().join(
+            QLatin1Char('\n')).toStdString();
+    for (int i = 0; i < dead.size(); ++i)
+        EXPECT_EQ(QFile::exists(dead.at(i)), i >= expectDeleted) << i;
+    for (const QString &path : std::as_const(held))
+        EXPECT_TRUE(QFile::exists(path)) << qPrintable(path);
+    for (const RvoDataReference &ref : live)
+        EXPECT_TRUE(QFile::exists(destination(QStringLiteral("Mine"), ref.hash())));
+
+    // Saves, counted as they are published, push the root past its share
+    // again and start the next trim.
+    RvoCacheScan::Options options;
+    for (int seed = 10; seed < 200; ++seed) {
+        const RvoDataReference saved = add(seed); // dead after this round
+        manager().flush(true, RvoDataBlockManager::AllThreads);
+        if (debug.messages().filter(QStringLiteral("trimmed")).size() == 2)
+            break;
+    }
+    EXPECT_TRUE(waitUntil(
+            [&] { return debug.messages().filter(QStringLiteral("trimmed")).size() == 2; }));
+    EXPECT_LE(RvoCacheScan::scanRoot(root, options).blockBytes(), share);
+    for (const RvoDataReference &ref : live)
+        EXPECT_TRUE(QFile::exists(destination(QStringLiteral("Mine"), ref.hash())));
+    manager().setMaxDiskCacheSize(0);
 }

@@ -5,16 +5,11 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
-} // namespace
-
 TEST(RvoModifyAccessor, WritingAndReleasingMakesANewBlockAndLeavesTheOldOne)
 {
     ManagerSetup setup;
     const QByteArray content = testContent(1);
-    const RvoDataReference original = RvoDataBlockManager::instance().addBlock(
-            content, RvoModifyAccessor::CacheContent, true);
+    const RvoDataReference original = addBlock(content);
     RvoDataReference source(original);
     RvoModifyAccessor accessor = source.modifyAccessor();
     ASSERT_FALSE(accessor.isNull());
@@ -65,21 +60,18 @@ TEST(RvoModifyAccessor, ReleasingASharedAccessorHandsTheManagerACopy)
     EXPECT_EQ(bytesOf(added), QByteArray(4096, '\x33'));
 }
 
-TEST(RvoModifyAccessor, NullAccessorReleasesToANullReference)
-{
-    RvoModifyAccessor null;
-    EXPECT_TRUE(null.isNull());
-    EXPECT_EQ(null.size(), 0);
-    EXPECT_EQ(null.data(), nullptr);
-    EXPECT_EQ(null.count(), 0);
-    EXPECT_TRUE(null.release(RvoModifyAccessor::CacheContent, true).isNull());
-}
-
-TEST(RvoModifyAccessor, DontCacheReleaseNamesTheBlockAtOnce)
+TEST(RvoModifyAccessor, DontCacheReleaseNamesTheBlockAtOnceAndANullOneGivesANullReference)
 {
     ManagerSetup setup;
     RvoModifyAccessor accessor = RvoDataBlockManager::instance().createNewBlock(100, 1);
     const RvoDataReference ref = accessor.release(RvoModifyAccessor::DontCache, false);
     EXPECT_TRUE(ref.hashPtr()->isDontCache());
     EXPECT_EQ(bytesOf(ref), QByteArray(100, '\x01'));
+
+    RvoModifyAccessor null;
+    EXPECT_TRUE(null.isNull());
+    EXPECT_EQ(null.size(), 0);
+    EXPECT_EQ(null.data(), nullptr);
+    EXPECT_EQ(null.count(), 0);
+    EXPECT_TRUE(null.release(RvoModifyAccessor::CacheContent, true).isNull());
 }

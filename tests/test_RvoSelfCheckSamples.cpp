@@ -50,23 +50,17 @@ TEST(RvoSelfCheckSamples, SubdirectoriesAndEmptyFilesGiveNoBlock)
 {
     QTemporaryDir data;
     ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("empty")), QByteArray()));
-    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("one")), pattern(10, 3)));
     ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("nested/deeper")), pattern(10, 4)));
-
-    RvoSelfCheckSamples samples;
-    EXPECT_EQ(samples.load(data.path()), QString());
-    EXPECT_EQ(samples.files().size(), 2);
-    ASSERT_EQ(samples.blocks().size(), 1);
-    EXPECT_EQ(samples.blocks().first(), pattern(10, 3));
-}
-
-TEST(RvoSelfCheckSamples, OnlyEmptyFilesAreReportedAsNoSampleBytes)
-{
-    QTemporaryDir data;
-    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("empty")), QByteArray()));
     RvoSelfCheckSamples samples;
     EXPECT_EQ(samples.load(data.path()),
               QStringLiteral("expected sample bytes in %1, saw only empty files").arg(data.path()));
+
+    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("one")), pattern(10, 3)));
+    RvoSelfCheckSamples withOne;
+    EXPECT_EQ(withOne.load(data.path()), QString());
+    EXPECT_EQ(withOne.files().size(), 2);
+    ASSERT_EQ(withOne.blocks().size(), 1);
+    EXPECT_EQ(withOne.blocks().first(), pattern(10, 3));
 }
 
 TEST(RvoSelfCheckSamples, EmptyDirectoryIsFilledWithGeneratedImagesFirst)
@@ -103,37 +97,31 @@ TEST(RvoSampleImages, RawFileHoldsThePngPixelsRowAfterRow)
     EXPECT_TRUE(image.hasAlphaChannel());
 }
 
-TEST(RvoSampleImages, RawFileWithoutPngBesideItIsNotCompared)
-{
-    QTemporaryDir data;
-    const QString raw = data.filePath(QStringLiteral("alone-2x2.argb32"));
-    ASSERT_TRUE(writeFile(raw, QByteArray(16, 'x')));
-    EXPECT_EQ(RvoSampleImages::compareRawWithPng(raw), QString());
-}
-
-TEST(RvoSampleImages, RawFileOfOtherSizeThanItsPngIsReported)
+TEST(RvoSampleImages, RawFileThatDisagreesWithItsPngIsReported)
 {
     QTemporaryDir data;
     QImage image(4, 3, QImage::Format_ARGB32);
     image.fill(Qt::red);
     ASSERT_TRUE(image.save(data.filePath(QStringLiteral("tile-4x3.png")), "PNG"));
-    const QString raw = data.filePath(QStringLiteral("tile-4x3.argb32"));
-    ASSERT_TRUE(writeFile(raw, QByteArray(40, 'x')));
-    EXPECT_EQ(RvoSampleImages::compareRawWithPng(raw),
-              QStringLiteral("expected tile-4x3.argb32 to hold 48 bytes of pixels of tile-4x3.png, "
-                             "saw 40 bytes"));
-}
-
-TEST(RvoSampleImages, PngOfOtherSizeThanItsNameSaysIsReported)
-{
-    QTemporaryDir data;
-    QImage image(4, 3, QImage::Format_ARGB32);
-    image.fill(Qt::blue);
     ASSERT_TRUE(image.save(data.filePath(QStringLiteral("tile-5x3.png")), "PNG"));
-    const QString raw = data.filePath(QStringLiteral("tile-5x3.argb32"));
-    ASSERT_TRUE(writeFile(raw, QByteArray(60, 'x')));
-    EXPECT_EQ(RvoSampleImages::compareRawWithPng(raw),
-              QStringLiteral("expected tile-5x3.png to be 5x3 pixels, saw 4x3"));
+    const struct
+    {
+        const char *raw;
+        int bytes;
+        QString expected;
+    } cases[] = {
+            {"alone-2x2.argb32", 16, QString()}, // no PNG beside it: not compared
+            {"tile-4x3.argb32", 40,
+             QStringLiteral("expected tile-4x3.argb32 to hold 48 bytes of pixels of tile-4x3.png, "
+                            "saw 40 bytes")},
+            {"tile-5x3.argb32", 60,
+             QStringLiteral("expected tile-5x3.png to be 5x3 pixels, saw 4x3")},
+    };
+    for (const auto &c : cases) {
+        const QString raw = data.filePath(QLatin1String(c.raw));
+        ASSERT_TRUE(writeFile(raw, QByteArray(c.bytes, 'x')));
+        EXPECT_EQ(RvoSampleImages::compareRawWithPng(raw), c.expected);
+    }
 }
 
 TEST(RvoSelfCheckSamples, UnreadablePngIsReportedByVerifyImages)

@@ -139,8 +139,10 @@ RvoConstAccessor RvoDataReference::constAccessor() const
         qCDebug(lcDdi, "Null Value of m_DataHash m_HashJob=%p",
                 static_cast<const void *>(m_HashJob.data()));
         rvoReport(QStringLiteral("Null Value of m_DataHash"));
-        return RvoConstAccessor();
     }
+    // A null digest goes on like any other: the manager has no block for it,
+    // and the accessor made from neither block nor digest reports that too.
+    // The result is a null accessor either way.
     RvoDataBlock *block = RvoDataBlockManager::instance().getDataBlock(m_DataHash.data());
     return RvoConstAccessor(m_DataHash, block);
 }

@@ -1,9 +1,9 @@
 #include "RvoBlockSaver_p.h"
 
 #include "RvoBlockCodec_p.h"
+#include "RvoBlockFile_p.h"
 #include "RvoBufferPool_p.h"
 #include "RvoDdiDiagnostics_p.h"
-#include "RvoDiskLayout_p.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -19,7 +19,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <limits>
 #include <system_error>
 #include <utility>
@@ -40,6 +39,14 @@ void becomeBackgroundWorker()
     // only leaves the worker at its normal priority.
     setpriority(PRIO_PROCESS, id_t(syscall(SYS_gettid)), WorkerNice);
 #endif
+}
+
+// A save that finds its file there already.
+RvoBlockSaver::Outcome found()
+{
+    RvoBlockSaver::Outcome outcome;
+    outcome.onDisk = true;
+    return outcome;
 }
 
 } // namespace
@@ -222,7 +229,7 @@ RvoBlockSaver::Outcome RvoBlockSaver::save(RvoBlockCodec &codec, const QByteArra
     // Equal content saved before, or by another process sharing the root:
     // then nothing is compressed.
     if (QFile::exists(directory + QDir::separator() + fileName))
-        return {true, 0};
+        return found();
     const qint64 bound = codec.compressBound(data.size());
     RvoBufferPool::Buffer buffer;
     qint64 length = -1;
@@ -239,7 +246,7 @@ RvoBlockSaver::Outcome RvoBlockSaver::save(qint64 size, const char *payload, qin
                                            const QString &directory, const QString &fileName)
 {
     if (QFile::exists(directory + QDir::separator() + fileName))
-        return {true, 0};
+        return found();
     return write(size, payload, length, directory, fileName);
 }
 
@@ -255,14 +262,20 @@ RvoBlockSaver::Outcome RvoBlockSaver::write(qint64 size, const char *payload, qi
     // A bucket directory that exists already is left as it is; one that
     // cannot be made shows as the temporary file failing to open.
     QDir().mkpath(directory);
-    if (!publish(directory, fileName, size, payload, length))
-        return {};
-    return {true, length};
+    return publish(directory, fileName, size, payload, length);
 }
 
-bool RvoBlockSaver::publish(const QString &directory, const QString &fileName, qint64 size,
-                            const char *payload, qint64 length)
+RvoBlockSaver::Outcome RvoBlockSaver::publish(const QString &directory, const QString &fileName,
+                                              qint64 size, const char *payload, qint64 length)
 {
+    auto refused = [&fileName](const char *report, const QString &error) {
+        Outcome outcome;
+        outcome.refused = true;
+        outcome.report = QLatin1String(report) + fileName;
+        outcome.error = error;
+        outcome.refusedAt = std::chrono::steady_clock::now();
+        return outcome;
+    };
     static std::atomic<quint64> serial {0};
     // Never exactly 15 "-": the collector cannot take it for a block file.
     const QString temporary = directory + QDir::separator()
@@ -271,31 +284,41 @@ bool RvoBlockSaver::publish(const QString &directory, const QString &fileName, q
                       .arg(QCoreApplication::applicationPid())
                       .arg(serial.fetch_add(1, std::memory_order_relaxed));
     QFile file(temporary);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        rvoReport(QStringLiteral("Cannot Open File %1").arg(fileName));
-        return false;
-    }
-    char header[kBlockFileHeaderSize];
-    const qint32 blockSize = qint32(length);
-    std::memcpy(header, &size, 8);
-    std::memcpy(header + 8, &blockSize, 4);
-    const bool written = file.write(header, kBlockFileHeaderSize) == kBlockFileHeaderSize
-            && file.write(payload, length) == length && file.flush();
+    // Unbuffered: a refused write fails at once, with the system's reason.
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered))
+        return refused("Cannot Open File ", file.errorString());
+    char header[RvoBlockFile::kHeaderSize];
+    RvoBlockFile::writeHeader(header, size, qint32(length));
+    // A full disk takes part of a write without an error; the write of the
+    // rest then fails with the system's reason.
+    auto writeAll = [&file](const char *bytes, qint64 count) {
+        while (count > 0) {
+            const qint64 done = file.write(bytes, count);
+            if (done <= 0)
+                return false;
+            bytes += done;
+            count -= done;
+        }
+        return true;
+    };
+    const bool written = writeAll(header, RvoBlockFile::kHeaderSize) && writeAll(payload, length);
+    const QString writeError = file.errorString();
     file.close();
     if (!written) {
-        rvoReport(QStringLiteral("Cannot Write File %1").arg(fileName));
         QFile::remove(temporary);
-        return false;
+        return refused("Cannot Write File ", writeError);
     }
     // rename never replaces: when another writer published the same digest
     // first, its file holds the same content and this copy goes.
     const QString path = directory + QDir::separator() + fileName;
-    if (!QFile::rename(temporary, path)) {
+    if (!file.rename(path)) {
+        const QString renameError = file.errorString();
         QFile::remove(temporary);
-        if (!QFile::exists(path)) {
-            rvoReport(QStringLiteral("Cannot Write File %1").arg(fileName));
-            return false;
-        }
+        if (!QFile::exists(path))
+            return refused("Cannot Write File ", renameError);
     }
-    return true;
+    Outcome outcome;
+    outcome.onDisk = true;
+    outcome.written = length;
+    return outcome;
 }

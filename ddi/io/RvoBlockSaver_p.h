@@ -4,6 +4,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -44,11 +45,20 @@ public:
     class Job;
     using JobPtr = std::shared_ptr<Job>;
 
-    // What became of a save.
+    // What became of a save. A save the file system refused is not
+    // reported here: its caller decides whether and when to say so, since a
+    // full disk refuses every save and each would say the same.
     struct Outcome
     {
         bool onDisk = false; // the block file is there: written, or found
         qint64 written = 0; // payload bytes this save wrote (0 when found)
+        // Opening, writing or renaming the file failed (a full disk, an
+        // IO error, no permission): the same save may succeed later.
+        bool refused = false;
+        QString report; // for a refused save: "Cannot Open File <name>" or
+                        // "Cannot Write File <name>"
+        QString error; // for a refused save: the system's reason
+        std::chrono::steady_clock::time_point refusedAt {}; // when it failed
     };
 
     // The process's saver. Its threads start on the first submit().
@@ -96,14 +106,15 @@ private:
     // Takes a job out of the workers' reach, with its bytes. Requires m_Lock.
     static QByteArray claim(Job &job);
     // Writes the block file of a payload (length -1: the block could not be
-    // compressed), creating its bucket directory. Reports a failure.
+    // compressed), creating its bucket directory. Reports a block that can
+    // never be written; a refused save is left to the caller.
     static Outcome write(qint64 size, const char *payload, qint64 length,
                          const QString &directory, const QString &fileName);
     // Writes header and payload to a temporary file and renames it to
-    // directory/fileName. False, reported and with nothing left behind, when
+    // directory/fileName. A refused outcome, with nothing left behind, when
     // that fails.
-    static bool publish(const QString &directory, const QString &fileName, qint64 size,
-                        const char *payload, qint64 length);
+    static Outcome publish(const QString &directory, const QString &fileName, qint64 size,
+                           const char *payload, qint64 length);
 
     // Guards m_Jobs, every job's fields, m_Stopping and m_Workers.
     // Lock order: a leaf (see RvoDataBlockManager.h).

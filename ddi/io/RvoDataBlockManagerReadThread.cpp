@@ -3,6 +3,7 @@
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockFile_p.h"
 #include "RvoBufferPool_p.h"
+#include "RvoCacheScan_p.h"
 #include "RvoDataBlock.h"
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDiskLayout_p.h"
@@ -223,6 +224,7 @@ RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &has
         return canceledLoad(promise);
     }
     file.close();
+    RvoCacheScan::noteUse(path);
     m_BytesRead.fetch_add(size, std::memory_order_relaxed);
 
     QFuture<RvoDataBlock *> future = promise.future();

@@ -1,7 +1,13 @@
 #include "RvoDataBlockManagerWriteThread_p.h"
 
 #include "RvoDataBlock.h"
+#include "RvoDdiDiagnostics_p.h"
+#include "RvoDdiLog.h"
 #include "RvoDiskLayout_p.h"
+#include "RvoDiskUsage_p.h"
+
+#include <algorithm>
+#include <unordered_map>
 
 #include <iterator>
 
@@ -105,8 +111,17 @@ qint64 RvoDataBlockManagerWriteThread::bytesInQueue() const
 void RvoDataBlockManagerWriteThread::flush()
 {
     std::unique_lock<std::mutex> locker(m_Lock);
-    m_Changed.wait(locker,
-                   [this] { return (m_Queue.empty() && !m_Busy) || m_Closing || !isRunning(); });
+    // Saves waiting for a retry are due now: a flush never waits out a pause.
+    const quint64 serial = ++m_FlushSerial;
+    m_Changed.notify_all();
+    m_Changed.wait(locker, [this, serial] {
+        if (m_Closing || !isRunning())
+            return true;
+        if (m_Busy)
+            return false;
+        return std::all_of(m_Queue.begin(), m_Queue.end(),
+                           [serial](const Entry &entry) { return entry.triedInFlush >= serial; });
+    });
 }
 
 void RvoDataBlockManagerWriteThread::closeDown()
@@ -139,59 +154,222 @@ QList<QPair<int, RvoDataHash *>> RvoDataBlockManagerWriteThread::queuedRequests(
     return result;
 }
 
+RvoDataBlock *RvoDataBlockManagerWriteThread::queuedCopy(const RvoDataHash *hash) const
+{
+    if (!hash)
+        return nullptr;
+    QByteArray bytes; // shared with the queued block, which is never changed
+    qint64 size = 0;
+    bool compressed = false;
+    {
+        std::lock_guard<std::mutex> locker(m_Lock);
+        auto holds = [hash](const Entry &entry) {
+            return entry.request.hash.data() == hash && entry.request.block;
+        };
+        const Entry *entry = m_Current && holds(*m_Current) ? m_Current : nullptr;
+        for (auto it = m_Queue.begin(); !entry && it != m_Queue.end(); ++it)
+            entry = holds(*it) ? &*it : nullptr;
+        if (!entry)
+            return nullptr;
+        bytes = entry->request.block->m_Data;
+        size = entry->request.block->m_Size;
+        compressed = entry->request.block->m_Compressed;
+    }
+    if (compressed)
+        bytes = qUncompress(bytes);
+    if (bytes.size() != size) {
+        rvoReport(QStringLiteral("Queued block %1 does not give back its %2 bytes")
+                          .arg(hash->toString())
+                          .arg(size));
+        return nullptr;
+    }
+    return RvoDataBlock::sharing(bytes);
+}
+
+void RvoDataBlockManagerWriteThread::setRetryPauses(std::chrono::milliseconds first,
+                                                    std::chrono::milliseconds longest)
+{
+    std::lock_guard<std::mutex> locker(m_Lock);
+    m_FirstRetryPause = first;
+    m_LongestRetryPause = longest;
+}
+
+std::deque<RvoDataBlockManagerWriteThread::Entry>::iterator
+RvoDataBlockManagerWriteThread::nextDue(std::deque<Entry> &dropped, Clock::time_point *wakeAt)
+{
+    // Refused saves of a digest that only the queued saves still refer to
+    // are not wanted: nobody can ask for the block again.
+    const bool anyRefused = std::any_of(m_Queue.begin(), m_Queue.end(),
+                                        [](const Entry &entry) { return entry.refusals > 0; });
+    if (anyRefused) {
+        std::unordered_map<const RvoDataHash *, int> queuedReferences;
+        for (const Entry &entry : m_Queue)
+            ++queuedReferences[entry.request.hash.data()];
+        for (auto it = m_Queue.begin(); it != m_Queue.end();) {
+            const RvoDataHash *hash = it->request.hash.data();
+            if (it->refusals > 0 && (!hash || hash->refCount() <= queuedReferences[hash])) {
+                m_BytesInQueue -= it->size;
+                dropped.push_back(std::move(*it));
+                it = m_Queue.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    const Clock::time_point now = Clock::now();
+    for (auto it = m_Queue.begin(); it != m_Queue.end(); ++it) {
+        if (it->refusals == 0 || it->retryAt <= now || it->triedInFlush < m_FlushSerial)
+            return it;
+        // Woken at least once a second to drop saves nobody wants.
+        *wakeAt = std::min({*wakeAt, it->retryAt, now + std::chrono::seconds(1)});
+    }
+    return m_Queue.end();
+}
+
+bool RvoDataBlockManagerWriteThread::park(Entry &&entry, Clock::time_point refusedAt)
+{
+    ++entry.refusals;
+    // 1 s, doubling with each refusal, at most 30 s (by default).
+    auto pause = m_LongestRetryPause;
+    if (entry.refusals <= 16)
+        pause = std::min(pause, m_FirstRetryPause * (1 << (entry.refusals - 1)));
+    entry.retryAt = Clock::now() + pause;
+    entry.job.reset(); // a retry saves on this thread
+    // Ahead of the saves of its priority, which came after it.
+    auto position = m_Queue.begin();
+    while (position != m_Queue.end() && position->priority < entry.priority)
+        ++position;
+    m_BytesInQueue += entry.size;
+    m_Queue.insert(position, std::move(entry));
+    m_RefusedAttempts.fetch_add(1, std::memory_order_relaxed);
+    if (m_Refusing.load(std::memory_order_relaxed) || refusedAt < m_RecoveredAt)
+        return false;
+    m_Refusing.store(true, std::memory_order_relaxed);
+    return true;
+}
+
+void RvoDataBlockManagerWriteThread::retire(RvoDataBlockSaveRequest &request)
+{
+    finishWith(request);
+    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
+    manager.lockDeletes();
+    request.hash.reset();
+    manager.unlockDeletes();
+}
+
 void RvoDataBlockManagerWriteThread::run()
 {
     std::unique_lock<std::mutex> locker(m_Lock);
     for (;;) {
-        m_Changed.wait(locker, [this] { return m_Closing || !m_Queue.empty(); });
+        std::deque<Entry> dropped;
+        Clock::time_point wakeAt = Clock::time_point::max();
+        const auto due = m_Closing ? m_Queue.end() : nextDue(dropped, &wakeAt);
+        if (!dropped.empty()) {
+            m_SavesRetired.fetch_add(dropped.size(), std::memory_order_release);
+            locker.unlock();
+            for (Entry &entry : dropped)
+                retire(entry.request);
+            m_Changed.notify_all();
+            locker.lock();
+            continue;
+        }
         // Saves still queued now are not written: the manager flushes first.
         if (m_Closing)
             return;
-        Entry entry = std::move(m_Queue.front());
-        m_Queue.pop_front();
+        if (due == m_Queue.end()) {
+            if (wakeAt == Clock::time_point::max())
+                m_Changed.wait(locker);
+            else
+                m_Changed.wait_until(locker, wakeAt);
+            continue;
+        }
+        Entry entry = std::move(*due);
+        m_Queue.erase(due);
         m_BytesInQueue -= entry.size;
+        entry.triedInFlush = m_FlushSerial;
         m_Busy = true;
+        m_Current = &entry;
         locker.unlock();
         m_Changed.notify_all();
 
-        handleRequest(entry.request, entry.job);
+        const RvoBlockSaver::Outcome outcome = handleRequest(entry.request, entry.job);
 
+        locker.lock();
+        m_Current = nullptr;
+        if (outcome.refused) {
+            const int waiting = int(m_Queue.size()) + 1;
+            const bool episodeBegins = park(std::move(entry), outcome.refusedAt);
+            m_Busy = false;
+            locker.unlock();
+            m_Changed.notify_all();
+            if (episodeBegins) {
+                rvoReport(outcome.report);
+                const QString message = QStringLiteral("Cannot save blocks under %1: %2 (%3 saves waiting)")
+                                                .arg(m_Root, outcome.error)
+                                                .arg(waiting);
+                qCDebug(lcDdi, "%s", qPrintable(message));
+                RVODDI_LOG(RvoDdiLog::Information, message);
+            }
+            locker.lock();
+            continue;
+        }
+        m_SavesRetired.fetch_add(1, std::memory_order_release);
+        // Saves succeed again once a refused one is written, or once none
+        // waits: a save that was under way when another was refused, or
+        // that found its file there, proves nothing.
+        const bool recovered = outcome.written > 0 && m_Refusing.load(std::memory_order_relaxed)
+                && (entry.refusals > 0
+                    || std::none_of(m_Queue.begin(), m_Queue.end(),
+                                    [](const Entry &queued) { return queued.refusals > 0; }));
+        if (recovered) {
+            m_Refusing.store(false, std::memory_order_relaxed);
+            m_RecoveredAt = Clock::now();
+        }
+        locker.unlock();
+        retire(entry.request);
+        if (recovered) {
+            const QString message = QStringLiteral("Saving blocks under %1 again").arg(m_Root);
+            qCDebug(lcDdi, "%s", qPrintable(message));
+            RVODDI_LOG(RvoDdiLog::Information, message);
+        }
         locker.lock();
         m_Busy = false;
         m_Changed.notify_all();
     }
 }
 
-void RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &request,
-                                                   const RvoBlockSaver::JobPtr &job)
+RvoBlockSaver::Outcome
+RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &request,
+                                              const RvoBlockSaver::JobPtr &job)
 {
     RvoBlockSaver &saver = RvoBlockSaver::instance();
     RvoDataBlock *block = request.block;
     QString directory;
     QString fileName;
+    RvoBlockSaver::Outcome outcome;
     if (block
         && buildFilename(request.hash.data(), m_Root, subCache(), quint32(qMax(m_BucketCount, 1)),
                          directory, fileName)) {
         // A block compressed in memory is already in the file's form.
-        const RvoBlockSaver::Outcome outcome = block->isCompressed()
+        outcome = block->isCompressed()
                 ? RvoBlockSaver::save(block->size(), block->m_Data.constData(),
                                       block->m_Data.size(), directory, fileName)
                 : saver.finish(job, block->m_Data, directory, fileName, m_Codec);
         if (outcome.written > 0) {
             m_BytesWritten.fetch_add(outcome.written, std::memory_order_relaxed);
+            if (m_DiskUsage)
+                m_DiskUsage->added(kBlockFileHeaderSize + outcome.written);
             m_RequestsHandled.fetch_add(1, std::memory_order_relaxed);
         }
-        // A block that could not be written is not marked: it is not on disk.
+        // The one point where a save succeeds: the block file is complete
+        // under its name. Only then is the block marked saved, and only then
+        // may it be let go of. A save that could not be written is never
+        // marked, whatever a plain write-and-forget would do: the block
+        // would pass for one on disk and be lost when freed.
         if (outcome.onDisk)
             block->m_Cached.store(true, std::memory_order_release);
     }
     // A job not finished above is not wanted (no-op when it was).
     saver.cancel(job);
-    finishWith(request);
-
-    // A last release retires the digest, which reaches the manager's tables.
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    manager.lockDeletes();
-    request.hash.reset();
-    manager.unlockDeletes();
+    return outcome;
 }

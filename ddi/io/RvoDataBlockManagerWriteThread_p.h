@@ -12,9 +12,13 @@
 #include <QThread>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
+
+class RvoDiskUsage;
 
 // Writes the blocks of one cache root into block files, in the background,
 // in the order of a priority queue (ascending priority, first come first
@@ -24,6 +28,15 @@
 // The files themselves are usually compressed and written ahead of their
 // turn by the shared background saver (RvoBlockSaver_p.h): the thread keeps
 // the order, marks each block saved and lets go of it and its digest.
+//
+// A save the file system refuses (a full disk, an IO error, no permission)
+// is never marked saved, and its block is never let go of as if it were on
+// disk: the save stays queued, its bytes still count as queued (so the
+// manager's back-pressure holds producers back while the disk is full), and
+// it is tried again after a pause that grows from 1 s to 30 s. A refused save
+// whose digest nobody but the save holds any more is dropped: no one can ask
+// for its block again. The refusals are reported once per episode, and once
+// more when saves succeed again, not once per block.
 //
 // Threading: writeBlock(), the queries, flush(), closeDown() and
 // setSubCache() may be called from any thread; run() and handleRequest()
@@ -52,41 +65,88 @@ public:
     // The sum of the sizes of the queued blocks.
     qint64 bytesInQueue() const;
 
-    // Returns when the queue is empty and no save is in progress (at once
-    // when the thread is not running).
+    // Returns when every save queued has been tried at least once since the
+    // call began (saves waiting for a retry are tried again at once) and no
+    // save is in progress; at once when the thread is not running. With a
+    // working disk that is when the queue is empty; on a full disk it returns
+    // with the refused saves still queued, so a flush never waits for space.
     void flush();
     // Asks the loop to end; saves still queued are not written. Returns at
     // once.
     void closeDown();
 
     void setSubCache(const QString &name);
+    // Where the bytes of the files this thread publishes are counted (the
+    // root's collector keeps the root within its disk budget). Set before
+    // the thread starts.
+    void setDiskUsage(std::shared_ptr<RvoDiskUsage> usage) { m_DiskUsage = std::move(usage); }
     QString subCache() const;
 
     // The queue, front first, as (priority, digest) pairs.
     QList<QPair<int, RvoDataHash *>> queuedRequests() const;
 
+    // Saves of this root are being refused: from a refused save until one
+    // succeeds again.
+    bool savesRefused() const { return m_Refusing.load(std::memory_order_relaxed); }
+    // Attempts the file system refused, over the thread's life.
+    int refusedAttempts() const { return m_RefusedAttempts.load(std::memory_order_relaxed); }
+    // Saves taken off the queue for good (saved, found, dropped), over the
+    // thread's life.
+    quint64 savesRetired() const { return m_SavesRetired.load(std::memory_order_acquire); }
+    // A new raw copy of the block a queued or running save of `hash` holds,
+    // or null when there is none. A block whose save is refused exists
+    // nowhere else, so a read must get it here. The caller owns the copy.
+    RvoDataBlock *queuedCopy(const RvoDataHash *hash) const;
+
+    // The pause before the first retry of a refused save and the longest one
+    // (1 s and 30 s); tests shorten them. Call before the thread starts.
+    void setRetryPauses(std::chrono::milliseconds first, std::chrono::milliseconds longest);
+
 protected:
     void run() override;
-    // Saves one block file. Runs without the queue lock.
-    void handleRequest(RvoDataBlockSaveRequest &request, const RvoBlockSaver::JobPtr &job = {});
+    // Saves one block file. Runs without the queue lock. Returns the outcome;
+    // the request is left alone when the file system refused the save.
+    RvoBlockSaver::Outcome handleRequest(RvoDataBlockSaveRequest &request,
+                                         const RvoBlockSaver::JobPtr &job = {});
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     struct Entry
     {
         int priority;
         qint64 size; // the block's size when queued
         RvoDataBlockSaveRequest request;
         // The save being done in the background; null when the block is
-        // compressed in memory already.
+        // compressed in memory already, and after the first attempt.
         RvoBlockSaver::JobPtr job;
+        int refusals = 0; // attempts the file system refused
+        Clock::time_point retryAt {}; // when a refused save is tried again
+        quint64 triedInFlush = 0; // m_FlushSerial when it was last tried
     };
 
     // Lets go of a request's block: deletes it when the request owns it, or
     // when the manager gave it up while the save was queued.
     static void finishWith(RvoDataBlockSaveRequest &request);
+    // finishWith(), then releases the request's digest inside the manager's
+    // delete lock (a last release retires the digest, which reaches the
+    // manager's tables). Call without the queue lock.
+    static void retire(RvoDataBlockSaveRequest &request);
+    // The entry to save next, taken out of the queue, or the queue's end when
+    // none is due; moves refused saves nobody else refers to into `dropped`
+    // and sets `wakeAt` to when the next refused save is due. Requires
+    // m_Lock.
+    std::deque<Entry>::iterator nextDue(std::deque<Entry> &dropped, Clock::time_point *wakeAt);
+    // Puts a refused save back in the queue, ahead of the saves of its
+    // priority, to be tried after its pause. True when it begins an episode
+    // of refusals (the caller reports it, without the lock): a refusal from
+    // before saves succeeded again (a background save that failed while the
+    // disk was still full) begins none. Requires m_Lock.
+    bool park(Entry &&entry, Clock::time_point refusedAt);
 
     const QString m_Root;
-    // Guards m_SubCache, m_Queue, m_BytesInQueue, m_Closing and m_Busy.
+    // Guards m_SubCache, m_Queue, m_BytesInQueue, m_Closing, m_Busy,
+    // m_Current, m_FlushSerial, m_RecoveredAt and the retry pauses.
     // Lock order: a leaf (see RvoDataBlockManager.h).
     mutable std::mutex m_Lock;
     // Signalled when a save is queued, taken or finished, and on closeDown.
@@ -96,6 +156,14 @@ private:
     const int m_BucketCount;
     bool m_Closing = false;
     bool m_Busy = false; // a save taken from the queue is being written
+    const Entry *m_Current = nullptr; // that save, while m_Busy
+    quint64 m_FlushSerial = 0; // flushes begun; entries remember the last they saw
+    std::chrono::milliseconds m_FirstRetryPause {1000};
+    std::chrono::milliseconds m_LongestRetryPause {30000};
+    std::atomic<bool> m_Refusing {false};
+    Clock::time_point m_RecoveredAt {}; // when saves last succeeded again
+    std::atomic<int> m_RefusedAttempts {0};
+    std::atomic<quint64> m_SavesRetired {0};
     std::atomic<int> m_RequestsHandled {0};
     std::atomic<qint64> m_BytesWritten {0};
     qint64 m_BytesInQueue = 0;
@@ -103,6 +171,7 @@ private:
     // The thread's own compressor, for the saves the background workers do
     // not do (no workers, exit, a sub-cache changed); used only by run().
     RvoBlockCodec m_Codec;
+    std::shared_ptr<RvoDiskUsage> m_DiskUsage; // set before start, then read only
 };
 
 #endif // RVODATABLOCKMANAGERWRITETHREAD_P_H

@@ -25,7 +25,66 @@ bool buildFilename(const RvoDataHash *hash, const QString &root, const QString &
     return true;
 }
 
+namespace {
+
+int code(char c)
+{
+    return uchar(c);
+}
+
+int code(QChar c)
+{
+    return c.unicode();
+}
+
+// The one rule for both spellings of a name.
+template <typename Char>
+bool hasBlockFileShape(const Char *name, qsizetype length)
+{
+    int dashes = 0;
+    for (qsizetype i = 0; i < length; ++i)
+        dashes += code(name[i]) == '-' ? 1 : 0;
+    return dashes == 15;
+}
+
+template <typename Char>
+bool hasTemporaryFileShape(const Char *name, qsizetype length)
+{
+    static const char prefix[] = "write-";
+    static const char suffix[] = ".tmp";
+    const qsizetype prefixLength = sizeof(prefix) - 1;
+    const qsizetype suffixLength = sizeof(suffix) - 1;
+    if (length < prefixLength + suffixLength)
+        return false;
+    for (qsizetype i = 0; i < prefixLength; ++i) {
+        if (code(name[i]) != prefix[i])
+            return false;
+    }
+    for (qsizetype i = 0; i < suffixLength; ++i) {
+        if (code(name[length - suffixLength + i]) != suffix[i])
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
 bool isBlockFileName(const QString &fileName)
 {
-    return fileName.count(QLatin1Char('-')) == 15;
+    return hasBlockFileShape(fileName.constData(), fileName.size());
+}
+
+bool isBlockFileName(const char *fileName, qsizetype length)
+{
+    return hasBlockFileShape(fileName, length);
+}
+
+bool isTemporaryFileName(const QString &fileName)
+{
+    return hasTemporaryFileShape(fileName.constData(), fileName.size());
+}
+
+bool isTemporaryFileName(const char *fileName, qsizetype length)
+{
+    return hasTemporaryFileShape(fileName, length);
 }

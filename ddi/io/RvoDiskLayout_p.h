@@ -28,7 +28,14 @@ bool buildFilename(const RvoDataHash *hash, const QString &root, const QString &
                    quint32 bucketCount, QString &directory, QString &fileName);
 
 // Whether a file name has the shape of a 64-byte digest's text form: exactly
-// 15 "-". Temporary files of the block saver never do.
+// 15 "-". Temporary files of the block saver never do. The second form takes
+// a name as the directory listing gives it (Latin-1 or UTF-8 bytes).
 bool isBlockFileName(const QString &fileName);
+bool isBlockFileName(const char *fileName, qsizetype length);
+
+// Whether a file name is one the block saver writes a block file under
+// before renaming it: "write-" ... ".tmp".
+bool isTemporaryFileName(const QString &fileName);
+bool isTemporaryFileName(const char *fileName, qsizetype length);
 
 #endif // RVODISKLAYOUT_P_H

@@ -12,6 +12,10 @@
 // no other process holds the sub-cache. The kernel lets the lock go when a
 // process dies, so a crashed host never keeps a sub-cache held.
 //
+// Changes to and from exclusive are made under a brief exclusive flock on
+// the directory itself, because the kernel makes them by letting the lock
+// go and taking it anew (see RvoSubCacheLock.cpp).
+//
 // flock locks belong to the open file, not to the process: two objects of
 // one process on one directory conflict as two processes would.
 //

@@ -35,6 +35,17 @@ void logBudget(qint64 budget, qint64 writePending)
             writePending / 1048576);
 }
 
+// Holds the sub-cache `name` under `root` shared, for other processes to see.
+// May wait for another process's collection pass over it.
+std::unique_ptr<RvoSubCacheLock> lockSubCache(const QString &root, const QString &name)
+{
+    auto lock = std::make_unique<RvoSubCacheLock>();
+    const QString directory = RvoGarbageCollectorThread::subCacheDirectory(root, name);
+    if (!lock->lockShared(directory))
+        qCDebug(lcDdi, "Cannot lock sub-cache %s", qPrintable(directory));
+    return lock;
+}
+
 } // namespace
 
 RvoDataBlockManager::RvoDataBlockManager()
@@ -96,17 +107,25 @@ bool RvoDataBlockManager::setup(const QStringList &roots, qint64 maxCacheSize, i
             rvoReport(QStringLiteral("Cannot Create cache root at %1").arg(absolute));
     }
 
+    // Taken before the delete lock: taking one may wait for another process.
+    std::vector<std::unique_ptr<RvoSubCacheLock>> locks;
+    const QString current = subCache();
+    for (const QString &root : roots)
+        locks.push_back(lockSubCache(root, current));
+
     RvoDdiMutexLocker locker(&m_DeleteLock);
     m_CacheRoots = roots;
     const int buckets = this->numBuckets();
-    for (const QString &root : roots) {
+    for (int i = 0; i < roots.size(); ++i) {
+        const QString &root = roots.at(i);
         auto *writer = new RvoDataBlockManagerWriteThread(root, buckets, kWriteQueueCapacity, this);
         auto *reader = new RvoDataBlockManagerReadThread(root, buckets, kReadBackgroundLimit, this);
         auto *collector = new RvoGarbageCollectorThread(root, buckets, this);
         // Threads added by a later setup follow the current configuration.
         writer->setSubCache(m_SubCache);
         reader->setSubCache(m_SubCache);
-        collector->setSubCache(m_SubCache);
+        collector->setSubCache(m_SubCache, std::move(locks[size_t(i)]));
+        writer->setDiskUsage(collector->diskUsage());
         reader->setRequestPromotionEnabled(requestPromotionEnabled());
         writer->start(QThread::InheritPriority);
         reader->start(QThread::InheritPriority);
@@ -115,6 +134,7 @@ bool RvoDataBlockManager::setup(const QStringList &roots, qint64 maxCacheSize, i
         m_WriteThreads.append(writer);
         m_CollectorThreads.append(collector);
     }
+    shareDiskBudget();
     m_IsInitialized.store(true, std::memory_order_release);
     return true;
 }
@@ -152,6 +172,12 @@ void RvoDataBlockManager::setSubCache(const QString &name)
         return;
     }
     flush(false, AllThreads);
+    // The new sub-cache is held before the delete lock is taken: taking it
+    // may wait for another process's pass over it.
+    const QVector<RvoGarbageCollectorThread *> collectors = collectorThreads();
+    std::vector<std::unique_ptr<RvoSubCacheLock>> locks;
+    for (RvoGarbageCollectorThread *collector : collectors)
+        locks.push_back(lockSubCache(collector->root(), name));
 
     RvoDdiMutexLocker locker(&m_DeleteLock);
     m_SubCache = name;
@@ -162,8 +188,14 @@ void RvoDataBlockManager::setSubCache(const QString &name)
     for (RvoDataBlockManagerWriteThread *writer : std::as_const(m_WriteThreads))
         writer->setSubCache(name);
     // Waits for a collector's pass under way, which takes no manager lock.
-    for (RvoGarbageCollectorThread *collector : std::as_const(m_CollectorThreads))
-        collector->setSubCache(name);
+    // Each lets go of the sub-cache it held.
+    for (int i = 0; i < m_CollectorThreads.size(); ++i) {
+        RvoGarbageCollectorThread *collector = m_CollectorThreads.at(i);
+        const bool taken = i < collectors.size() && collectors.at(i) == collector;
+        collector->setSubCache(name,
+                               taken ? std::move(locks[size_t(i)])
+                                     : lockSubCache(collector->root(), name));
+    }
 }
 
 void RvoDataBlockManager::setRequestPromotionEnabled(bool on)

@@ -115,6 +115,15 @@ public:
         return m_MaxWritePendingSize.load(std::memory_order_relaxed);
     }
     qint64 liveBytes() const { return m_LiveBytes.load(std::memory_order_relaxed); }
+    // The disk budget: the bytes of block files the roots may hold together;
+    // 0 (the default) leaves the disk cache unbounded. Each root's share is
+    // the budget divided by the number of roots; its collector thread keeps
+    // it there by deleting the least recently used block files (the last use
+    // of a file is its modification time) of the sub-caches no other process
+    // holds, never one whose digest is live in this process. May be called
+    // before setup(); kept across cleanUp().
+    void setMaxDiskCacheSize(qint64 bytes);
+    qint64 maxDiskCacheSize() const { return m_MaxDiskCacheSize.load(std::memory_order_relaxed); }
     // Blocks in memory.
     qint64 liveBlocks() const;
     // Digests known to the registry.
@@ -122,7 +131,10 @@ public:
 
     QString subCache() const;
     // Names the sub-cache directory under every root; the threads and the log
-    // follow. Refused silently while garbage collection is on.
+    // follow. Refused silently while garbage collection is on. While a
+    // sub-cache is current the manager holds it, under every root, for other
+    // processes to see (RvoSubCacheLock): it may wait here for another
+    // process's collection pass over it to end.
     void setSubCache(const QString &name);
     bool requestPromotionEnabled() const
     {
@@ -130,7 +142,8 @@ public:
     }
     void setRequestPromotionEnabled(bool on);
     // Garbage collection: while on, each root's collector deletes the block
-    // files of the current sub-cache whose digests nobody references.
+    // files of the current sub-cache whose digests nobody references, in
+    // passes made only while no other process holds the sub-cache.
     bool garbageCollecting() const { return m_GarbageCollecting.load(std::memory_order_acquire); }
     void startGarbageCollection();
     // Switches collection off and returns when no pass is under way.
@@ -252,6 +265,9 @@ private:
     int cacheIndex(const RvoDataHash *hash);
 
     void stopAllIoThreads();
+    // Gives each collector its share of the disk budget. REQUIRES: the
+    // delete lock held.
+    void shareDiskBudget();
     // The sum of the bytes queued on every write thread.
     qint64 bytesQueuedForWriting() const;
     // Prints the not-initialized notice when not initialized; carries on.
@@ -267,6 +283,7 @@ private:
     QStringList m_CacheRoots;
     std::atomic<qint64> m_MaxDataCacheSize {2147483648LL};
     std::atomic<qint64> m_MaxWritePendingSize {536870912LL};
+    std::atomic<qint64> m_MaxDiskCacheSize {0};
     // Changed under m_DeleteLock, read anywhere.
     std::atomic<qint64> m_LiveBytes {0};
     std::atomic<int> m_NumBuckets {10};

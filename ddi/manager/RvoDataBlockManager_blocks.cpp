@@ -91,12 +91,30 @@ RvoDataBlock *RvoDataBlockManager::getDataBlock(RvoDataHash *hash)
     if (index < 0 || index >= m_ReadThreads.size())
         return nullptr;
     RvoDataBlockManagerReadThread *reader = m_ReadThreads.at(index);
+    RvoDataBlockManagerWriteThread *writer =
+            index < m_WriteThreads.size() ? m_WriteThreads.at(index) : nullptr;
 
     // The disk is read without the delete lock, so that other threads, and
     // the write thread this read may wait for, carry on meanwhile.
     const int levels = m_DeleteLock.unlockFully();
-    RvoDataBlock *loaded = RvoDataBlockManagerReadThread::waitForBlock(
-            reader->loadBlock(RvoSmartPointer<RvoDataHash>(hash), false));
+    auto fromDisk = [reader, hash] {
+        return RvoDataBlockManagerReadThread::waitForBlock(
+                reader->loadBlock(RvoSmartPointer<RvoDataHash>(hash), false));
+    };
+    // A block whose save the disk refused is only in its write queue. While
+    // saves are refused it is looked for there first; otherwise only after
+    // a miss on disk (then the save may have been refused meanwhile, or have
+    // succeeded between the two looks: a retired save means another look).
+    RvoDataBlock *loaded = writer && writer->savesRefused() ? writer->queuedCopy(hash) : nullptr;
+    if (!loaded) {
+        const quint64 retired = writer ? writer->savesRetired() : 0;
+        loaded = fromDisk();
+        if (!loaded && writer) {
+            loaded = writer->queuedCopy(hash);
+            if (!loaded && writer->savesRetired() != retired)
+                loaded = fromDisk();
+        }
+    }
     m_DeleteLock.relockFully(levels);
     if (!loaded)
         return nullptr;

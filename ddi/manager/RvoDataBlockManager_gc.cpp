@@ -3,6 +3,7 @@
 #include "RvoDataBlockManager.h"
 
 #include "RvoDataBlockManagerReadThread_p.h"
+#include "RvoDdiDiagnostics_p.h"
 #include "RvoDdiMutexLocker.h"
 #include "RvoGarbageCollectorThread_p.h"
 
@@ -77,4 +78,26 @@ QVector<RvoGarbageCollectorThread *> RvoDataBlockManager::collectorThreads() con
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     return m_CollectorThreads;
+}
+
+void RvoDataBlockManager::setMaxDiskCacheSize(qint64 bytes)
+{
+    if (bytes < 0) {
+        rvoReport(QStringLiteral("Disk cache size %1 is negative: the disk cache is unbounded")
+                          .arg(bytes));
+        bytes = 0;
+    }
+    qCDebug(lcDdi, "[DDI] Max disk cache size    = %lld bytes (%lld MB)", bytes, bytes / 1048576);
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    m_MaxDiskCacheSize.store(bytes, std::memory_order_relaxed);
+    shareDiskBudget();
+}
+
+void RvoDataBlockManager::shareDiskBudget()
+{
+    // Every collector looks after one root (a second setup adds roots).
+    const qint64 roots = m_CollectorThreads.size();
+    const qint64 share = roots > 0 ? maxDiskCacheSize() / roots : 0;
+    for (RvoGarbageCollectorThread *collector : std::as_const(m_CollectorThreads))
+        collector->setShare(share);
 }

@@ -47,6 +47,11 @@ ManagerSetup::~ManagerSetup()
     RvoDataBlockManager::instance().cleanUp();
 }
 
+RvoDataReference addBlock(const QByteArray &content, RvoModifyAccessor::Caching caching, bool sync)
+{
+    return RvoDataBlockManager::instance().addBlock(content, caching, sync);
+}
+
 QByteArray testContent(int seed, int size)
 {
     QByteArray bytes(size, Qt::Uninitialized);

@@ -81,6 +81,16 @@ private:
     QStringList m_Roots;
 };
 
+// Adds content through the manager, hashed on the calling thread unless
+// `sync` is false.
+RvoDataReference addBlock(const QByteArray &content,
+                          RvoModifyAccessor::Caching caching = RvoModifyAccessor::CacheContent,
+                          bool sync = true);
+inline RvoDataHash *hashOf(const RvoDataReference &ref)
+{
+    return ref.hashPtr().data();
+}
+
 // Image-like test content: varied, compressible bytes.
 QByteArray testContent(int seed, int size = 65536);
 

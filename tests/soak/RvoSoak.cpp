@@ -1,0 +1,169 @@
+// rvoddi-soak [MINUTES]: eight threads add, read, preload and drop blocks
+// through a 4 MiB budget on two roots with garbage collection on, for MINUTES
+// (default 2). Blocks leave memory, are collected from disk once dropped and
+// come back when their content is added again, all the time. At the end every
+// reference is gone: the registry's digest count and the live bytes must be
+// back where they started, every read must have given the bytes that were
+// added, and the library must have printed no report line. Exits 0 when all
+// of that holds. Figures go to standard error; standard output is the
+// library's report channel and is captured.
+
+#include "ManagerTestAccess.h"
+#include "OutputCapture.h"
+#include "RvoHashManager.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QLoggingCategory>
+#include <QTemporaryDir>
+#include <QThreadPool>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr int kThreads = 8;
+constexpr int kSeeds = 256; // distinct contents; threads add the same ones
+constexpr int kHeldPerThread = 48;
+constexpr qint64 kBudget = 4 << 20;
+
+struct Counters
+{
+    std::atomic<qint64> adds {0}, reads {0}, preloads {0}, drops {0}, frees {0}, wrong {0};
+};
+
+// Content of every seed, 4 KiB to 244 KiB, made once and only read.
+std::vector<QByteArray> makeContents()
+{
+    std::vector<QByteArray> contents;
+    for (int seed = 0; seed < kSeeds; ++seed)
+        contents.push_back(testContent(seed, 4096 * (1 + (seed * 7919) % 61)));
+    return contents;
+}
+
+void work(int id, qint64 endMs, const QElapsedTimer &clock, const std::vector<QByteArray> &contents,
+          Counters &counters)
+{
+    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
+    std::mt19937 random(quint32(id) * 7919u + 1u);
+    std::vector<std::pair<RvoDataReference, int>> held;
+    while (clock.elapsed() < endMs) {
+        const int action = int(random() % 100);
+        if (held.empty() || (action < 30 && held.size() < kHeldPerThread)) {
+            const int seed = int(random() % kSeeds);
+            held.emplace_back(manager.addBlock(contents[size_t(seed)],
+                                               RvoModifyAccessor::CacheContent, random() & 1),
+                              seed);
+            ++counters.adds;
+            manager.processIO();
+        } else if (action < 70) {
+            const auto &[ref, seed] = held[random() % held.size()];
+            const RvoConstAccessor accessor = ref.constAccessor();
+            const QByteArray &expected = contents[size_t(seed)];
+            if (accessor.size() != expected.size()
+                || std::memcmp(accessor.data(), expected.constData(), size_t(expected.size())) != 0)
+                ++counters.wrong;
+            ++counters.reads;
+        } else if (action < 85) {
+            held[random() % held.size()].first.preload(
+                    RvoDataBlockManager::PreloadPriority(random() % 3));
+            ++counters.preloads;
+        } else if (action < 99 || id != 0) {
+            std::swap(held[random() % held.size()], held.back());
+            held.pop_back();
+            ++counters.drops;
+        } else {
+            manager.freeAllBlocks();
+            ++counters.frees;
+        }
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=false"));
+    const double minutes = argc > 1 ? QString::fromLocal8Bit(argv[1]).toDouble() : 2.0;
+    if (minutes <= 0) {
+        std::fprintf(stderr, "usage: rvoddi-soak [MINUTES]\n");
+        return 2;
+    }
+    const std::vector<QByteArray> contents = makeContents();
+    QTemporaryDir first, second;
+    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
+    RvoHashManager &registry = RvoHashManager::instance();
+    Counters counters;
+    int hashesBefore = 0, hashesAfter = 0;
+    qint64 bytesBefore = 0, bytesAfter = 0;
+    QStringList reports;
+    qint64 filesWritten = 0, filesRead = 0;
+    {
+        StdoutCapture capture;
+        manager.setup({first.path(), second.path()}, kBudget, 10);
+        manager.setSubCache(QStringLiteral("Soak"));
+        manager.startGarbageCollection();
+        hashesBefore = registry.hashCount();
+        bytesBefore = manager.liveBytes();
+
+        QElapsedTimer clock;
+        clock.start();
+        const qint64 endMs = qint64(minutes * 60000);
+        std::vector<std::thread> threads;
+        for (int id = 0; id < kThreads; ++id)
+            threads.emplace_back(work, id, endMs, std::cref(clock), std::cref(contents),
+                                 std::ref(counters));
+        for (qint64 next = 60000; next < endMs; next += 60000) {
+            // A minute's progress, on standard error; bounded by the end.
+            while (clock.elapsed() < qMin(next, endMs))
+                std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            std::fprintf(stderr, "soak: %lld s, %lld adds, %lld reads, %lld wrong\n",
+                         clock.elapsed() / 1000, qint64(counters.adds), qint64(counters.reads),
+                         qint64(counters.wrong));
+        }
+        for (std::thread &thread : threads)
+            thread.join();
+
+        // The last references went with the threads; pending hashing jobs
+        // and saves finish, then the counts must return.
+        QThreadPool::globalInstance()->waitForDone();
+        manager.flush(false, RvoDataBlockManager::AllThreads);
+        waitUntil(
+                [&] {
+                    return registry.hashCount() == hashesBefore
+                            && manager.liveBytes() == bytesBefore;
+                },
+                30000);
+        hashesAfter = registry.hashCount();
+        bytesAfter = manager.liveBytes();
+        for (int i = 0; i < 2; ++i) {
+            filesWritten += RvoDataBlockManagerTestAccess::writeThread(i)->requestsHandled();
+            filesRead += RvoDataBlockManagerTestAccess::readThread(i)->requestsHandled();
+        }
+        manager.stopGarbageCollection();
+        manager.cleanUp();
+        reports = capture.lines();
+    }
+    std::fprintf(stderr,
+                 "soak: %.1f min, 8 threads, budget %lld bytes: %lld adds, %lld reads, "
+                 "%lld preloads, %lld drops, %lld full frees; %lld files written, %lld read; "
+                 "%lld wrong reads; digests %d -> %d; live bytes %lld -> %lld; "
+                 "%lld report lines\n",
+                 minutes, kBudget, qint64(counters.adds), qint64(counters.reads),
+                 qint64(counters.preloads), qint64(counters.drops), qint64(counters.frees),
+                 filesWritten, filesRead, qint64(counters.wrong), hashesBefore, hashesAfter,
+                 bytesBefore, bytesAfter, qint64(reports.size()));
+    for (const QString &line : std::as_const(reports))
+        std::fprintf(stderr, "report: %s\n", qPrintable(line));
+    const bool passed = counters.wrong == 0 && hashesAfter == hashesBefore
+            && bytesAfter == bytesBefore && reports.isEmpty() && counters.reads > 0;
+    std::fprintf(stderr, "soak: %s\n", passed ? "passed" : "FAILED");
+    return passed ? 0 : 1;
+}

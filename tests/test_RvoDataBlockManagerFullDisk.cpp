@@ -1,0 +1,163 @@
+#include "ManagerTestAccess.h"
+#include "OutputCapture.h"
+#include "RvoBlockCodec_p.h"
+#include "RvoBlockFile_p.h"
+
+#include <QDirIterator>
+#include <QMutex>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+using Access = RvoDataBlockManagerTestAccess;
+
+namespace {
+
+// Bytes that do not compress, so that a block takes its size on disk.
+QByteArray noise(int seed, int size)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    quint64 state = quint64(seed) * 0x9E3779B97F4A7C15ull + 1;
+    for (int i = 0; i < size; ++i) {
+        state ^= state << 13;
+        state ^= state >> 7;
+        state ^= state << 17;
+        bytes[i] = char(state >> 24);
+    }
+    return bytes;
+}
+
+bool mountTmpfs(const QString &options, const QString &path)
+{
+    return QProcess::execute(QStringLiteral("mount"),
+                             {QStringLiteral("-t"), QStringLiteral("tmpfs"), QStringLiteral("-o"),
+                              options, QStringLiteral("rvoddi-full"), path})
+            == 0;
+}
+
+int linesStarting(const QStringList &lines, const QString &start)
+{
+    return int(std::count_if(lines.begin(), lines.end(),
+                             [&](const QString &line) { return line.startsWith(start); }));
+}
+
+} // namespace
+
+// A cache root on a 1 MiB tmpfs, filled after the first blocks are saved.
+// The producer is held back, every block reads back byte-exact while the
+// disk is full (evicted blocks whose saves were refused included), a flush
+// returns, and once the file system is enlarged every block reaches the disk
+// complete.
+TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "mounting a tmpfs needs root";
+    QTemporaryDir dir;
+    const QString root = dir.filePath(QStringLiteral("root"));
+    ASSERT_TRUE(QDir().mkpath(root));
+    if (!mountTmpfs(QStringLiteral("size=1m"), root))
+        GTEST_SKIP() << "mount -t tmpfs failed (no CAP_SYS_ADMIN here?)";
+    struct Unmount
+    {
+        QString path;
+        ~Unmount() { QProcess::execute(QStringLiteral("umount"), {QStringLiteral("-l"), path}); }
+    } unmount {root};
+
+    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
+    constexpr int kBlock = 16 * 1024;
+    manager.setup({root}, 32 * kBlock, 10); // a write backlog of 8 blocks holds producers
+    DebugCapture debug;
+    StdoutCapture out;
+    QMutex lock; // guards refs and contents, filled by the producer
+    QVector<RvoDataReference> refs;
+    QVector<QByteArray> contents;
+    auto add = [&](int i) {
+        const QByteArray content = noise(i, kBlock);
+        const RvoDataReference ref =
+                manager.addBlock(content, RvoModifyAccessor::CacheContent, true);
+        QMutexLocker locker(&lock);
+        refs.append(ref);
+        contents.append(content);
+    };
+    auto readAll = [&] {
+        QMutexLocker locker(&lock);
+        for (int i = 0; i < refs.size(); ++i)
+            ASSERT_EQ(bytesOf(refs.at(i)), contents.at(i)) << "block " << i;
+    };
+    for (int i = 0; i < 8; ++i)
+        add(i);
+    manager.flush(false, RvoDataBlockManager::WriteThreads);
+    // The rest of the file system is filled to its last page, so that no
+    // save fits until it grows.
+    QFile filler(root + QStringLiteral("/filler"));
+    ASSERT_TRUE(filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
+    const QByteArray page(4096, 'f');
+    while (filler.write(page) == page.size()) {
+    }
+    filler.close();
+
+    constexpr int kProduced = 40;
+    std::atomic<int> produced {0};
+    std::thread producer([&] {
+        for (int i = 8; i < kProduced; ++i) {
+            add(i);
+            produced.store(i + 1);
+            manager.processIO();
+        }
+    });
+    RvoDataBlockManagerWriteThread *writer = Access::writeThread(0);
+    EXPECT_TRUE(waitUntil([&] { return writer->savesRefused() && manager.isWriteThreadsFull(); },
+                          60000));
+    const int held = produced.load();
+    // processIO sleeps a second at a time: two of them pass with no progress.
+    EXPECT_FALSE(waitUntil([&] { return produced.load() > held + 1; }, 2500))
+            << "the producer is not held back";
+    // A host that ignores back-pressure: 40 more blocks evict most of those
+    // whose saves were refused.
+    for (int i = 100; i < 140; ++i)
+        add(i);
+    readAll();
+    manager.flush(true, RvoDataBlockManager::AllThreads); // returns on a full disk
+    EXPECT_TRUE(writer->savesRefused());
+    readAll();
+
+    ASSERT_TRUE(mountTmpfs(QStringLiteral("remount,size=64m"), root));
+    // Retries the refused saves now rather than after their pauses.
+    manager.flush(false, RvoDataBlockManager::WriteThreads);
+    ASSERT_TRUE(waitUntil([&] { return produced.load() == kProduced; }, 60000));
+    producer.join();
+    manager.flush(true, RvoDataBlockManager::AllThreads);
+    EXPECT_FALSE(writer->savesRefused());
+    EXPECT_EQ(writer->requests(), 0);
+    readAll();
+
+    // Every block has its file, and every file under a digest name is sound.
+    RvoBlockCodec codec;
+    for (const QByteArray &content : contents) {
+        const QString name = RvoBlockFile::digestText(content.constData(), content.size());
+        EXPECT_FALSE(manager.getBlockDestination(QString(), name).isEmpty());
+        EXPECT_TRUE(QFile::exists(manager.getBlockDestination(QString(), name))) << qPrintable(name);
+    }
+    int files = 0;
+    for (QDirIterator it(root, QDir::Files, QDirIterator::Subdirectories); it.hasNext();) {
+        const QString path = it.next();
+        if (it.fileName().count(QLatin1Char('-')) != 15 || it.fileName().startsWith(QLatin1String("write-")))
+            continue;
+        ++files;
+        EXPECT_EQ(RvoBlockFile::verifyFile(codec, path), RvoBlockFile::Sound) << qPrintable(path);
+    }
+    EXPECT_EQ(files, contents.size());
+    manager.cleanUp();
+
+    const QStringList lines = debug.messages();
+    EXPECT_EQ(linesStarting(lines, QStringLiteral("Cannot save blocks under %1: No space left on device (").arg(root)), 1);
+    EXPECT_EQ(lines.count(QStringLiteral("Saving blocks under %1 again").arg(root)), 1);
+    const QStringList printed = out.lines();
+    EXPECT_EQ(printed.filter(QStringLiteral("Cannot ")).size(), 1) << qPrintable(printed.join(QLatin1Char('\n')));
+}

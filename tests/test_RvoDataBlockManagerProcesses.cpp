@@ -1,0 +1,219 @@
+// Real processes on shared roots: a writer killed at random moments, and
+// three writers at once. The other processes are rvoddi-test-fault-child.
+
+#include "ManagerTestAccess.h"
+#include "OutputCapture.h" // prints QString in failure messages
+#include "RvoBlockCodec_p.h"
+#include "RvoBlockFile_p.h"
+#include "RvoDiskLayout_p.h"
+#include "RvoGarbageCollectorThread_p.h"
+#include "RvoHashManager.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <random>
+
+#include <signal.h>
+#include <sys/time.h>
+
+namespace {
+
+using Manager = RvoDataBlockManager;
+
+const QString kChild = QStringLiteral(RVODDI_FAULT_CHILD);
+
+struct DiskState
+{
+    int blockFiles = 0;
+    QStringList corrupt; // "path: fault"
+    QStringList temporaries;
+};
+
+// Every file under the roots: each one under a digest name must decode and
+// hash to its name; writes' temporary files are listed.
+DiskState checkDisk(const QStringList &roots)
+{
+    DiskState state;
+    RvoBlockCodec codec;
+    for (const QString &root : roots) {
+        QDirIterator files(root, QDir::Files, QDirIterator::Subdirectories);
+        while (files.hasNext()) {
+            const QString path = files.next();
+            if (isBlockFileName(files.fileName())) {
+                ++state.blockFiles;
+                const RvoBlockFile::Fault fault = RvoBlockFile::verifyFile(codec, path);
+                if (fault != RvoBlockFile::Sound)
+                    state.corrupt.append(path + QStringLiteral(": ")
+                                         + QLatin1String(RvoBlockFile::faultText(fault)));
+            } else if (files.fileName().endsWith(QLatin1String(".tmp"))) {
+                state.temporaries.append(path);
+            }
+        }
+    }
+    return state;
+}
+
+QStringList twoRoots(const QTemporaryDir &dir)
+{
+    return {dir.filePath(QStringLiteral("a")), dir.filePath(QStringLiteral("b"))};
+}
+
+// Loads each "SEED SIZE DIGEST" line's block through the manager and
+// returns the digests whose bytes are not testContent(SEED, SIZE).
+QStringList lostBlocks(const QByteArray &lines)
+{
+    QStringList lost;
+    for (const QByteArray &line : lines.split('\n')) {
+        const QList<QByteArray> fields = line.split(' ');
+        if (fields.size() != 3)
+            continue;
+        const QString text = QString::fromLatin1(fields.at(2));
+        const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(text);
+        const RvoDataReference ref = Manager::instance().getReference(hash.data());
+        if (bytesOf(ref) != testContent(fields.at(0).toInt(), fields.at(1).toInt()))
+            lost.append(text);
+    }
+    return lost;
+}
+
+// The state letter of process `pid` ('T' when stopped).
+char processState(qint64 pid)
+{
+    const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    const int end = stat.lastIndexOf(')'); // after the command name
+    return end > 0 && end + 2 < stat.size() ? stat.at(end + 2) : '?';
+}
+
+// Whether process `pid` holds a block file or a temporary file under one of
+// `roots` open (the log file there is always open).
+bool holdsFileUnder(qint64 pid, const QStringList &roots)
+{
+    const QString fds = QStringLiteral("/proc/%1/fd").arg(pid);
+    for (const QString &fd : QDir(fds).entryList(QDir::AllEntries | QDir::System)) {
+        const QFileInfo target(QFile::symLinkTarget(fds + QLatin1Char('/') + fd));
+        if (!isBlockFileName(target.fileName()) && target.suffix() != QLatin1String("tmp"))
+            continue;
+        for (const QString &root : roots) {
+            if (target.filePath().startsWith(root + QLatin1Char('/')))
+                return true;
+        }
+    }
+    return false;
+}
+
+// Stops `pid` at random moments until it is caught in the middle of writing
+// a file under `roots`, for at most `ms`, and lets it go on. Returns whether
+// it was: then a kill at once lands inside that write.
+bool stopWhileWriting(qint64 pid, const QStringList &roots, int ms, std::mt19937 &random)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < ms) {
+        ::kill(pid_t(pid), SIGSTOP);
+        const bool caught = waitUntil([pid] { return processState(pid) == 'T'; }, 1000)
+                && holdsFileUnder(pid, roots);
+        ::kill(pid_t(pid), SIGCONT);
+        if (caught)
+            return true;
+        QThread::usleep(random() % 1000);
+    }
+    return false;
+}
+
+} // namespace
+
+// A host killed at any moment, over and over on the same roots: what it had
+// confirmed by a flush is all there, no block file is damaged, and the
+// temporary files of cut-off writes are collected once they are old. Every
+// other kill comes while the child writes a block file: at a random moment
+// alone, that is rare.
+TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
+{
+    const int kills = qEnvironmentVariableIsSet("RVODDI_KILLS")
+            ? qEnvironmentVariableIntValue("RVODDI_KILLS")
+            : 40;
+    QTemporaryDir dir;
+    const QStringList roots = twoRoots(dir);
+    const QString sideFile = dir.filePath(QStringLiteral("confirmed.txt"));
+    std::mt19937 random(std::random_device {}());
+    int whileWriting = 0;
+    for (int i = 0; i < kills; ++i) {
+        QProcess child;
+        child.start(kChild, QStringList {QStringLiteral("kill"), sideFile} + roots);
+        ASSERT_TRUE(child.waitForStarted());
+        const int ms = int(random() % 2000);
+        if (i % 2) {
+            whileWriting += stopWhileWriting(child.processId(), roots, ms, random);
+        } else {
+            // The child writes until it is killed: finishing early is a fault.
+            ASSERT_FALSE(child.waitForFinished(ms)) << child.readAllStandardError().constData();
+        }
+        child.kill();
+        ASSERT_TRUE(child.waitForFinished(30000));
+    }
+
+    const QByteArray confirmed = readFile(sideFile);
+    const DiskState before = checkDisk(roots);
+    EXPECT_EQ(before.corrupt, QStringList());
+
+    Manager &manager = Manager::instance();
+    manager.setup(roots, -1, 7);
+    manager.setSubCache(QStringLiteral("Faults"));
+    const QStringList lost = lostBlocks(confirmed);
+    EXPECT_EQ(lost, QStringList());
+
+    // The collector takes temporary files only once they are old enough
+    // not to be a write in progress.
+    for (const QString &path : before.temporaries) {
+        struct timeval times[2];
+        gettimeofday(&times[0], nullptr);
+        times[0].tv_sec -= RvoGarbageCollectorThread::kStrayFileAgeSeconds + 60;
+        times[1] = times[0];
+        ASSERT_EQ(utimes(QFile::encodeName(path).constData(), times), 0) << qPrintable(path);
+    }
+    manager.startGarbageCollection();
+    manager.collectGarbage(nullptr);
+    manager.stopGarbageCollection();
+    EXPECT_EQ(checkDisk(roots).temporaries, QStringList());
+    manager.cleanUp();
+
+    std::fprintf(stderr,
+                 "kills %d (%d while writing), blocks confirmed %d, files checked %d, "
+                 "corrupt %d, lost %d, temporary files removed %d\n",
+                 kills, whileWriting, int(confirmed.count('\n')), before.blockFiles,
+                 int(before.corrupt.size()), int(lost.size()), int(before.temporaries.size()));
+}
+
+// Three hosts on the same roots and sub-cache at once, adding shared and
+// distinct content: each reads back every block the three confirmed, and
+// every block file is sound.
+TEST(RvoDataBlockManagerProcesses, ThreeProcessesShareOneRoot)
+{
+    QTemporaryDir dir;
+    const QStringList roots = twoRoots(dir);
+    QProcess children[3];
+    for (int i = 0; i < 3; ++i)
+        children[i].start(kChild,
+                          QStringList {QStringLiteral("share"), dir.path(), QString::number(i)}
+                                  + roots);
+    for (QProcess &child : children) {
+        EXPECT_TRUE(child.waitForFinished(180000));
+        EXPECT_EQ(child.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(child.exitCode(), 0) << child.readAllStandardError().constData();
+    }
+    const DiskState disk = checkDisk(roots);
+    EXPECT_EQ(disk.corrupt, QStringList());
+    EXPECT_EQ(disk.temporaries, QStringList());
+    // 24 shared and 3 x 24 distinct blocks.
+    EXPECT_EQ(disk.blockFiles, 96);
+}

@@ -1,0 +1,119 @@
+#include "RvoVerifier.h"
+
+#include "RvoBlockCodec_p.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <ctime>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+RvoVerifier::Result RvoVerifier::run(const QVector<QString> &paths, const QVector<qint64> &lengths,
+                                     int jobs, const std::function<void(qint64, qint64)> &progress)
+{
+    const qsizetype count = paths.size();
+    std::atomic<qsizetype> next {0};
+    std::atomic<qint64> doneCount {0};
+    std::atomic<qint64> doneBytes {0};
+    // Per file: its fault, and for sound files the block's size.
+    std::vector<RvoBlockFile::Fault> faults(size_t(count), RvoBlockFile::Sound);
+    std::vector<qint64> sizes(size_t(count), -1);
+    std::vector<QString> errors(static_cast<size_t>(count));
+
+    QVector<double> threadCpuSeconds;
+    // Guards `running` and `threadCpuSeconds`; the calling thread waits on `finished` for it to
+    // reach 0. No other lock is taken while it is held.
+    std::mutex lock;
+    std::condition_variable finished;
+    int running = qBound(1, jobs, int(qMax<qsizetype>(count, 1)));
+
+    auto work = [&] {
+        RvoBlockCodec codec;
+        for (qsizetype i; (i = next.fetch_add(1, std::memory_order_relaxed)) < count;) {
+            RvoBlockFile::Header header;
+            QString error;
+            const RvoBlockFile::Fault fault
+                    = RvoBlockFile::verifyFile(codec, paths[i], nullptr, &header, &error);
+            faults[size_t(i)] = fault;
+            errors[size_t(i)] = error;
+            if (fault == RvoBlockFile::Sound)
+                sizes[size_t(i)] = header.size;
+            doneCount.fetch_add(1, std::memory_order_relaxed);
+            doneBytes.fetch_add(lengths.value(i), std::memory_order_relaxed);
+        }
+        struct timespec cpu;
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
+        std::lock_guard<std::mutex> guard(lock);
+        threadCpuSeconds.append(double(cpu.tv_sec) + double(cpu.tv_nsec) / 1e9);
+        if (--running == 0)
+            finished.notify_all();
+    };
+    std::vector<std::thread> threads;
+    for (int i = running; i > 0; --i)
+        threads.emplace_back(work);
+    {
+        std::unique_lock<std::mutex> guard(lock);
+        while (!finished.wait_for(guard, std::chrono::milliseconds(100),
+                                  [&] { return running == 0; })) {
+            if (progress)
+                progress(doneCount.load(std::memory_order_relaxed),
+                         doneBytes.load(std::memory_order_relaxed));
+        }
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    if (progress)
+        progress(doneCount.load(), doneBytes.load());
+
+    Result result;
+    result.threadCpuSeconds = threadCpuSeconds;
+    for (qsizetype i = 0; i < count; ++i) {
+        const RvoBlockFile::Fault fault = faults[size_t(i)];
+        // A file deleted since the walk is not a bad file.
+        if (fault == RvoBlockFile::Unreadable && !QFileInfo::exists(paths[i]))
+            continue;
+        ++result.checked;
+        result.bytes += lengths.value(i);
+        if (fault == RvoBlockFile::Sound)
+            result.uncompressedBytes += sizes[size_t(i)];
+        else
+            result.bad.append({paths[i], fault, errors[size_t(i)]});
+    }
+    return result;
+}
+
+qint64 RvoVerifier::blockSize(const QString &path, qint64 length)
+{
+    QFile file(path);
+    char header[RvoBlockFile::kHeaderSize];
+    RvoBlockFile::Header parsed;
+    if (!file.open(QIODevice::ReadOnly) || file.read(header, sizeof header) != sizeof header
+        || RvoBlockFile::parseHeader(header, sizeof header, length, &parsed) != RvoBlockFile::Sound)
+        return -1;
+    return parsed.size;
+}
+
+QString RvoVerifier::reason(const Bad &bad)
+{
+    switch (bad.fault) {
+    case RvoBlockFile::Sound:
+        break;
+    case RvoBlockFile::Short:
+        return QStringLiteral("shorter than its 12-byte header");
+    case RvoBlockFile::Lengths:
+        return QStringLiteral("its header does not agree with its length");
+    case RvoBlockFile::Payload:
+        return QStringLiteral("its payload does not decode to the header's size");
+    case RvoBlockFile::Digest:
+        return QStringLiteral("its bytes do not hash to its name");
+    case RvoBlockFile::Unreadable:
+        return bad.error;
+    }
+    return QString();
+}

@@ -1,0 +1,88 @@
+// rvoddi put ROOT FILE... [--sub-cache NAME] [--buckets N]: stores files as
+// blocks, through the library's own save path, and prints their digests.
+
+#include "RvoBlockCodec_p.h"
+#include "RvoBlockSaver_p.h"
+#include "RvoCommand.h"
+#include "RvoDataHash.h"
+#include "RvoDiskLayout_p.h"
+#include "RvoSubCacheLock_p.h"
+#include "RvoSubcommands.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <unistd.h>
+
+int putCommand(const QStringList &arguments)
+{
+    RvoCommand command(QStringLiteral("put"), QStringLiteral("ROOT FILE..."),
+                       QStringLiteral("Stores each file as a block under the cache root, where "
+                                      "a host set up with that root, sub-cache and bucket count "
+                                      "finds it, and prints its digest and name."));
+    command.parser().addPositionalArgument(QStringLiteral("ROOT"),
+                                           QStringLiteral("The cache root."));
+    command.parser().addPositionalArgument(
+            QStringLiteral("FILE"), QStringLiteral("A file to store."), QStringLiteral("FILE..."));
+    command.addSubCacheOption(QStringLiteral("Store in the sub-cache NAME (default: none)."));
+    const QCommandLineOption bucketsOption(
+            QStringLiteral("buckets"),
+            QStringLiteral("The host's bucket count (default 10, the library's)."),
+            QStringLiteral("N"), QStringLiteral("10"));
+    command.parser().addOption(bucketsOption);
+    command.setNotes(QStringLiteral("Prints one line per file: \"DIGEST  FILE\". A block that "
+                                    "is stored already is left as it is."));
+    if (const int status = command.parse(arguments, 2); status >= 0)
+        return status;
+    bool ok = false;
+    const int buckets = command.parser().value(bucketsOption).toInt(&ok);
+    if (!ok || buckets < 1)
+        return command.usageError(QStringLiteral("--buckets takes a positive number, not '%1'")
+                                          .arg(command.parser().value(bucketsOption)));
+    QStringList files = command.positional();
+    const QString root = files.takeFirst();
+    const QString subCache = command.subCache();
+
+    // Held shared while storing, as a host holds its sub-cache: a trim
+    // running meanwhile leaves this sub-cache alone.
+    RvoSubCacheLock lock;
+    lock.lockShared(subCache.isEmpty() ? root : root + QDir::separator() + subCache);
+    RvoBlockCodec codec;
+    for (const QString &path : std::as_const(files)) {
+        QFile file(path);
+        if (!file.open(QIODevice::ReadOnly)) {
+            command.pathError(QStringLiteral("cannot open"), path, file.errorString());
+            continue;
+        }
+        const QByteArray bytes = file.readAll();
+        if (file.error() != QFileDevice::NoError) {
+            command.pathError(QStringLiteral("cannot read"), path, file.errorString());
+            continue;
+        }
+        const RvoDataHash hash(bytes, RvoDataHash::Skein512);
+        QString directory, name;
+        buildFilename(&hash, root, subCache, quint32(buckets), directory, name);
+        // The saver makes the bucket directory but cannot say why that
+        // failed; made here first, a failure names the system's reason.
+        std::error_code error;
+        std::filesystem::create_directories(QFile::encodeName(directory).toStdString(), error);
+        if (error || ::access(QFile::encodeName(directory).constData(), W_OK) != 0) {
+            command.pathError(QStringLiteral("cannot write to"), QDir::cleanPath(directory),
+                              error ? QString::fromLocal8Bit(error.message().c_str())
+                                    : QString::fromLocal8Bit(std::strerror(errno)));
+            continue;
+        }
+        if (!RvoBlockSaver::save(codec, bytes, directory, name).onDisk) {
+            command.pathError(QStringLiteral("cannot store"), path,
+                              QStringLiteral("writing %1 failed")
+                                      .arg(QDir::cleanPath(directory + QDir::separator() + name)));
+            continue;
+        }
+        RvoCommand::print(QStringLiteral("%1  %2").arg(name, path));
+    }
+    return command.status();
+}
