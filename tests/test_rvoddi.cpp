@@ -273,6 +273,14 @@ TEST(rvoddi, PutAndGetRoundTripThroughTheLibrary)
     EXPECT_EQ(unreadable.err,
               QStringLiteral("rvoddi put: cannot open %1: No such file or directory\n")
                       .arg(dir.filePath(QStringLiteral("absent"))));
+    // A root that is a file: the system's reason for the store that failed.
+    const Outcome refused = rvoddi({QStringLiteral("put"), input, input});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_TRUE(
+            refused.err.startsWith(QStringLiteral("rvoddi put: cannot store %1 in %1/").arg(input)))
+            << refused.err.toStdString();
+    EXPECT_TRUE(refused.err.endsWith(QStringLiteral(": Not a directory\n")))
+            << refused.err.toStdString();
 }
 
 TEST(rvoddi, LsAndStatsDescribeSubCachesAndStrayFiles)

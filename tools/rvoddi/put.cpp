@@ -12,12 +12,6 @@
 #include <QDir>
 #include <QFile>
 
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <system_error>
-#include <unistd.h>
-
 int putCommand(const QStringList &arguments)
 {
     RvoCommand command(QStringLiteral("put"), QStringLiteral("ROOT FILE..."),
@@ -66,20 +60,13 @@ int putCommand(const QStringList &arguments)
         const RvoDataHash hash(bytes, RvoDataHash::Skein512);
         QString directory, name;
         buildFilename(&hash, root, subCache, quint32(buckets), directory, name);
-        // The saver makes the bucket directory but cannot say why that
-        // failed; made here first, a failure names the system's reason.
-        std::error_code error;
-        std::filesystem::create_directories(QFile::encodeName(directory).toStdString(), error);
-        if (error || ::access(QFile::encodeName(directory).constData(), W_OK) != 0) {
-            command.pathError(QStringLiteral("cannot write to"), QDir::cleanPath(directory),
-                              error ? QString::fromLocal8Bit(error.message().c_str())
-                                    : QString::fromLocal8Bit(std::strerror(errno)));
-            continue;
-        }
-        if (!RvoBlockSaver::save(codec, bytes, directory, name).onDisk) {
-            command.pathError(QStringLiteral("cannot store"), path,
-                              QStringLiteral("writing %1 failed")
-                                      .arg(QDir::cleanPath(directory + QDir::separator() + name)));
+        const RvoBlockSaver::Outcome outcome = RvoBlockSaver::save(codec, bytes, directory, name);
+        if (!outcome.onDisk) {
+            // Refused by the file system, with its reason; else too large.
+            command.pathError(QStringLiteral("cannot store %1 in").arg(path),
+                              QDir::cleanPath(directory + QDir::separator() + name),
+                              outcome.refused ? outcome.error
+                                              : QStringLiteral("too large for a block file"));
             continue;
         }
         RvoCommand::print(QStringLiteral("%1  %2").arg(name, path));

@@ -38,8 +38,8 @@ int trimCommand(const QStringList &arguments)
                                            QStringLiteral("ROOT..."));
     const QCommandLineOption maxSizeOption(
             QStringLiteral("max-size"),
-            QStringLiteral("Keep at most SIZE of block files in all the roots together "
-                           "(500M, 50G: powers of 1024)."),
+            QStringLiteral("Keep at most SIZE of block files in all the roots together, or in "
+                           "the sub-cache of --sub-cache (500M, 50G: powers of 1024)."),
             QStringLiteral("SIZE"));
     const QCommandLineOption olderThanOption(
             QStringLiteral("older-than"),
