@@ -74,7 +74,9 @@ void RvoDataBlockManagerWriteThread::writeBlock(RvoDataBlockManager::PreloadPrio
                          directory, fileName)) {
         job = RvoBlockSaver::instance().submit(block->m_Data, directory, fileName);
     }
-    Entry entry {int(priority), block->size(), {std::move(hash), block, deleteAfterWrite},
+    Entry entry {int(priority),
+                 block->size(),
+                 {std::move(hash), block, deleteAfterWrite},
                  std::move(job)};
     {
         std::lock_guard<std::mutex> locker(m_Lock);
@@ -303,9 +305,10 @@ void RvoDataBlockManagerWriteThread::run()
             m_Changed.notify_all();
             if (episodeBegins) {
                 rvoReport(outcome.report);
-                const QString message = QStringLiteral("Cannot save blocks under %1: %2 (%3 saves waiting)")
-                                                .arg(m_Root, outcome.error)
-                                                .arg(waiting);
+                const QString message
+                        = QStringLiteral("Cannot save blocks under %1: %2 (%3 saves waiting)")
+                                  .arg(m_Root, outcome.error)
+                                  .arg(waiting);
                 qCDebug(lcDdi, "%s", qPrintable(message));
                 RVODDI_LOG(RvoDdiLog::Information, message);
             }
