@@ -278,10 +278,15 @@ void RvoDataBlockManagerWriteThread::run()
         if (m_Closing)
             return;
         if (due == m_Queue.end()) {
+            // The deadline is set on the system clock: a wait on the steady
+            // clock (pthread_cond_clockwait) is invisible to ThreadSanitizer.
+            // A clock step only moves one wake-up; due times are checked
+            // again after it.
             if (wakeAt == Clock::time_point::max())
                 m_Changed.wait(locker);
             else
-                m_Changed.wait_until(locker, wakeAt);
+                m_Changed.wait_until(locker,
+                                     std::chrono::system_clock::now() + (wakeAt - Clock::now()));
             continue;
         }
         Entry entry = std::move(*due);
