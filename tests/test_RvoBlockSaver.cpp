@@ -1,5 +1,4 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockFile_p.h"
 #include "RvoBlockSaver_p.h"
@@ -70,8 +69,8 @@ TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderOfFinishing)
     std::thread finisher([&] {
         RvoBlockCodec codec;
         for (int i = kJobs - 1; i >= 0; --i) {
-            const RvoBlockSaver::Outcome outcome =
-                    saver.finish(jobs[size_t(i)], jobBytes(i), directory, fileName(i), codec);
+            const RvoBlockSaver::Outcome outcome
+                    = saver.finish(jobs[size_t(i)], jobBytes(i), directory, fileName(i), codec);
             EXPECT_TRUE(outcome.onDisk) << "job " << i;
             EXPECT_EQ(outcome.written + 12, QFile(directory + "/" + fileName(i)).size());
         }
@@ -101,25 +100,6 @@ TEST(RvoBlockSaver, FinishPullsAQueuedJobAheadOfTheBacklog)
         saver.cancel(job);
 }
 
-// A save the file system refuses says why and leaves nothing behind; it
-// prints nothing itself, since its caller reports an episode of refusals
-// once.
-TEST(RvoBlockSaver, RefusedSaveSaysWhyAndPrintsNothing)
-{
-    QTemporaryDir dir;
-    ASSERT_TRUE(writeFile(dir.filePath(QStringLiteral("file")), "x"));
-    RvoBlockCodec codec;
-    StdoutCapture out;
-    const RvoBlockSaver::Outcome outcome = RvoBlockSaver::instance().finish(
-            nullptr, jobBytes(1), dir.filePath(QStringLiteral("file/bucket")), fileName(1), codec);
-    EXPECT_TRUE(outcome.refused);
-    EXPECT_FALSE(outcome.onDisk);
-    EXPECT_EQ(outcome.report, QStringLiteral("Cannot Open File ") + fileName(1));
-    EXPECT_EQ(outcome.error, QStringLiteral("Not a directory"));
-    EXPECT_EQ(out.text(), QString());
-    EXPECT_EQ(filesIn(dir.path()), 1);
-}
-
 // The sub-cache changed between queueing and the save's turn: the file goes
 // where the write thread asks, whatever the worker did meanwhile.
 TEST(RvoBlockSaver, JobForAnotherDirectoryIsSavedWhereFinishAsks)
@@ -133,8 +113,8 @@ TEST(RvoBlockSaver, JobForAnotherDirectoryIsSavedWhereFinishAsks)
         const RvoBlockSaver::JobPtr job = saver.submit(jobBytes(i), before, fileName(i));
         if (i % 2 == 0) // half of them finished by a worker first
             ASSERT_TRUE(waitUntil([&] { return QFile::exists(before + "/" + fileName(i)); }));
-        const RvoBlockSaver::Outcome outcome =
-                saver.finish(job, jobBytes(i), now, fileName(i), codec);
+        const RvoBlockSaver::Outcome outcome
+                = saver.finish(job, jobBytes(i), now, fileName(i), codec);
         EXPECT_TRUE(outcome.onDisk);
         EXPECT_EQ(blockIn(now + "/" + fileName(i)), jobBytes(i)) << "job " << i;
     }
@@ -151,8 +131,7 @@ TEST(RvoBlockSaver, NoFileAppearsAfterItsJobIsCancelled)
         bytes.push_back(jobBytes(i));
     // About 16 MiB: a worker takes tens of milliseconds over it.
     const QByteArray large = jobBytes(9).repeated(256);
-    const RvoBlockSaver::JobPtr running =
-            saver.submit(large, dir.path(), QStringLiteral("large"));
+    const RvoBlockSaver::JobPtr running = saver.submit(large, dir.path(), QStringLiteral("large"));
     ASSERT_TRUE(waitUntil([&] { return saver.pendingJobs() == 0; })) << "a worker starts it";
     std::vector<RvoBlockSaver::JobPtr> jobs;
     for (int i = 0; i < 200; ++i)
@@ -167,58 +146,6 @@ TEST(RvoBlockSaver, NoFileAppearsAfterItsJobIsCancelled)
     const int written = filesIn(dir.path());
     QThread::msleep(200);
     EXPECT_EQ(filesIn(dir.path()), written);
-    // Cancelling twice and cancelling null are harmless; without a job the
-    // save happens on the caller.
-    saver.cancel(jobs.front());
+    saver.cancel(jobs.front()); // twice, and null: harmless
     saver.cancel(nullptr);
-    RvoBlockCodec codec;
-    const QString path = dir.filePath(QStringLiteral("direct"));
-    EXPECT_TRUE(saver.finish(nullptr, jobBytes(3), dir.path(), QStringLiteral("direct"), codec)
-                        .onDisk);
-    EXPECT_EQ(blockIn(path), jobBytes(3));
 }
-
-#ifdef Q_OS_LINUX
-// Saving is background work: one named worker per core, at nice 10.
-TEST(RvoBlockSaver, WorkersAreNamedAndRunAtLowerPriority)
-{
-    QTemporaryDir dir;
-    RvoBlockSaver &saver = RvoBlockSaver::instance();
-    RvoBlockCodec codec;
-    saver.finish(saver.submit(jobBytes(1), dir.path(), fileName(1)), jobBytes(1), dir.path(),
-                 fileName(1), codec);
-
-    // The workers name themselves and step back as they start: wait for all.
-    struct Worker
-    {
-        QString task;
-        int nice;
-    };
-    auto workers = [] {
-        std::vector<Worker> found;
-        const QDir tasks(QStringLiteral("/proc/self/task"));
-        for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-            if (readFile(tasks.filePath(task + QStringLiteral("/comm"))).trimmed()
-                != "rvoddi-save")
-                continue;
-            // Fields after the parenthesised name start with the state
-            // (field 3); nice is field 19.
-            const QByteArray stat = readFile(tasks.filePath(task + QStringLiteral("/stat")));
-            const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
-            found.push_back({task, fields.size() > 16 ? fields[16].toInt() : -100});
-        }
-        return found;
-    };
-    const size_t expected = size_t(qMax(1, QThread::idealThreadCount()));
-    waitUntil([&] {
-        const std::vector<Worker> found = workers();
-        return found.size() == expected
-                && std::all_of(found.begin(), found.end(),
-                               [](const Worker &w) { return w.nice == 10; });
-    });
-    const std::vector<Worker> found = workers();
-    EXPECT_EQ(found.size(), expected);
-    for (const Worker &worker : found)
-        EXPECT_EQ(worker.nice, 10) << "thread " << worker.task.toStdString();
-}
-#endif

@@ -12,6 +12,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -79,8 +80,8 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     QVector<QByteArray> contents;
     auto add = [&](int i) {
         const QByteArray content = noise(i, kBlock);
-        const RvoDataReference ref =
-                manager.addBlock(content, RvoModifyAccessor::CacheContent, true);
+        const RvoDataReference ref
+                = manager.addBlock(content, RvoModifyAccessor::CacheContent, true);
         QMutexLocker locker(&lock);
         refs.append(ref);
         contents.append(content);
@@ -98,8 +99,7 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     QFile filler(root + QStringLiteral("/filler"));
     ASSERT_TRUE(filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
     const QByteArray page(4096, 'f');
-    while (filler.write(page) == page.size()) {
-    }
+    while (filler.write(page) == page.size()) { }
     filler.close();
 
     constexpr int kProduced = 40;
@@ -142,12 +142,14 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     for (const QByteArray &content : contents) {
         const QString name = RvoBlockFile::digestText(content.constData(), content.size());
         EXPECT_FALSE(manager.getBlockDestination(QString(), name).isEmpty());
-        EXPECT_TRUE(QFile::exists(manager.getBlockDestination(QString(), name))) << qPrintable(name);
+        EXPECT_TRUE(QFile::exists(manager.getBlockDestination(QString(), name)))
+                << qPrintable(name);
     }
     int files = 0;
     for (QDirIterator it(root, QDir::Files, QDirIterator::Subdirectories); it.hasNext();) {
         const QString path = it.next();
-        if (it.fileName().count(QLatin1Char('-')) != 15 || it.fileName().startsWith(QLatin1String("write-")))
+        if (it.fileName().count(QLatin1Char('-')) != 15
+            || it.fileName().startsWith(QLatin1String("write-")))
             continue;
         ++files;
         EXPECT_EQ(RvoBlockFile::verifyFile(codec, path), RvoBlockFile::Sound) << qPrintable(path);
@@ -156,8 +158,12 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     manager.cleanUp();
 
     const QStringList lines = debug.messages();
-    EXPECT_EQ(linesStarting(lines, QStringLiteral("Cannot save blocks under %1: No space left on device (").arg(root)), 1);
+    EXPECT_EQ(linesStarting(lines,
+                            QStringLiteral("Cannot save blocks under %1: No space left on device (")
+                                    .arg(root)),
+              1);
     EXPECT_EQ(lines.count(QStringLiteral("Saving blocks under %1 again").arg(root)), 1);
     const QStringList printed = out.lines();
-    EXPECT_EQ(printed.filter(QStringLiteral("Cannot ")).size(), 1) << qPrintable(printed.join(QLatin1Char('\n')));
+    EXPECT_EQ(printed.filter(QStringLiteral("Cannot ")).size(), 1)
+            << qPrintable(printed.join(QLatin1Char('\n')));
 }

@@ -108,8 +108,8 @@ private:
     // Writes the block file of a payload (length -1: the block could not be
     // compressed), creating its bucket directory. Reports a block that can
     // never be written; a refused save is left to the caller.
-    static Outcome write(qint64 size, const char *payload, qint64 length,
-                         const QString &directory, const QString &fileName);
+    static Outcome write(qint64 size, const char *payload, qint64 length, const QString &directory,
+                         const QString &fileName);
     // Writes header and payload to a temporary file and renames it to
     // directory/fileName. A refused outcome, with nothing left behind, when
     // that fails.

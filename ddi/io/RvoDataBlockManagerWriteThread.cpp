@@ -75,7 +75,9 @@ void RvoDataBlockManagerWriteThread::writeBlock(RvoDataBlockManager::PreloadPrio
                          directory, fileName)) {
         job = RvoBlockSaver::instance().submit(block->m_Data, directory, fileName);
     }
-    Entry entry {int(priority), block->size(), {std::move(hash), block, deleteAfterWrite},
+    Entry entry {int(priority),
+                 block->size(),
+                 {std::move(hash), block, deleteAfterWrite},
                  std::move(job)};
     {
         std::lock_guard<std::mutex> locker(m_Lock);
@@ -277,10 +279,15 @@ void RvoDataBlockManagerWriteThread::run()
         if (m_Closing)
             return;
         if (due == m_Queue.end()) {
+            // The deadline is set on the system clock: a wait on the steady
+            // clock (pthread_cond_clockwait) is invisible to ThreadSanitizer.
+            // A clock step only moves one wake-up; due times are checked
+            // again after it.
             if (wakeAt == Clock::time_point::max())
                 m_Changed.wait(locker);
             else
-                m_Changed.wait_until(locker, wakeAt);
+                m_Changed.wait_until(locker,
+                                     std::chrono::system_clock::now() + (wakeAt - Clock::now()));
             continue;
         }
         Entry entry = std::move(*due);
@@ -304,9 +311,10 @@ void RvoDataBlockManagerWriteThread::run()
             m_Changed.notify_all();
             if (episodeBegins) {
                 rvoReport(outcome.report);
-                const QString message = QStringLiteral("Cannot save blocks under %1: %2 (%3 saves waiting)")
-                                                .arg(m_Root, outcome.error)
-                                                .arg(waiting);
+                const QString message
+                        = QStringLiteral("Cannot save blocks under %1: %2 (%3 saves waiting)")
+                                  .arg(m_Root, outcome.error)
+                                  .arg(waiting);
                 qCDebug(lcDdi, "%s", qPrintable(message));
                 RVODDI_LOG(RvoDdiLog::Information, message);
             }

@@ -195,12 +195,16 @@ public:
     void preloadData(const RvoDataReference &ref, PreloadPriority priority);
     // Back-pressure for producers: sleeps the caller a second at a time
     // while the bytes queued for writing are at or above a quarter of the
-    // budget. Returns at once when nothing is queued.
+    // budget. Returns at once when nothing is queued. Saves the disk refuses
+    // stay queued and count, so producers are held while a disk is full.
     void processIO();
     bool isWriteThreadsFull();
     // Asks the chosen thread families to finish their queues; with writeAll,
     // also queues every in-memory block that has no disk copy yet, so that
-    // after flush(true, AllThreads) every block is on disk.
+    // after flush(true, AllThreads) every block is on disk. A save the disk
+    // refuses (full, failing, not writable) does not hold a flush forever:
+    // the write threads return once every pending save has been tried at
+    // least once since the call began, and the refused ones stay queued.
     void flush(bool writeAll, ThreadType threads);
 
     // The full path of the block file of the digest named by `hashText`

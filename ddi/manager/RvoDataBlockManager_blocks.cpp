@@ -91,8 +91,8 @@ RvoDataBlock *RvoDataBlockManager::getDataBlock(RvoDataHash *hash)
     if (index < 0 || index >= m_ReadThreads.size())
         return nullptr;
     RvoDataBlockManagerReadThread *reader = m_ReadThreads.at(index);
-    RvoDataBlockManagerWriteThread *writer =
-            index < m_WriteThreads.size() ? m_WriteThreads.at(index) : nullptr;
+    RvoDataBlockManagerWriteThread *writer
+            = index < m_WriteThreads.size() ? m_WriteThreads.at(index) : nullptr;
 
     // The disk is read without the delete lock, so that other threads, and
     // the write thread this read may wait for, carry on meanwhile.
