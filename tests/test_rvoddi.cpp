@@ -126,7 +126,7 @@ Outcome expectRun(const QStringList &arguments, int status, const QString &out,
 
 } // namespace
 
-TEST(rvoddi, VerifyListsEachBadFileWithItsReasonAndDeleteRemovesThem)
+TEST(rvoddi, VerifyDrawsProgressOnATerminalListsEachBadFileAndDeletesThem)
 {
     QTemporaryDir dir;
     const QString root = dir.path();
@@ -134,8 +134,37 @@ TEST(rvoddi, VerifyListsEachBadFileWithItsReasonAndDeleteRemovesThem)
     RvoDataBlockManager::instance().cleanUp();
     ASSERT_EQ(paths.size(), 6);
     std::sort(paths.begin(), paths.end());
-    // No progress line when standard error is not a terminal.
+    // A progress line is drawn only when standard error is a terminal.
     expectRun({"verify", root}, 0, "6 block files checked**");
+    int terminal = -1;
+    const QByteArray encodedRoot = QFile::encodeName(root);
+    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // Only the progress line goes to the terminal.
+        dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+        execl(RVODDI_TOOL, "rvoddi", "verify", encodedRoot.constData(),
+              static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    // Reads until the program ends and closes the terminal, waiting at most a
+    // minute for each part.
+    QByteArray seen;
+    char buffer[4096];
+    pollfd ready {terminal, POLLIN, 0};
+    for (ssize_t n = 1; n > 0 && poll(&ready, 1, 60000) > 0;) {
+        n = read(terminal, buffer, sizeof buffer);
+        seen.append(buffer, int(std::max<ssize_t>(n, 0)));
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    close(terminal);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    // The terminal turns "\n" into "\r\n".
+    EXPECT_TRUE(QString::fromLocal8Bit(seen).contains(
+            QRegularExpression(QStringLiteral("Verifying block files: 100% \\(6/6\\), [0-9.]+ KiB"
+                                              "( \\| [0-9.]+ [KMG]?i?B/s)?, done\\.\\s*\\r\\n"))))
+            << seen.constData();
 
     // One file per fault: cut short by a byte, a payload byte changed,
     // another block's file under this name, and a file shorter than a header.
@@ -302,40 +331,4 @@ TEST(rvoddi, LsAndStatsDescribeSubCachesAndStrayFiles)
     EXPECT_EQ(totals["otherFiles"][0]["path"].toString(), stray);
     expectRun({"stats", root, "--sub-cache", "idle"}, 0, "block files      3 in 1 sub-cache\n**");
     RvoDataBlockManager::instance().cleanUp();
-}
-
-TEST(rvoddi, ProgressLineIsDrawnOnATerminal)
-{
-    QTemporaryDir dir;
-    storeBlocks(dir.path(), {"s"}, 3);
-    RvoDataBlockManager::instance().cleanUp();
-
-    int terminal = -1;
-    const QByteArray root = QFile::encodeName(dir.path());
-    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        // Only the progress line goes to the terminal.
-        dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
-        execl(RVODDI_TOOL, "rvoddi", "verify", root.constData(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    // Reads until the program ends and closes the terminal, waiting at most a
-    // minute for each part.
-    QByteArray seen;
-    char buffer[4096];
-    pollfd ready {terminal, POLLIN, 0};
-    for (ssize_t n = 1; n > 0 && poll(&ready, 1, 60000) > 0;) {
-        n = read(terminal, buffer, sizeof buffer);
-        seen.append(buffer, int(std::max<ssize_t>(n, 0)));
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    close(terminal);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    // The terminal turns "\n" into "\r\n".
-    EXPECT_TRUE(QString::fromLocal8Bit(seen).contains(
-            QRegularExpression(QStringLiteral("Verifying block files: 100% \\(3/3\\), [0-9.]+ KiB"
-                                              "( \\| [0-9.]+ [KMG]?i?B/s)?, done\\.\\s*\\r\\n"))))
-            << seen.constData();
 }
