@@ -4,22 +4,21 @@
 #include "RvoDataBlockManager.h"
 #include "RvoDataHash.h"
 #include "RvoDataReference.h"
-#include "RvoDiskLayout_p.h"
 #include "RvoHashManager.h"
-#include "RvoSubCacheLock_p.h"
 
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QJsonValue>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <algorithm>
 #include <ctime>
 #include <fcntl.h>
 #include <poll.h>
@@ -35,25 +34,10 @@ struct Outcome
     int status = -1;
     QString out;
     QString err;
+    std::string text() const { return (out + err).toStdString(); }
+    // The standard output as JSON, to index with [] by key or position.
+    QJsonValue json() const { return QJsonDocument::fromJson(out.toUtf8()).object(); }
 };
-
-Outcome rvoddi(const QStringList &arguments)
-{
-    QProcess process;
-    process.start(QStringLiteral(RVODDI_TOOL), arguments);
-    Outcome run;
-    if (!process.waitForFinished(120000) || process.exitStatus() != QProcess::NormalExit)
-        return run;
-    run.status = process.exitCode();
-    run.out = QString::fromLocal8Bit(process.readAllStandardOutput());
-    run.err = QString::fromLocal8Bit(process.readAllStandardError());
-    return run;
-}
-
-QJsonObject json(const Outcome &run)
-{
-    return QJsonDocument::fromJson(run.out.toUtf8()).object();
-}
 
 // Compressible, and different for every seed.
 QByteArray content(int seed, int size = 100000)
@@ -65,14 +49,18 @@ QByteArray content(int seed, int size = 100000)
     return bytes;
 }
 
+QString digestOf(const QByteArray &bytes)
+{
+    return RvoDataHash(bytes, RvoDataHash::Skein512).toString();
+}
+
 // Stores blocks through the block manager, one sub-cache after another, and
 // returns the paths of their block files. The manager stays set up, with the
 // last sub-cache current (held), until cleanUp().
 QStringList storeBlocks(const QString &root, const QStringList &subCaches, int perSubCache)
 {
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    if (manager.cacheRoots().isEmpty())
-        manager.setup({root}, qint64(256) << 20, 10);
+    manager.setup({root}, qint64(256) << 20, 10);
     QStringList paths;
     int seed = 0;
     for (const QString &subCache : subCaches) {
@@ -90,10 +78,7 @@ QStringList storeBlocks(const QString &root, const QStringList &subCaches, int p
 
 bool setAge(const QString &path, qint64 seconds)
 {
-    struct timespec times[2];
-    clock_gettime(CLOCK_REALTIME, &times[0]);
-    times[0].tv_sec -= seconds;
-    times[1] = times[0];
+    const struct timespec time = {std::time(nullptr) - seconds, 0}, times[2] = {time, time};
     return utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, 0) == 0;
 }
 
@@ -109,21 +94,77 @@ bool writeFile(const QString &path, const QByteArray &bytes)
     return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
+// Whether text is matched by pattern, in which "*" stands for any run of
+// characters within one line and "**" for any run at all.
+bool matches(const QString &text, const QString &pattern)
+{
+    QStringList anyRun = pattern.split(QStringLiteral("**"));
+    for (QString &part : anyRun) {
+        QStringList inLine = part.split('*');
+        for (QString &piece : inLine)
+            piece = QRegularExpression::escape(piece);
+        part = inLine.join("[^\\n]*");
+    }
+    return QRegularExpression("\\A" + anyRun.join("[\\s\\S]*") + "\\z").match(text).hasMatch();
+}
+
+// Runs rvoddi and checks its exit status and both its outputs.
+Outcome expectRun(const QStringList &arguments, int status, const QString &out,
+                  const QString &err = QString())
+{
+    QProcess process;
+    process.start(QStringLiteral(RVODDI_TOOL), arguments);
+    Outcome run;
+    if (process.waitForFinished(120000) && process.exitStatus() == QProcess::NormalExit)
+        run = {process.exitCode(), QString::fromLocal8Bit(process.readAllStandardOutput()),
+               QString::fromLocal8Bit(process.readAllStandardError())};
+    EXPECT_TRUE(run.status == status && matches(run.out, out) && matches(run.err, err))
+            << "rvoddi " << arguments.join(' ').toStdString() << ": exit " << run.status << "\n"
+            << run.text();
+    return run;
+}
+
 } // namespace
 
-TEST(rvoddi, VerifyListsEachBadFileWithItsReasonAndDeleteRemovesThem)
+TEST(rvoddi, VerifyDrawsProgressOnATerminalListsEachBadFileAndDeletesThem)
 {
     QTemporaryDir dir;
     const QString root = dir.path();
-    QStringList paths = storeBlocks(root, {QStringLiteral("a")}, 6);
+    QStringList paths = storeBlocks(root, {"a"}, 6);
     RvoDataBlockManager::instance().cleanUp();
     ASSERT_EQ(paths.size(), 6);
     std::sort(paths.begin(), paths.end());
-    const Outcome sound = rvoddi({QStringLiteral("verify"), root});
-    EXPECT_EQ(sound.status, 0) << sound.err.toStdString();
-    EXPECT_EQ(sound.err, QString()) << "no progress line when standard error is not a terminal";
-    EXPECT_TRUE(sound.out.startsWith(QStringLiteral("6 block files checked")))
-            << sound.out.toStdString();
+    // A progress line is drawn only when standard error is a terminal.
+    expectRun({"verify", root}, 0, "6 block files checked**");
+    int terminal = -1;
+    const QByteArray encodedRoot = QFile::encodeName(root);
+    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // Only the progress line goes to the terminal.
+        dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+        execl(RVODDI_TOOL, "rvoddi", "verify", encodedRoot.constData(),
+              static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    // Reads until the program ends and closes the terminal, waiting at most a
+    // minute for each part.
+    QByteArray seen;
+    char buffer[4096];
+    pollfd ready {terminal, POLLIN, 0};
+    for (ssize_t n = 1; n > 0 && poll(&ready, 1, 60000) > 0;) {
+        n = read(terminal, buffer, sizeof buffer);
+        seen.append(buffer, int(std::max<ssize_t>(n, 0)));
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    close(terminal);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    // The terminal turns "\n" into "\r\n".
+    EXPECT_TRUE(QString::fromLocal8Bit(seen).contains(
+            QRegularExpression(QStringLiteral("Verifying block files: 100% \\(6/6\\), [0-9.]+ KiB"
+                                              "( \\| [0-9.]+ [KMG]?i?B/s)?, done\\.\\s*\\r\\n"))))
+            << seen.constData();
 
     // One file per fault: cut short by a byte, a payload byte changed,
     // another block's file under this name, and a file shorter than a header.
@@ -133,37 +174,25 @@ TEST(rvoddi, VerifyListsEachBadFileWithItsReasonAndDeleteRemovesThem)
     bytes[bytes.size() / 2] = char(bytes[bytes.size() / 2] ^ 0x5a);
     ASSERT_TRUE(writeFile(paths[1], bytes));
     ASSERT_TRUE(writeFile(paths[2], readFile(paths[3])));
-    ASSERT_TRUE(writeFile(paths[4], QByteArray("12345")));
+    ASSERT_TRUE(writeFile(paths[4], "12345"));
+    expectRun({"verify", "--jobs", "2", root}, 1,
+              paths[0] + ": lengths: its header does not agree with its length\n" + paths[1]
+                      + ": payload: its payload does not decode to the header's size\n" + paths[2]
+                      + ": digest: its bytes do not hash to its name\n" + paths[4]
+                      + ": short: shorter than its 12-byte header\n**: 4 bad\n");
 
-    const QString expected = paths[0]
-            + QStringLiteral(": lengths: its header does not agree with its length\n") + paths[1]
-            + QStringLiteral(": payload: its payload does not decode to the header's size\n")
-            + paths[2] + QStringLiteral(": digest: its bytes do not hash to its name\n") + paths[4]
-            + QStringLiteral(": short: shorter than its 12-byte header\n");
-    const Outcome bad = rvoddi(
-            {QStringLiteral("verify"), QStringLiteral("--jobs"), QStringLiteral("2"), root});
-    EXPECT_EQ(bad.status, 1);
-    EXPECT_TRUE(bad.out.startsWith(expected)) << bad.out.toStdString();
-    EXPECT_TRUE(bad.out.endsWith(QStringLiteral(": 4 bad\n"))) << bad.out.toStdString();
+    const QJsonValue report = expectRun({"verify", "--json", root}, 1, "{**").json();
+    EXPECT_EQ(report["checked"].toInt(), 6);
+    ASSERT_EQ(report["bad"].toArray().size(), 4);
+    EXPECT_EQ(report["bad"][1]["path"].toString(), paths[1]);
+    EXPECT_EQ(report["bad"][1]["fault"].toString(), QStringLiteral("payload"));
+    EXPECT_FALSE(report["bad"][1]["deleted"].toBool());
 
-    const Outcome report = rvoddi({QStringLiteral("verify"), QStringLiteral("--json"), root});
-    EXPECT_EQ(report.status, 1);
-    const QJsonObject document = json(report);
-    EXPECT_EQ(document.value(QStringLiteral("checked")).toInt(), 6);
-    const QJsonArray list = document.value(QStringLiteral("bad")).toArray();
-    ASSERT_EQ(list.size(), 4);
-    EXPECT_EQ(list[1].toObject().value(QStringLiteral("path")).toString(), paths[1]);
-    EXPECT_EQ(list[1].toObject().value(QStringLiteral("fault")).toString(),
-              QStringLiteral("payload"));
-    EXPECT_FALSE(list[1].toObject().value(QStringLiteral("deleted")).toBool());
-
-    const Outcome deleted = rvoddi({QStringLiteral("verify"), QStringLiteral("--delete"), root});
-    EXPECT_EQ(deleted.status, 1) << "bad files were found";
-    EXPECT_TRUE(deleted.out.contains(
-            paths[4] + QStringLiteral(": short: shorter than its 12-byte header (deleted)\n")));
+    expectRun({"verify", "--delete", root}, 1,
+              "**" + paths[4] + ": short: shorter than its 12-byte header (deleted)\n**");
     for (int i = 0; i < paths.size(); ++i)
         EXPECT_EQ(QFile::exists(paths[i]), i == 3 || i == 5) << i;
-    EXPECT_EQ(rvoddi({QStringLiteral("verify"), root}).status, 0);
+    expectRun({"verify", root}, 0, "**");
 }
 
 TEST(rvoddi, TrimDeletesTheLeastRecentlyUsedAndSkipsHeldSubCaches)
@@ -171,70 +200,55 @@ TEST(rvoddi, TrimDeletesTheLeastRecentlyUsedAndSkipsHeldSubCaches)
     QTemporaryDir dir;
     const QString root = dir.path();
     // "old" and "new" are left alone; "live" stays current in this process.
-    const QStringList paths = storeBlocks(
-            root, {QStringLiteral("old"), QStringLiteral("new"), QStringLiteral("live")}, 4);
+    const QStringList paths = storeBlocks(root, {"old", "new", "live"}, 4);
     ASSERT_EQ(paths.size(), 12);
     for (int i = 0; i < paths.size(); ++i)
         ASSERT_TRUE(setAge(paths[i], 86400 * (20 - i))); // the first file is the oldest
-    const QString bucket = QFileInfo(paths[0]).path();
-    const QString staleTemporary = bucket + QStringLiteral("/write-1-2-3.tmp");
-    const QString freshTemporary = bucket + QStringLiteral("/write-4-5-6.tmp");
-    ASSERT_TRUE(writeFile(staleTemporary, "x") && setAge(staleTemporary, 7200));
-    ASSERT_TRUE(writeFile(freshTemporary, "x"));
+    const QString temporary = QFileInfo(paths[0]).path() + "/write-%1.tmp";
+    ASSERT_TRUE(writeFile(temporary.arg("1-2-3"), "x") && setAge(temporary.arg("1-2-3"), 7200)
+                && writeFile(temporary.arg("4-5-6"), "x"));
+    const auto expectLeft = [&](int oldestLeft) {
+        for (int i = 0; i < paths.size(); ++i)
+            EXPECT_EQ(QFile::exists(paths[i]), i >= oldestLeft) << i;
+    };
 
     // Room for all but the 6 oldest files (4 in "old", 2 in "new").
     qint64 limit = 0;
     for (int i = 6; i < paths.size(); ++i)
         limit += QFileInfo(paths[i]).size();
-    const Outcome bySize = rvoddi(
-            {QStringLiteral("trim"), root, QStringLiteral("--max-size"), QString::number(limit)});
-    EXPECT_EQ(bySize.status, 0) << bySize.err.toStdString();
-    EXPECT_TRUE(
-            bySize.out.startsWith(QStringLiteral("skipped %1/live: held by a process\n").arg(root)))
-            << bySize.out.toStdString();
-    EXPECT_TRUE(bySize.out.contains(QStringLiteral("deleted 6 block files")))
-            << bySize.out.toStdString();
-    for (int i = 0; i < paths.size(); ++i)
-        EXPECT_EQ(QFile::exists(paths[i]), i >= 6) << i;
-    EXPECT_FALSE(QFile::exists(staleTemporary));
-    EXPECT_TRUE(QFile::exists(freshTemporary));
+    const QString skipped = "skipped " + root + "/live: held by a process\n";
+    expectRun({"trim", root, "--max-size", QString::number(limit)}, 0,
+              skipped + "deleted 6 block files (*) and 1 temporary files**");
+    expectLeft(6);
+    EXPECT_TRUE(!QFile::exists(temporary.arg("1-2-3")) && QFile::exists(temporary.arg("4-5-6")));
 
     // By age: of "new", 6 is 14 days old and 7 is 13; "live" is held.
-    const Outcome byAge = rvoddi({QStringLiteral("trim"), root, QStringLiteral("--older-than"),
-                                  QStringLiteral("330h"), QStringLiteral("-q")});
-    EXPECT_EQ(byAge.status, 0);
-    for (int i = 6; i < paths.size(); ++i)
-        EXPECT_EQ(QFile::exists(paths[i]), i >= 7) << i;
+    expectRun({"trim", root, "--older-than", "330h", "-q"}, 0,
+              skipped + "deleted 1 block files **");
+    expectLeft(7);
 
     // --force reaches the held sub-cache too.
-    const Outcome forced = rvoddi({QStringLiteral("trim"), root, QStringLiteral("--max-size"),
-                                   QStringLiteral("0"), QStringLiteral("--force")});
-    EXPECT_EQ(forced.status, 0);
-    EXPECT_FALSE(forced.out.contains(QStringLiteral("skipped")));
-    for (const QString &path : paths)
-        EXPECT_FALSE(QFile::exists(path));
+    EXPECT_FALSE(expectRun({"trim", root, "--max-size", "0", "--force"}, 0, "**")
+                         .out.contains("skipped"));
+    expectLeft(paths.size());
     RvoDataBlockManager::instance().cleanUp();
 }
 
-TEST(rvoddi, PutAndGetRoundTripThroughTheLibrary)
+TEST(rvoddi, PutAndGetRoundTripThroughTheLibraryAndEachFailureSaysWhy)
 {
     QTemporaryDir dir;
-    const QString root = dir.filePath(QStringLiteral("cache"));
-    const QString input = dir.filePath(QStringLiteral("tile.bin"));
+    const QString root = dir.filePath("cache");
+    const QString input = dir.filePath("tile.bin");
     const QByteArray bytes = content(7, 300000);
     ASSERT_TRUE(writeFile(input, bytes));
-    const QString digest = RvoDataHash(bytes, RvoDataHash::Skein512).toString();
-
-    const Outcome put = rvoddi({QStringLiteral("put"), root, input, QStringLiteral("--sub-cache"),
-                                QStringLiteral("s")});
-    EXPECT_EQ(put.status, 0) << put.err.toStdString();
-    EXPECT_EQ(put.out, digest + QStringLiteral("  ") + input + QLatin1Char('\n'));
-    EXPECT_EQ(rvoddi({QStringLiteral("digest"), input}).out, put.out);
+    const QString digest = digestOf(bytes);
+    expectRun({"put", root, input, "--sub-cache", "s"}, 0, digest + "  " + input + "\n");
+    expectRun({"digest", input}, 0, digest + "  " + input + "\n");
 
     // The library finds the block where a host set up the same way looks.
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     manager.setup({root}, qint64(256) << 20, 10);
-    manager.setSubCache(QStringLiteral("s"));
+    manager.setSubCache("s");
     {
         const RvoDataReference reference(RvoHashManager::instance().getHash(digest));
         const RvoConstAccessor read = reference.constAccessor();
@@ -243,195 +257,78 @@ TEST(rvoddi, PutAndGetRoundTripThroughTheLibrary)
     }
     // And the other way: a block the library stored comes out byte-exact.
     const QByteArray stored = content(8);
-    const QString storedDigest = RvoDataHash(stored, RvoDataHash::Skein512).toString();
     {
-        const RvoDataReference reference
+        const RvoDataReference kept
                 = manager.addBlock(stored, RvoModifyAccessor::CacheContent, true);
         manager.flush(true, RvoDataBlockManager::AllThreads);
     }
     manager.cleanUp();
-    const QString output = dir.filePath(QStringLiteral("out.bin"));
-    const Outcome get
-            = rvoddi({QStringLiteral("get"), root, storedDigest, QStringLiteral("-o"), output});
-    EXPECT_EQ(get.status, 0) << get.err.toStdString();
+    const QString output = dir.filePath("out.bin");
+    expectRun({"get", root, digestOf(stored), "-o", output}, 0, "");
     EXPECT_EQ(readFile(output), stored);
-    EXPECT_EQ(rvoddi({QStringLiteral("get"), root, digest}).out.toLatin1(), bytes);
+    EXPECT_EQ(expectRun({"get", root, digest}, 0, "**").out.toLatin1(), bytes);
 
-    const Outcome missing = rvoddi({QStringLiteral("get"), root,
-                                    RvoDataHash(content(9), RvoDataHash::Skein512).toString()});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_TRUE(missing.err.startsWith(QStringLiteral("rvoddi get: no block ")))
-            << missing.err.toStdString();
-    const Outcome unwritable = rvoddi({QStringLiteral("get"), root, digest, QStringLiteral("-o"),
-                                       dir.filePath(QStringLiteral("no/such/dir/f"))});
-    EXPECT_EQ(unwritable.status, 1);
-    EXPECT_TRUE(unwritable.err.contains(dir.filePath(QStringLiteral("no/such/dir/f"))))
-            << unwritable.err.toStdString();
-    const Outcome unreadable
-            = rvoddi({QStringLiteral("put"), root, dir.filePath(QStringLiteral("absent"))});
-    EXPECT_EQ(unreadable.status, 1);
-    EXPECT_EQ(unreadable.err,
-              QStringLiteral("rvoddi put: cannot open %1: No such file or directory\n")
-                      .arg(dir.filePath(QStringLiteral("absent"))));
-    // A root that is a file: the system's reason for the store that failed.
-    const Outcome refused = rvoddi({QStringLiteral("put"), input, input});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_TRUE(
-            refused.err.startsWith(QStringLiteral("rvoddi put: cannot store %1 in %1/").arg(input)))
-            << refused.err.toStdString();
-    EXPECT_TRUE(refused.err.endsWith(QStringLiteral(": Not a directory\n")))
-            << refused.err.toStdString();
+    // Usage errors exit with 2, failures with 1 and the system's reason for
+    // the path that failed (a root that is a file, too).
+    const QString absentBlock = digestOf(content(9));
+    const QString noDir = dir.filePath("no/such/dir/f");
+    const QString absent = dir.filePath("absent");
+    for (const char *usage :
+         {"", "frobnicate", "ls", "ls --bogus ROOT", "trim ROOT", "trim ROOT --max-size 12X",
+          "trim ROOT --older-than 3", "verify ROOT --jobs 0", "get ROOT 1-2-3"}) {
+        QStringList arguments = QString::fromLatin1(usage).split(' ', Qt::SkipEmptyParts);
+        const Outcome run = expectRun(arguments.replaceInStrings("ROOT", root), 2, "", "**");
+        EXPECT_FALSE(run.err.isEmpty());
+    }
+    expectRun({"help", "verify"}, 0, "Usage: rvoddi verify [options] ROOT...\n**--jobs <N>**");
+    expectRun({"get", root, absentBlock}, 1, "",
+              "rvoddi get: no block " + absentBlock + " under " + root + "\n");
+    expectRun({"get", root, digest, "-o", noDir}, 1, "",
+              "rvoddi get: cannot write " + noDir + ": *\n");
+    expectRun({"put", root, absent}, 1, "",
+              "rvoddi put: cannot open " + absent + ": No such file or directory\n");
+    expectRun({"put", input, input}, 1, "",
+              "rvoddi put: cannot store " + input + " in " + input + "/*: Not a directory\n");
+    expectRun({"verify", absent}, 1, "**",
+              "rvoddi verify: cannot read " + absent + ": No such file or directory\n");
 }
 
 TEST(rvoddi, LsAndStatsDescribeSubCachesAndStrayFiles)
 {
     QTemporaryDir dir;
     const QString root = dir.path();
-    const QStringList paths
-            = storeBlocks(root, {QStringLiteral("idle"), QStringLiteral("busy")}, 3);
+    const QStringList paths = storeBlocks(root, {"idle", "busy"}, 3);
     ASSERT_EQ(paths.size(), 6);
-    const QString stray = QFileInfo(paths[0]).path() + QStringLiteral("/notes.txt");
+    const QString stray = QFileInfo(paths[0]).path() + "/notes.txt";
     ASSERT_TRUE(writeFile(stray, "x"));
     qint64 idleBytes = 0;
     for (int i = 0; i < 3; ++i)
         idleBytes += QFileInfo(paths[i]).size();
 
-    const Outcome ls = rvoddi({QStringLiteral("ls"), QStringLiteral("--json"), root});
-    EXPECT_EQ(ls.status, 0) << ls.err.toStdString();
     // The unnamed sub-cache, current before the first setSubCache(), is
-    // listed too, without files.
-    const QJsonArray subCaches = json(ls).value(QStringLiteral("roots"))
-                                         .toArray()
-                                         .at(0)
-                                         .toObject()
-                                         .value(QStringLiteral("subCaches"))
-                                         .toArray();
-    ASSERT_EQ(subCaches.size(), 3);
-    EXPECT_EQ(subCaches[0].toObject().value(QStringLiteral("blockFiles")).toInt(), 0);
-    const QJsonObject busy = subCaches[1].toObject();
-    const QJsonObject idle = subCaches[2].toObject();
-    EXPECT_EQ(busy.value(QStringLiteral("name")).toString(), QStringLiteral("busy"));
-    EXPECT_TRUE(busy.value(QStringLiteral("held")).toBool()) << "current in this process";
-    EXPECT_FALSE(idle.value(QStringLiteral("held")).toBool());
-    EXPECT_EQ(idle.value(QStringLiteral("blockFiles")).toInt(), 3);
-    EXPECT_EQ(qint64(idle.value(QStringLiteral("bytes")).toDouble()), idleBytes);
-    EXPECT_EQ(idle.value(QStringLiteral("uncompressedBytes")).toInt(), 300000);
-
-    const Outcome text = rvoddi({QStringLiteral("ls"), root});
-    const QStringList lines = text.out.split(QLatin1Char('\n'));
-    ASSERT_GE(lines.size(), 5) << text.out.toStdString();
-    EXPECT_EQ(lines[0], root + QLatin1Char(':'));
-    EXPECT_TRUE(lines[3].startsWith(QStringLiteral("  busy "))) << lines[3].toStdString();
-    EXPECT_TRUE(lines[3].endsWith(QStringLiteral(" yes")));
-    EXPECT_TRUE(lines[4].contains(QStringLiteral(" 293.0 KiB "))
-                && lines[4].endsWith(QStringLiteral(" no")))
-            << lines[4].toStdString();
+    // listed too, without files; "busy" is current in this process.
+    const QJsonValue subCaches
+            = expectRun({"ls", "--json", root}, 0, "{**").json()["roots"][0]["subCaches"];
+    ASSERT_EQ(subCaches.toArray().size(), 3);
+    EXPECT_EQ(subCaches[0]["blockFiles"].toInt(), 0);
+    EXPECT_EQ(subCaches[1]["name"].toString(), QStringLiteral("busy"));
+    EXPECT_TRUE(subCaches[1]["held"].toBool());
+    const QJsonValue idle = subCaches[2];
+    EXPECT_FALSE(idle["held"].toBool());
+    EXPECT_EQ(idle["blockFiles"].toInt(), 3);
+    EXPECT_EQ(qint64(idle["bytes"].toDouble()), idleBytes);
+    EXPECT_EQ(idle["uncompressedBytes"].toInt(), 300000);
+    expectRun({"ls", root}, 0, root + ":\n*\n*\n  busy * yes\n* 293.0 KiB * no\n**");
 
     // A header that lies about its length is counted, not summed.
     QFile::resize(paths[5], QFileInfo(paths[5]).size() + 1);
-    const Outcome stats = rvoddi({QStringLiteral("stats"), QStringLiteral("--json"), root});
-    EXPECT_EQ(stats.status, 0);
-    const QJsonObject totals = json(stats);
-    EXPECT_EQ(totals.value(QStringLiteral("blockFiles")).toInt(), 6);
-    EXPECT_EQ(totals.value(QStringLiteral("badHeaders")).toInt(), 1);
-    EXPECT_EQ(totals.value(QStringLiteral("uncompressedBytes")).toInt(), 500000);
-    EXPECT_EQ(totals.value(QStringLiteral("blockSizes"))
-                      .toArray()
-                      .at(2)
-                      .toObject()
-                      .value(QStringLiteral("files"))
-                      .toInt(),
-              5)
-            << "100,000 bytes: below 256 KiB";
-    EXPECT_EQ(totals.value(QStringLiteral("lastUse"))
-                      .toArray()
-                      .at(0)
-                      .toObject()
-                      .value(QStringLiteral("files"))
-                      .toInt(),
-              6);
-    EXPECT_EQ(totals.value(QStringLiteral("otherFiles"))
-                      .toArray()
-                      .at(0)
-                      .toObject()
-                      .value(QStringLiteral("path"))
-                      .toString(),
-              stray);
-    const Outcome one = rvoddi(
-            {QStringLiteral("stats"), root, QStringLiteral("--sub-cache"), QStringLiteral("idle")});
-    EXPECT_TRUE(one.out.startsWith(QStringLiteral("block files      3 in 1 sub-cache\n")))
-            << one.out.toStdString();
+    const QJsonValue totals = expectRun({"stats", "--json", root}, 0, "{**").json();
+    EXPECT_EQ(totals["blockFiles"].toInt(), 6);
+    EXPECT_EQ(totals["badHeaders"].toInt(), 1);
+    EXPECT_EQ(totals["uncompressedBytes"].toInt(), 500000);
+    EXPECT_EQ(totals["blockSizes"][2]["files"].toInt(), 5) << "100,000 bytes: below 256 KiB";
+    EXPECT_EQ(totals["lastUse"][0]["files"].toInt(), 6);
+    EXPECT_EQ(totals["otherFiles"][0]["path"].toString(), stray);
+    expectRun({"stats", root, "--sub-cache", "idle"}, 0, "block files      3 in 1 sub-cache\n**");
     RvoDataBlockManager::instance().cleanUp();
-}
-
-TEST(rvoddi, UsageErrorsExitWithTwoAndFailuresNameThePath)
-{
-    QTemporaryDir dir;
-    for (const QStringList &arguments :
-         {QStringList {},
-          {QStringLiteral("frobnicate")},
-          {QStringLiteral("ls")},
-          {QStringLiteral("ls"), QStringLiteral("--bogus"), dir.path()},
-          {QStringLiteral("trim"), dir.path()},
-          {QStringLiteral("trim"), dir.path(), QStringLiteral("--max-size"), QStringLiteral("12X")},
-          {QStringLiteral("trim"), dir.path(), QStringLiteral("--older-than"), QStringLiteral("3")},
-          {QStringLiteral("verify"), dir.path(), QStringLiteral("--jobs"), QStringLiteral("0")},
-          {QStringLiteral("get"), dir.path(), QStringLiteral("1-2-3")}}) {
-        const Outcome run = rvoddi(arguments);
-        EXPECT_EQ(run.status, 2) << arguments.join(QLatin1Char(' ')).toStdString();
-        EXPECT_EQ(run.out, QString());
-        EXPECT_FALSE(run.err.isEmpty());
-    }
-    const Outcome help = rvoddi({QStringLiteral("help"), QStringLiteral("verify")});
-    EXPECT_EQ(help.status, 0);
-    EXPECT_TRUE(help.out.startsWith(QStringLiteral("Usage: rvoddi verify [options] ROOT...\n")));
-    EXPECT_TRUE(help.out.contains(QStringLiteral("--jobs <N>")));
-
-    const QString missing = dir.filePath(QStringLiteral("missing"));
-    const Outcome run = rvoddi({QStringLiteral("verify"), missing});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.err,
-              QStringLiteral("rvoddi verify: cannot read %1: No such file or directory\n")
-                      .arg(missing));
-}
-
-TEST(rvoddi, ProgressLineIsDrawnOnATerminal)
-{
-    QTemporaryDir dir;
-    storeBlocks(dir.path(), {QStringLiteral("s")}, 3);
-    RvoDataBlockManager::instance().cleanUp();
-
-    int terminal = -1;
-    const QByteArray root = QFile::encodeName(dir.path());
-    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        // Only the progress line goes to the terminal.
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDOUT_FILENO);
-        execl(RVODDI_TOOL, "rvoddi", "verify", root.constData(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    QByteArray seen;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (std::chrono::steady_clock::now() < deadline) {
-        pollfd ready {terminal, POLLIN, 0};
-        if (poll(&ready, 1, 1000) <= 0)
-            continue;
-        char buffer[4096];
-        const ssize_t n = read(terminal, buffer, sizeof buffer);
-        if (n <= 0)
-            break; // the program has ended and closed the terminal
-        seen.append(buffer, int(n));
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    close(terminal);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    // The terminal turns "\n" into "\r\n".
-    EXPECT_TRUE(QString::fromLocal8Bit(seen).contains(
-            QRegularExpression(QStringLiteral("Verifying block files: 100% \\(3/3\\), [0-9.]+ KiB"
-                                              "( \\| [0-9.]+ [KMG]?i?B/s)?, done\\.\\s*\\r\\n"),
-                               QRegularExpression::MultilineOption)))
-            << seen.constData();
 }
