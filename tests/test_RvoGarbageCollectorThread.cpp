@@ -270,7 +270,7 @@ TEST(RvoGarbageCollectorThread, DiskBudgetTrimsLeastRecentlyUsedDeadFilesToNinet
                 + (i >= 40         ? QStringLiteral("/Held/0/")
                            : i % 2 ? QStringLiteral("/Free/%1/").arg(i % 10)
                                    : QStringLiteral("/Mine/%1/").arg(i % 10))
-                + deadName(i < 40 ? i : 60 + i);
+                + deadName(i);
         writeFile(path, QByteArray(1000, 'x'));
         setAge(path, i < 40 ? 500 - i : 2000);
         (i < 40 ? dead : held).append(path);
