@@ -76,22 +76,19 @@ bool all(const QStringList &paths, bool exist = true)
                        [&](const QString &path) { return QFile::exists(path) == exist; });
 }
 
-// Records a pass as "title/total/last done/finished/texts, each ended by |".
-struct CountingReporter : RvoDataBlockManager::ProgressReporter
+// Logs a pass as "title/total:" then "done text," for each step, then "end".
+struct LoggingReporter : RvoDataBlockManager::ProgressReporter
 {
-    void startProgress(const QString &t, int n) override { title = t, total = n; }
-    void finishProgress() override { finished = true; }
-    void setProgress(int done, const QString &text) override
+    void startProgress(const QString &t, int n) override
     {
-        last = done, texts += text + QLatin1Char('|');
+        log += t + QStringLiteral("/%1:").arg(n);
     }
-    QString summary() const
+    void setProgress(int n, const QString &t) override
     {
-        return QString::asprintf("%s/%d/%d/%d/", qPrintable(title), total, last, finished) + texts;
+        log += QStringLiteral("%1 %2,").arg(n).arg(t);
     }
-    QString title, texts;
-    int total = -1, last = 0;
-    bool finished = false;
+    void finishProgress() override { log += QStringLiteral("end"); }
+    QString log;
 };
 
 } // namespace
@@ -130,13 +127,15 @@ TEST(RvoGarbageCollectorThread, PassLeavesExactlyLiveFilesOddNamesAndYoungTempor
     for (int b = 0; b < 20; ++b)
         QDir().mkpath(setup.root(b / 10) + QStringLiteral("/Named/%1").arg(b % 10));
 
-    CountingReporter off, on;
+    LoggingReporter off, on;
     manager().collectGarbage(&off);
     EXPECT_TRUE(QFile::exists(dir + deadName(-1)) && QFile::exists(dir + old)) << "off";
-    EXPECT_EQ(off.summary(), QStringLiteral("Garbage Collecting/20/0/1/"));
-    collectOnce(&on); // each root's sub-cache and its ten buckets, without texts
-    EXPECT_EQ(on.summary(),
-              QStringLiteral("Garbage Collecting/20/22/1/") + QString(22, QLatin1Char('|')));
+    EXPECT_EQ(off.log, QStringLiteral("Garbage Collecting/20:end"));
+    collectOnce(&on); // each root's sub-cache and its ten buckets, counted on, without texts
+    QString steps = QStringLiteral("Garbage Collecting/20:");
+    for (int i = 1; i <= 22; ++i)
+        steps += QStringLiteral("%1 ,").arg(i);
+    EXPECT_EQ(on.log, steps + QStringLiteral("end"));
     QStringList expected = odd + QStringList {young, QStringLiteral("DdiLog.txt")};
     for (const RvoDataReference &ref : std::as_const(refs))
         expected.append(QFileInfo(destination(QStringLiteral("Named"), ref.hash())).fileName());
