@@ -1,5 +1,6 @@
 #include "RvoCommand.h"
 
+#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -106,6 +107,23 @@ void RvoCommand::error(const QString &message)
 void RvoCommand::pathError(const QString &what, const QString &path, const QString &reason)
 {
     error(QStringLiteral("%1 %2: %3").arg(what, path, reason));
+}
+
+bool RvoCommand::readFile(const QString &path, QByteArray *bytes)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        pathError(QStringLiteral("cannot open"), path, file.errorString());
+        return false;
+    }
+    // Read, not mapped: a file cut short under a mapping would end the
+    // process with SIGBUS.
+    *bytes = file.readAll();
+    if (file.error() != QFileDevice::NoError) {
+        pathError(QStringLiteral("cannot read"), path, file.errorString());
+        return false;
+    }
+    return true;
 }
 
 QVector<RvoCacheScan::Root> RvoCommand::scan(const QStringList &roots, bool checkHeld)

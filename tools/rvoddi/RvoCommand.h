@@ -54,6 +54,9 @@ public:
     void error(const QString &message);
     // Reports that `path` could not be used, with the system's reason.
     void pathError(const QString &what, const QString &path, const QString &reason);
+    // Reads the file at `path` whole into *bytes; reports "cannot open" or
+    // "cannot read" with the system's reason and returns false when it can't.
+    bool readFile(const QString &path, QByteArray *bytes);
     Status status() const { return m_Failed ? Failure : Success; }
 
     // The walk of `roots` (RvoCacheScan), limited to --sub-cache when it

@@ -35,18 +35,9 @@ int digestCommand(const QStringList &arguments)
         return command.status();
     }
     for (const QString &path : files) {
-        QFile file(path);
-        if (!file.open(QIODevice::ReadOnly)) {
-            command.pathError(QStringLiteral("cannot open"), path, file.errorString());
+        QByteArray bytes;
+        if (!command.readFile(path, &bytes))
             continue;
-        }
-        // Read, not mapped: a file cut short under a mapping would end the
-        // process with SIGBUS.
-        const QByteArray bytes = file.readAll();
-        if (file.error() != QFileDevice::NoError) {
-            command.pathError(QStringLiteral("cannot read"), path, file.errorString());
-            continue;
-        }
         RvoCommand::print(QStringLiteral("%1  %2").arg(
                 RvoBlockFile::digestText(bytes.constData(), bytes.size()), path));
     }

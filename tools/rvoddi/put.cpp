@@ -10,7 +10,6 @@
 #include "RvoSubcommands.h"
 
 #include <QDir>
-#include <QFile>
 
 int putCommand(const QStringList &arguments)
 {
@@ -47,16 +46,9 @@ int putCommand(const QStringList &arguments)
     lock.lockShared(subCache.isEmpty() ? root : root + QDir::separator() + subCache);
     RvoBlockCodec codec;
     for (const QString &path : std::as_const(files)) {
-        QFile file(path);
-        if (!file.open(QIODevice::ReadOnly)) {
-            command.pathError(QStringLiteral("cannot open"), path, file.errorString());
+        QByteArray bytes;
+        if (!command.readFile(path, &bytes))
             continue;
-        }
-        const QByteArray bytes = file.readAll();
-        if (file.error() != QFileDevice::NoError) {
-            command.pathError(QStringLiteral("cannot read"), path, file.errorString());
-            continue;
-        }
         const RvoDataHash hash(bytes, RvoDataHash::Skein512);
         QString directory, name;
         buildFilename(&hash, root, subCache, quint32(buckets), directory, name);
