@@ -88,8 +88,8 @@ private:
     const QString m_Root;
     // Held by a pass (exclusive: a pass turns m_SubCacheLock exclusive and
     // back, which two passes must not do at once) and by setSubCache. Guards
-    // m_SubCache, m_SubCacheLock and m_ToldInUse. Lock order: after every
-    // manager lock (see above).
+    // m_SubCache, m_SubCacheLock and m_ToldInUse. Lock order: after the
+    // delete lock, before the registry lock (RvoDataBlockManager.h).
     mutable std::shared_mutex m_Lock;
     const int m_BucketCount; // as configured; a pass lists what is there
     QString m_SubCache;

@@ -61,7 +61,16 @@ class RvoGarbageCollectorThread;
 //   5. the write threads' background block saver's lock
 //      (RvoBlockSaver::m_Lock), a leaf;
 //   6. the buffer pool's lock (RvoBufferPool::m_Lock), a leaf;
-//   7. the log's file lock (RvoDdiLog::m_Lock), a leaf.
+//   7. the log's file lock (RvoDdiLog::m_Lock), a leaf;
+//   8. a root's disk-usage lock (RvoDiskUsage::m_Lock), a leaf.
+// A collector thread's lock (RvoGarbageCollectorThread::m_Lock) sits between
+// 1 and 3: setSubCache takes it inside the delete lock, and a pass holding
+// it takes only the registry lock (to ask whether a digest is live), never
+// the delete lock, a block's or a digest's lock.
+// Outside this order, a sub-cache's lock file (RvoSubCacheLock, an flock
+// shared with other processes): setup and setSubCache take it shared before
+// the delete lock, because it may wait for another process's pass; a pass
+// turns it exclusive only without waiting.
 // A digest's last release takes the delete lock, then the digest's lock,
 // then the registry lock, and takes the digest out of the registry and the
 // block table in one step: no manager operation ever sees a digest whose

@@ -104,6 +104,12 @@ void RvoCommand::error(const QString &message)
     m_Failed = true;
 }
 
+void RvoCommand::addRootsArgument()
+{
+    m_Parser.addPositionalArgument(QStringLiteral("ROOT"), QStringLiteral("A cache root."),
+                                   QStringLiteral("ROOT..."));
+}
+
 void RvoCommand::pathError(const QString &what, const QString &path, const QString &reason)
 {
     error(QStringLiteral("%1 %2: %3").arg(what, path, reason));

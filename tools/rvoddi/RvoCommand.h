@@ -48,6 +48,9 @@ public:
     bool hasSubCache() const { return m_HasSubCache; }
     QString subCache() const { return m_SubCache; }
 
+    // The positional arguments ROOT... (one or more cache roots).
+    void addRootsArgument();
+
     // Reports a usage error and returns UsageError.
     int usageError(const QString &message) const;
     // Reports an error ("rvoddi NAME: message") and makes status() Failure.

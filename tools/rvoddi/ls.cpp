@@ -35,8 +35,7 @@ int lsCommand(const QStringList &arguments)
                        QStringLiteral("Lists the sub-caches under the cache roots: their block "
                                       "files, bytes on disk, bytes uncompressed (from the files' "
                                       "headers), last use, and whether a process holds them now."));
-    command.parser().addPositionalArgument(QStringLiteral("ROOT"), QStringLiteral("A cache root."),
-                                           QStringLiteral("ROOT..."));
+    command.addRootsArgument();
     command.addJsonOption();
     command.addQuietOption();
     command.setNotes(QStringLiteral(

@@ -92,8 +92,7 @@ int statsCommand(const QStringList &arguments)
                        QStringLiteral("Sums up the block files under the cache roots: totals, "
                                       "compression ratio, block sizes and last uses, temporary "
                                       "files, and files that are not block files."));
-    command.parser().addPositionalArgument(QStringLiteral("ROOT"), QStringLiteral("A cache root."),
-                                           QStringLiteral("ROOT..."));
+    command.addRootsArgument();
     command.addSubCacheOption(QStringLiteral("Only the sub-cache NAME."));
     command.addJsonOption();
     command.addQuietOption();

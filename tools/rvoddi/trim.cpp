@@ -34,8 +34,7 @@ int trimCommand(const QStringList &arguments)
                        QStringLiteral("Deletes the least recently used block files until the "
                                       "roots hold at most SIZE of block files, or those not used "
                                       "for AGE. Removes temporary files older than an hour."));
-    command.parser().addPositionalArgument(QStringLiteral("ROOT"), QStringLiteral("A cache root."),
-                                           QStringLiteral("ROOT..."));
+    command.addRootsArgument();
     const QCommandLineOption maxSizeOption(
             QStringLiteral("max-size"),
             QStringLiteral("Keep at most SIZE of block files in all the roots together, or in "

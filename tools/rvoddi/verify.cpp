@@ -24,8 +24,7 @@ int verifyCommand(const QStringList &arguments)
                                       "header against its length, decodes its payload and "
                                       "compares the Skein-512 digest of the bytes with its name. "
                                       "Lists each bad file with the reason."));
-    command.parser().addPositionalArgument(QStringLiteral("ROOT"), QStringLiteral("A cache root."),
-                                           QStringLiteral("ROOT..."));
+    command.addRootsArgument();
     command.addSubCacheOption(QStringLiteral("Only the sub-cache NAME."));
     const QCommandLineOption jobsOption(
             QStringList {QStringLiteral("j"), QStringLiteral("jobs")},
