@@ -65,8 +65,10 @@ class RvoRemoteTier;
 //   7. the log's file lock (RvoDdiLog::m_Lock), a leaf;
 //   8. a root's disk-usage lock (RvoDiskUsage::m_Lock), a leaf;
 //   9. the manager's remote-tier lock (m_RemoteLock), a leaf;
-//  10. a remote's upload queue lock (RvoRemote::m_Lock), a leaf; no lock
-//      of this list is held while a remote server is called.
+//  10. a remote's upload queue lock (RvoRemote::m_Lock), a leaf;
+//  11. a remote client's connection pool lock (RvoConnectionPool::m_Lock),
+//      a leaf: no connection is opened, used or closed while it is held.
+// No lock of this list is held while a remote server is called.
 // A collector thread's lock (RvoGarbageCollectorThread::m_Lock) sits between
 // 1 and 3: setSubCache takes it inside the delete lock, and a pass holding
 // it takes only the registry lock (to ask whether a digest is live), never
