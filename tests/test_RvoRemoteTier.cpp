@@ -12,6 +12,7 @@
 #include <QFile>
 #include <QProcess>
 #include <QProcessEnvironment>
+#include <QRegularExpression>
 
 #include <gtest/gtest.h>
 
@@ -53,7 +54,8 @@ std::vector<Written> writeInAnotherProcess(const QString &spec, int count)
     for (const QByteArray &line : readFile(side).split('\n')) {
         const QList<QByteArray> fields = line.split(' ');
         if (fields.size() == 3)
-            written.push_back({fields[0].toInt(), fields[1].toInt(), QString::fromLatin1(fields[2])});
+            written.push_back(
+                    {fields[0].toInt(), fields[1].toInt(), QString::fromLatin1(fields[2])});
     }
     EXPECT_EQ(int(written.size()), count);
     return written;
@@ -84,7 +86,8 @@ QStringList remoteStats()
 {
     DebugCapture debug;
     Manager::instance().dumpStats();
-    return debug.messages().filter(QRegularExpression(QStringLiteral("^Remote .*uploads skipped$")));
+    return debug.messages().filter(
+            QRegularExpression(QStringLiteral("^Remote .*uploads skipped$")));
 }
 
 bool holds(const LocalServer &server, const QString &name)
@@ -171,9 +174,9 @@ TEST(RvoRemoteTier, DamagedFilesAreRejectedAndTheNextRemoteIsAsked)
     EXPECT_FALSE(QFile::exists(localFile(truncated.first)));
     EXPECT_FALSE(QFile::exists(localFile(wrongLength.first)));
     EXPECT_EQ(readFile(localFile(wrongBytes.first)), wrongBytes.second);
-    for (const auto &[name, why] : {qMakePair(truncated.first, "lengths"),
-                                    qMakePair(wrongBytes.first, "digest"),
-                                    qMakePair(wrongLength.first, "lengths")})
+    for (const auto &[name, why] :
+         {qMakePair(truncated.first, "lengths"), qMakePair(wrongBytes.first, "digest"),
+          qMakePair(wrongLength.first, "lengths")})
         EXPECT_EQ(debug.count(QStringLiteral("Remote %1 sent a damaged block file %2 (%3): ignored")
                                       .arg(nginx.url(), name, QLatin1String(why))),
                   1);
@@ -218,7 +221,11 @@ TEST(RvoRemoteTier, AKilledServerHoldsNothingUpAndUploadsResumeAfterItsRestart)
             },
             20000));
     const QString url = nginx.url();
-    EXPECT_EQ(debug.messages().filter(QStringLiteral("Remote ")).filter(QStringLiteral(" unavailable: ")).size(), 1);
+    EXPECT_EQ(debug.messages()
+                      .filter(QStringLiteral("Remote "))
+                      .filter(QStringLiteral(" unavailable: "))
+                      .size(),
+              1);
     EXPECT_EQ(debug.count(QStringLiteral("Remote %1 available again").arg(url)), 1);
 }
 
@@ -227,8 +234,8 @@ TEST(RvoRemoteTier, AServerThatDoesNotAnswerHoldsAReadNoLongerThanItsTimeout)
     LocalRedis redis;
     START_OR_SKIP(redis);
     ManagerSetup setup;
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(
-            redis.url() + QStringLiteral("|operation-timeout=400")));
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(redis.url()
+                                                     + QStringLiteral("|operation-timeout=400")));
     redis.pause();
     QElapsedTimer timer;
     timer.start();
@@ -268,9 +275,9 @@ TEST(RvoRemoteTier, AFullUploadQueueSkipsAndCountsAndAReadOnlyRemoteGetsNothing)
     START_OR_SKIP(nginx);
     START_OR_SKIP(redis);
     ManagerSetup setup;
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(
-            redis.url() + QStringLiteral("|upload-queue=0 ") + nginx.url()
-            + QStringLiteral("|read-only")));
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(redis.url()
+                                                     + QStringLiteral("|upload-queue=0 ")
+                                                     + nginx.url() + QStringLiteral("|read-only")));
     QList<RvoDataReference> refs;
     for (int seed = 0; seed < 5; ++seed)
         refs.append(addBlock(testContent(seed, 20000)));

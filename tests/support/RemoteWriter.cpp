@@ -18,13 +18,17 @@ int main(int argc, char **argv)
     if (args.size() != 4)
         return 2;
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    manager.setup({args.at(3)}, 1 << 20, 10);
+    manager.setup({args.at(3)}, 64 << 20, 10);
     QByteArray lines;
     QList<RvoDataReference> refs;
     for (int seed = 0; seed < args.at(2).toInt(); ++seed) {
         const int size = 4096 * (1 + seed % 8);
         refs.append(addBlock(testContent(seed, size)));
-        lines += QStringLiteral("%1 %2 %3\n").arg(seed).arg(size).arg(refs.last().hash()).toLatin1();
+        lines += QStringLiteral("%1 %2 %3\n")
+                         .arg(seed)
+                         .arg(size)
+                         .arg(refs.last().hash())
+                         .toLatin1();
         manager.processIO();
     }
     manager.flush(true, RvoDataBlockManager::AllThreads);
