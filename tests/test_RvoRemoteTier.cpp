@@ -1,3 +1,4 @@
+#include "ChildProcess.h"
 #include "LocalNginx.h"
 #include "LocalRedis.h"
 #include "ManagerTestAccess.h"
@@ -10,8 +11,6 @@
 
 #include <QElapsedTimer>
 #include <QFile>
-#include <QProcess>
-#include <QProcessEnvironment>
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
@@ -40,14 +39,13 @@ struct Written
 std::vector<Written> writeInAnotherProcess(const QString &spec, int count)
 {
     QTemporaryDir dir;
-    QProcess child;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("RVODDI_REMOTE_STORAGE"), spec);
-    child.setProcessEnvironment(environment);
-    child.setProcessChannelMode(QProcess::ForwardedChannels);
     const QString side = dir.filePath(QStringLiteral("written.txt"));
-    child.start(QStringLiteral(RVODDI_REMOTE_WRITER),
-                {side, QString::number(count), dir.filePath(QStringLiteral("root"))});
+    ChildProcess child;
+    ChildProcess::Options options;
+    options.environment = QStringList {QStringLiteral("RVODDI_REMOTE_STORAGE=") + spec};
+    EXPECT_TRUE(child.start(QStringLiteral(RVODDI_REMOTE_WRITER),
+                            {side, QString::number(count), dir.filePath(QStringLiteral("root"))},
+                            options));
     EXPECT_TRUE(child.waitForFinished(300000));
     EXPECT_EQ(child.exitCode(), 0);
     std::vector<Written> written;
