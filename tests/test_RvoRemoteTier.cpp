@@ -172,12 +172,11 @@ TEST(RvoRemoteTier, DamagedFilesAreRejectedAndTheNextRemoteIsAsked)
     EXPECT_FALSE(QFile::exists(localFile(truncated.first)));
     EXPECT_FALSE(QFile::exists(localFile(wrongLength.first)));
     EXPECT_EQ(readFile(localFile(wrongBytes.first)), wrongBytes.second);
-    for (const auto &[name, why] :
-         {qMakePair(truncated.first, "lengths"), qMakePair(wrongBytes.first, "digest"),
-          qMakePair(wrongLength.first, "lengths")})
-        EXPECT_EQ(debug.count(QStringLiteral("Remote %1 sent a damaged block file %2 (%3): ignored")
-                                      .arg(nginx.url(), name, QLatin1String(why))),
-                  1);
+    const QString damaged = QStringLiteral("Remote %1 sent a damaged block file %2 (%3): ignored");
+    EXPECT_EQ(debug.count(damaged.arg(nginx.url(), truncated.first, QStringLiteral("lengths"))), 1);
+    EXPECT_EQ(debug.count(damaged.arg(nginx.url(), wrongBytes.first, QStringLiteral("digest"))), 1);
+    EXPECT_EQ(debug.count(damaged.arg(nginx.url(), wrongLength.first, QStringLiteral("lengths"))),
+              1);
     const QStringList stats = remoteStats();
     EXPECT_TRUE(stats.value(0).contains(QStringLiteral("3 hits, 0 misses, 0 errors, 3 rejected")))
             << qPrintable(stats.value(0));
