@@ -307,6 +307,8 @@ private:
     // Gives each collector its share of the disk budget. REQUIRES: the
     // delete lock held.
     void shareDiskBudget();
+    // Some write thread has a save queued or under way.
+    bool writesPending() const;
     // The sum of the bytes queued on every write thread.
     qint64 bytesQueuedForWriting() const;
     // Prints the not-initialized notice when not initialized; carries on.

@@ -13,6 +13,8 @@
 
 #include <QThread>
 
+#include <algorithm>
+
 void RvoDataBlockManager::preloadData(const RvoDataReference &ref, PreloadPriority priority)
 {
     if (ref.isNull())
@@ -43,6 +45,14 @@ qint64 RvoDataBlockManager::bytesQueuedForWriting() const
     for (RvoDataBlockManagerWriteThread *writer : writeThreads())
         total += writer->bytesInQueue();
     return total;
+}
+
+bool RvoDataBlockManager::writesPending() const
+{
+    const QVector<RvoDataBlockManagerWriteThread *> writers = writeThreads();
+    return std::any_of(
+            writers.begin(), writers.end(),
+            [](const RvoDataBlockManagerWriteThread *writer) { return !writer->isIdle(); });
 }
 
 void RvoDataBlockManager::processIO()
