@@ -110,8 +110,9 @@ void RvoDataBlockManager::flush(bool writeAll, ThreadType threads)
             });
         }
         flushThreads();
-        // What was saved is on its way to the remotes too.
-        if (threads & WriteThreads) {
+        // flush(true, AllThreads) waits for the uploads of what was saved
+        // too; a flush of the write threads alone waits for the disk only.
+        if ((threads & AllThreads) == AllThreads) {
             if (const std::shared_ptr<RvoRemoteTier> tier = remoteTier())
                 tier->flush();
         }
