@@ -5,7 +5,7 @@ RVODDI_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What every build needs, as Debian packages.
 RVODDI_PACKAGES=(cmake ninja-build g++ pkg-config qt6-base-dev libgtest-dev
-                 libbenchmark-dev zlib1g-dev libssl-dev libdeflate-dev)
+                 libbenchmark-dev zlib1g-dev libssl-dev libdeflate-dev libisal-dev)
 
 rvoddi_log() { printf '== %s\n' "$*" >&2; }
 
