@@ -21,7 +21,7 @@ TEST(RvoConstAccessor, PinCountsStayExactThroughCopiesAndAssignments)
     ManagerSetup setup;
     const RvoDataReference a = addBlock(testContent(2));
     const RvoDataReference b = addBlock(testContent(3));
-    StdoutCapture out;
+    RvoOutputCapture out;
     {
         RvoConstAccessor onA = a.constAccessor();
         EXPECT_FALSE(evictable(a));
@@ -63,7 +63,7 @@ TEST(RvoConstAccessor, NullReferenceGivesANullAccessorAndReportsBothSteps)
     ManagerSetup setup;
     const RvoDataReference null;
     DebugCapture debug;
-    StdoutCapture out;
+    RvoOutputCapture out;
     const RvoConstAccessor accessor = null.constAccessor();
     EXPECT_TRUE(accessor.isNull());
     EXPECT_EQ(accessor.size(), 0);

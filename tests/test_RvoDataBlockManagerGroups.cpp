@@ -1,18 +1,11 @@
 #include "ManagerTestAccess.h"
 #include "OutputCapture.h"
-#include "RvoConstAccessor.h"
-#include "RvoDataReference.h"
 
 #include <QtEndian>
 
 #include <gtest/gtest.h>
 
 namespace {
-
-RvoDataBlockManager &manager()
-{
-    return RvoDataBlockManager::instance();
-}
 
 QByteArray header(qint64 magic, qint32 digestSize, qint32 count)
 {
@@ -73,7 +66,7 @@ TEST(RvoDataBlockManagerGroups, MalformedPayloadsGiveNoMembersAndNullMembersAreR
                 << payload.toHex().constData();
     EXPECT_EQ(manager().extractGroupBlock(addBlock(header(1337, 64, 1) + digest)).size(), 1);
 
-    StdoutCapture out;
+    RvoOutputCapture out;
     EXPECT_TRUE(
             manager().makeGroupBlock({addBlock(testContent(1, 10)), RvoDataReference()}).isNull());
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Group member 1 has no digest")});

@@ -1,13 +1,8 @@
 #include "ManagerTestAccess.h"
 #include "OutputCapture.h"
-#include "RvoDiskLayout_p.h"
-#include "RvoHashManager.h"
-#include "RvoTsan_p.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QProcess>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -20,22 +15,9 @@ using Reader = RvoDataBlockManagerReadThread;
 
 namespace {
 
-RvoSmartPointer<RvoDataHash> digestOf(const QByteArray &content)
-{
-    return RvoHashManager::instance().getHash(content);
-}
-
-// Where the reader looks for `hash` under `root`, as it spells the path.
-QString blockPath(const QString &root, const RvoDataHash *hash)
-{
-    QString directory, name;
-    buildFilename(hash, root, QString(), 10, directory, name);
-    return directory + QLatin1Char('/') + name;
-}
-
 void plantFile(const QString &root, const RvoDataHash *hash, const QByteArray &bytes)
 {
-    writeFile(blockPath(root, hash), bytes);
+    writeFile(blockPath(root, QString(), hash), bytes);
 }
 
 QByteArray soundFile(const QByteArray &content)
@@ -170,7 +152,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
     ManagerSetup setup(1);
     Reader *reader = Access::readThread(0);
     const RvoSmartPointer<RvoDataHash> badHash = digestOf(bad);
-    const QString path = blockPath(setup.root(), badHash.data());
+    const QString path = blockPath(setup.root(), QString(), badHash.data());
     int seed = 50;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);

@@ -117,7 +117,7 @@ TEST(RvoDataReference, ChainsOfJobsAreFollowedToTheirEnd)
     EXPECT_EQ(chained.hashPtr(), target.hashPtr());
     EXPECT_TRUE(chained == target);
 
-    StdoutCapture out;
+    RvoOutputCapture out;
     const RvoDataReference nothing = pendingOn(pendingOn(RvoDataReference()));
     EXPECT_EQ(nothing.hash(), QStringLiteral("NULL"));
     EXPECT_TRUE(nothing.isNull());
@@ -131,7 +131,7 @@ TEST(RvoDataReference, ReferencesWithNoBlockGiveNullModifyAndConstAccessors)
     ManagerSetup setup;
     RvoDataReference null;
     DebugCapture debug;
-    StdoutCapture out;
+    RvoOutputCapture out;
     EXPECT_TRUE(null.modifyAccessor().isNull());
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Null Value of m_DataHash")});
     EXPECT_EQ(debug.messages(),

@@ -34,7 +34,7 @@ TEST(RvoDiskLayout, RootIsTheDigitSumOfTheFirstFourCharactersSeparatorsCountingM
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("9999-1")), 0); // 36
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("9998-1")), 1); // 35
 
-    StdoutCapture out;
+    RvoOutputCapture out;
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("1-0-3")), -1); // -1+0-1+1 = -1
     EXPECT_EQ(
             out.lines(),
@@ -47,7 +47,7 @@ TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsAreRefused)
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("1-0-3")), 0);
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("9999")), 0);
 
-    StdoutCapture out;
+    RvoOutputCapture out;
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("12")), -1);
     EXPECT_EQ(Access::cacheIndex(static_cast<const RvoDataHash *>(nullptr)), -1);
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Hash String is too Short 12")});
@@ -55,7 +55,7 @@ TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsAreRefused)
 
 TEST(RvoDiskLayout, NoRootsAndNoSetupAreReportedAndChooseNothing)
 {
-    StdoutCapture out;
+    RvoOutputCapture out;
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("4150-1")), -1);
     EXPECT_EQ(RvoDataBlockManager::instance().getBlockDestination(
                       QString(), digestText({QStringLiteral("1")})),
@@ -96,7 +96,7 @@ TEST(RvoDiskLayout, DestinationNamesTheRootBucketAndFileAndTheFirstRootHoldsSubC
     EXPECT_EQ(QDir::cleanPath(manager.getBlockDestination(QString(), odd)),
               setup.root(1) + QStringLiteral("/7/") + odd);
 
-    StdoutCapture out;
+    RvoOutputCapture out;
     EXPECT_EQ(manager.getBlockDestination(QString(),
                                           digestText({QStringLiteral("1"), QStringLiteral("0")})),
               QString());

@@ -4,7 +4,6 @@
 #include "RvoDataReference.h"
 #include "RvoGarbageCollectorThread_p.h"
 
-#include <QDateTime>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -19,11 +18,6 @@
 #include <thread>
 
 namespace {
-
-RvoDataBlockManager &manager()
-{
-    return RvoDataBlockManager::instance();
-}
 
 RvoDataReference add(int seed)
 {
@@ -53,15 +47,6 @@ QStringList filesUnder(const QStringList &directories)
             files.append(QFileInfo(it.next()).fileName());
     files.sort();
     return files;
-}
-
-// Sets a file's modification time (its last use) `hours` back.
-void setAge(const QString &path, int hours)
-{
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::ReadWrite)
-                && file.setFileTime(QDateTime::currentDateTime().addSecs(-3600 * hours),
-                                    QFileDevice::FileModificationTime));
 }
 
 QString destination(const QString &subCache, const QString &hashText)
@@ -112,8 +97,8 @@ TEST(RvoGarbageCollectorThread, PassLeavesExactlyLiveFilesOddNamesAndYoungTempor
         writeFile(root + QStringLiteral("/3/") + name, "data");
         writeFile(dir + name, "data");
     }
-    setAge(dir + old, 2);
-    setAge(root + QStringLiteral("/3/") + old, 2);
+    ASSERT_TRUE(setAge(dir + old, 3600 * 2));
+    ASSERT_TRUE(setAge(root + QStringLiteral("/3/") + old, 3600 * 2));
     collectOnce();
     EXPECT_EQ(filesUnder({root}).size(), 10) << "no sub-cache named: nothing is touched";
 
@@ -257,7 +242,7 @@ TEST(RvoGarbageCollectorThread, DiskBudgetTrimsLeastRecentlyUsedDeadFilesToNinet
     qint64 liveBytes = 0;
     for (const RvoDataReference &ref : live) {
         liveFiles.append(destination(mine, ref.hash()));
-        setAge(liveFiles.last(), 1000);
+        ASSERT_TRUE(setAge(liveFiles.last(), 3600 * 1000));
         liveBytes += QFileInfo(liveFiles.last()).size();
     }
     // Dead files of 1000 bytes, one hour apart, alternately here and in a
@@ -271,7 +256,7 @@ TEST(RvoGarbageCollectorThread, DiskBudgetTrimsLeastRecentlyUsedDeadFilesToNinet
                                    : QStringLiteral("/Mine/%1/").arg(i % 10))
                 + deadName(i);
         writeFile(path, QByteArray(1000, 'x'));
-        setAge(path, i < 40 ? 500 - i : 2000);
+        ASSERT_TRUE(setAge(path, 3600 * (i < 40 ? 500 - i : 2000)));
         (i < 40 ? dead : held).append(path);
     }
     RvoSubCacheLock otherHolder;

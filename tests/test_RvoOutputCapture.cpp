@@ -11,7 +11,7 @@
 
 TEST(RvoOutputCapture, CapturesWhatTheProcessPrintsUntilLinesIsCalled)
 {
-    StdoutCapture outer;
+    RvoOutputCapture outer;
     EXPECT_TRUE(RvoOutputCapture().lines().isEmpty()) << "nothing printed, no line";
     {
         RvoOutputCapture capture;
@@ -30,7 +30,7 @@ TEST(RvoOutputCapture, CapturesWhatTheProcessPrintsUntilLinesIsCalled)
 
 TEST(RvoOutputCapture, NestedCapturesOfAnyThreadEachRestoreWhatTheyFound)
 {
-    StdoutCapture outer;
+    RvoOutputCapture outer;
     QStringList inner;
     QStringList middle;
     {

@@ -53,10 +53,10 @@ TEST(RvoSelfCheckCache, ParentThatCannotBeADirectoryIsReportedAndNothingIsSetUp)
     QTemporaryDir parent;
     const QString file = parent.filePath(QStringLiteral("file"));
     ASSERT_TRUE(writeFile(file, "x"));
-    StdoutCapture output;
+    RvoOutputCapture output;
     const RvoSelfCheckCache cache(file, 1, -1, 10);
     EXPECT_EQ(cache.error(),
               QStringLiteral("expected a cache directory at %1, saw none could be made").arg(file));
     EXPECT_FALSE(RvoDataBlockManager::instance().isInitialized());
-    EXPECT_EQ(output.text(), QString());
+    EXPECT_EQ(output.lines(), QStringList());
 }

@@ -106,7 +106,7 @@ int main(int argc, char **argv)
     QStringList reports;
     qint64 filesWritten = 0, filesRead = 0;
     {
-        StdoutCapture capture;
+        RvoOutputCapture capture;
         manager.setup({first.path(), second.path()}, kBudget, 10);
         manager.setSubCache(QStringLiteral("Soak"));
         manager.startGarbageCollection();

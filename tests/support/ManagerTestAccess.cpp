@@ -1,8 +1,12 @@
 #include "ManagerTestAccess.h"
 
+#include "RvoBlockCodec_p.h"
+#include "RvoBlockFile_p.h"
 #include "RvoBlockTable_p.h"
 #include "RvoDdiMutexLocker.h"
+#include "RvoDiskLayout_p.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -89,6 +93,23 @@ QByteArray blockFileBytes(qint64 size, const QByteArray &payload)
     return bytes + payload;
 }
 
+QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,
+                  int buckets)
+{
+    QString directory, name;
+    buildFilename(hash, root, subCache, quint32(buckets), directory, name);
+    return directory + QLatin1Char('/') + name;
+}
+
+QByteArray blockIn(const QString &path)
+{
+    const QByteArray file = readFile(path);
+    RvoBlockCodec codec;
+    QByteArray content;
+    RvoBlockFile::decode(codec, file.constData(), file.size(), &content);
+    return content;
+}
+
 bool writeFile(const QString &path, const QByteArray &bytes)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
@@ -101,4 +122,12 @@ QByteArray readFile(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool setAge(const QString &path, qint64 seconds)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadWrite)
+            && file.setFileTime(QDateTime::currentDateTime().addSecs(-seconds),
+                                QFileDevice::FileModificationTime);
 }

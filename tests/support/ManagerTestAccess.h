@@ -10,6 +10,7 @@
 #include "RvoDataBlockManagerReadThread_p.h"
 #include "RvoDataBlockManagerWriteThread_p.h"
 #include "RvoDataReference.h"
+#include "RvoHashManager.h"
 #include "RvoWaitUntil_p.h"
 
 #include <QByteArray>
@@ -81,6 +82,17 @@ private:
     QStringList m_Roots;
 };
 
+inline RvoDataBlockManager &manager()
+{
+    return RvoDataBlockManager::instance();
+}
+
+// The registry's digest of `content`.
+inline RvoSmartPointer<RvoDataHash> digestOf(const QByteArray &content)
+{
+    return RvoHashManager::instance().getHash(content);
+}
+
 // Adds content through the manager, hashed on the calling thread unless
 // `sync` is false.
 RvoDataReference addBlock(const QByteArray &content,
@@ -102,7 +114,16 @@ QByteArray bytesOf(const RvoDataReference &ref);
 
 // The raw bytes of a block file.
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload);
+// Where the block file of `hash` lies, spelt as the IO threads spell it.
+QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,
+                  int buckets = 10);
+// The block that the block file at `path` holds; null unless it is sound.
+QByteArray blockIn(const QString &path);
+
+// Writes a file, making its directory first.
 bool writeFile(const QString &path, const QByteArray &bytes);
 QByteArray readFile(const QString &path);
+// Sets a file's modification time (its last use) `seconds` back.
+bool setAge(const QString &path, qint64 seconds);
 
 #endif // MANAGERTESTACCESS_H

@@ -50,8 +50,7 @@ int main(int argc, char **argv)
     std::printf("ready\n");
     std::fflush(stdout);
     manager.startGarbageCollection();
-    while (std::fgetc(stdin) != EOF) {
-    }
+    while (std::fgetc(stdin) != EOF) { }
     refs.clear();
     manager.cleanUp();
     return 0;
