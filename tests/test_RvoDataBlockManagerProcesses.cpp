@@ -1,5 +1,5 @@
 // Real processes on shared roots: a writer killed at random moments, and
-// three writers at once. The other processes are rvoddi-test-fault-child.
+// three writers at once. The other processes are rvoddi-test-child.
 
 #include "ManagerTestAccess.h"
 #include "OutputCapture.h" // prints QString in failure messages
@@ -30,7 +30,7 @@ namespace {
 
 using Manager = RvoDataBlockManager;
 
-const QString kChild = QStringLiteral(RVODDI_FAULT_CHILD);
+const QString kChild = QStringLiteral(RVODDI_TEST_CHILD);
 
 struct DiskState
 {

@@ -201,7 +201,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
 TEST(RvoDataBlockManagerReadThread, SavesQueuedWhenAProcessExitsAreWritten)
 {
     QTemporaryDir root;
-    QStringList args {QStringLiteral("--exit-queued"), root.path(), QStringLiteral("Shared"),
+    QStringList args {QStringLiteral("queue"), root.path(), QStringLiteral("Shared"),
                       QStringLiteral("7")};
     for (int seed = 300; seed < 340; ++seed)
         args << QString::number(seed);

@@ -197,8 +197,9 @@ TEST(RvoGarbageCollectorThread, ProcessesSharingASubCacheCollectOnlyWhenAlone)
     writeFile(dead, "data");
     DebugCapture debug;
     QProcess other;
-    other.start(QStringLiteral(RVODDI_TEST_HOLDER),
-                {setup.root(), shared, QStringLiteral("11"), QStringLiteral("12")});
+    other.start(QStringLiteral(RVODDI_TEST_CHILD),
+                {QStringLiteral("hold"), setup.root(), shared, QStringLiteral("11"),
+                 QStringLiteral("12")});
     QStringList lines;
     auto readLines = [&] {
         other.waitForReadyRead(50);
