@@ -1,8 +1,5 @@
 #include "DdiTester.h"
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
-#include "RvoDataReference.h"
-#include "RvoHashManager.h"
 #include "RvoSampleImages_p.h"
 #include "RvoSelfCheckHooks_p.h"
 
@@ -11,9 +8,6 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 namespace {
 

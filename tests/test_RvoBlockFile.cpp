@@ -5,8 +5,6 @@
 
 #include <QFile>
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 
 namespace {

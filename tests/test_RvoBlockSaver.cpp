@@ -4,10 +4,7 @@
 
 #include <QThread>
 
-#include <gtest/gtest.h>
-
 #include <thread>
-#include <vector>
 
 namespace {
 

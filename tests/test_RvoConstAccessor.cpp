@@ -1,7 +1,4 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
-
-#include <gtest/gtest.h>
 
 using Access = RvoDataBlockManagerTestAccess;
 

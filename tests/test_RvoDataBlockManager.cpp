@@ -1,13 +1,8 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 #include "RvoDdiLog.h"
-#include "RvoHashManager.h"
 
 #include <QDir>
 #include <QFile>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 using Access = RvoDataBlockManagerTestAccess;
 

@@ -1,5 +1,4 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockFile_p.h"
 #include "RvoDiskLayout_p.h"
@@ -7,9 +6,6 @@
 #include <QDirIterator>
 #include <QMutex>
 #include <QRandomGenerator>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,7 +13,6 @@
 #include <atomic>
 #include <string>
 #include <thread>
-#include <vector>
 
 using Access = RvoDataBlockManagerTestAccess;
 

@@ -1,9 +1,6 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 
 #include <QtEndian>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -2,12 +2,10 @@
 // three writers at once. The other processes are rvoddi-test-child.
 
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h" // prints QString in failure messages
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockFile_p.h"
 #include "RvoDiskLayout_p.h"
 #include "RvoGarbageCollectorThread_p.h"
-#include "RvoHashManager.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -15,10 +13,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
-#include <QTemporaryDir>
 #include <QThread>
-
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <random>

@@ -1,10 +1,7 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 
 #include <QElapsedTimer>
 #include <QProcess>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>

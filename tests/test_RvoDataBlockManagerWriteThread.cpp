@@ -1,13 +1,9 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 
 #include <QElapsedTimer>
 #include <QFileInfo>
 
-#include <gtest/gtest.h>
-
 #include <chrono>
-#include <memory>
 
 using Access = RvoDataBlockManagerTestAccess;
 using Writer = RvoDataBlockManagerWriteThread;

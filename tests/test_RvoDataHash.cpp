@@ -1,8 +1,5 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 #include "RvoSkein.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 

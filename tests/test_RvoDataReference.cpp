@@ -1,13 +1,5 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
-#include "RvoConstAccessor.h"
-#include "RvoDataReference.h"
-#include "RvoHashManager.h"
 #include "RvoHashingJob.h"
-
-#include <gtest/gtest.h>
-
-#include <memory>
 
 namespace {
 

@@ -1,13 +1,9 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 #include "RvoDdiLog.h"
 
 #include <QDir>
 #include <QFile>
 #include <QRegularExpression>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 namespace {
 

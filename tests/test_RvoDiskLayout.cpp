@@ -1,10 +1,7 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 #include "RvoDiskLayout_p.h"
 
 #include <QDir>
-
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>

@@ -1,15 +1,11 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 #include "RvoCacheScan_p.h"
-#include "RvoDataReference.h"
 #include "RvoGarbageCollectorThread_p.h"
 
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QProcess>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>

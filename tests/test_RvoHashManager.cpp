@@ -1,9 +1,4 @@
-#include "OutputCapture.h"
-#include "RvoHashManager.h"
-
-#include <QByteArray>
-
-#include <gtest/gtest.h>
+#include "ManagerTestAccess.h"
 
 #include <atomic>
 #include <random>

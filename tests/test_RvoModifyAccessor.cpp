@@ -1,9 +1,4 @@
 #include "ManagerTestAccess.h"
-#include "RvoConstAccessor.h"
-#include "RvoDataReference.h"
-#include "RvoModifyAccessor.h"
-
-#include <gtest/gtest.h>
 
 TEST(RvoModifyAccessor, WritingAndReleasingMakesANewBlockAndLeavesTheOldOne)
 {

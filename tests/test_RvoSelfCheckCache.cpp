@@ -1,13 +1,8 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
-#include "RvoDataBlockManager.h"
 #include "RvoSelfCheckCache_p.h"
 
 #include <QDir>
 #include <QFileInfo>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 TEST(RvoSelfCheckCache, SetsTheManagerUpOnFreshRootsAndCleansUpWhenItGoes)
 {

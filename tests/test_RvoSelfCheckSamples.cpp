@@ -1,13 +1,10 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 #include "RvoSampleImages_p.h"
 #include "RvoSelfCheckSamples_p.h"
 
 #include <QImage>
 
 #include <cstring>
-
-#include <gtest/gtest.h>
 
 // Subdirectories and empty files give no block.
 TEST(RvoSelfCheckSamples, FilesAreCutIntoBlocksOf256KiBInNameOrder)

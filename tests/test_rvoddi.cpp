@@ -10,8 +10,6 @@
 #include <QProcess>
 #include <QRegularExpression>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <fcntl.h>
 #include <poll.h>

@@ -33,7 +33,6 @@
 #include <QFile>
 #include <QLoggingCategory>
 #include <QSaveFile>
-#include <QStringList>
 
 #include <atomic>
 #include <cstdio>

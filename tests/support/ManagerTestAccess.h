@@ -1,9 +1,11 @@
 #ifndef MANAGERTESTACCESS_H
 #define MANAGERTESTACCESS_H
 
-// Reaches the block manager's and the IO threads' internals for tests, and
-// sets the manager up on temporary roots.
+// What the tests share: reaching the block manager's and the IO threads'
+// internals, setting the manager up on temporary roots, test content and
+// files; it brings GoogleTest and the output captures along.
 
+#include "OutputCapture.h"
 #include "RvoConstAccessor.h"
 #include "RvoDataBlock.h"
 #include "RvoDataBlockManager.h"
@@ -17,6 +19,8 @@
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
+
+#include <gtest/gtest.h>
 
 #include <memory>
 #include <vector>
