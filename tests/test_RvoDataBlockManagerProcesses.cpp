@@ -23,8 +23,6 @@
 
 namespace {
 
-using Manager = RvoDataBlockManager;
-
 const QString kChild = QStringLiteral(RVODDI_TEST_CHILD);
 
 struct DiskState
@@ -61,24 +59,6 @@ DiskState checkDisk(const QStringList &roots)
 QStringList twoRoots(const QTemporaryDir &dir)
 {
     return {dir.filePath(QStringLiteral("a")), dir.filePath(QStringLiteral("b"))};
-}
-
-// Loads each "SEED SIZE DIGEST" line's block through the manager and
-// returns the digests whose bytes are not testContent(SEED, SIZE).
-QStringList lostBlocks(const QByteArray &lines)
-{
-    QStringList lost;
-    for (const QByteArray &line : lines.split('\n')) {
-        const QList<QByteArray> fields = line.split(' ');
-        if (fields.size() != 3)
-            continue;
-        const QString text = QString::fromLatin1(fields.at(2));
-        const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(text);
-        const RvoDataReference ref = Manager::instance().getReference(hash.data());
-        if (bytesOf(ref) != testContent(fields.at(0).toInt(), fields.at(1).toInt()))
-            lost.append(text);
-    }
-    return lost;
 }
 
 // The state letter of process `pid` ('T' when stopped).
@@ -161,7 +141,7 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
     const DiskState before = checkDisk(roots);
     EXPECT_EQ(before.corrupt, QStringList());
 
-    Manager &manager = Manager::instance();
+    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     manager.setup(roots, -1, 7);
     manager.setSubCache(QStringLiteral("Faults"));
     const QStringList lost = lostBlocks(confirmed);

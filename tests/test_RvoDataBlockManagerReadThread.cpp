@@ -24,7 +24,7 @@ QByteArray soundFile(const QByteArray &content)
 
 } // namespace
 
-TEST(RvoDataBlockManagerReadThread, QueueOrdersByPriorityAndDropsOnlyBackgroundWhenLong)
+TEST(RvoDataBlockManagerReadThread, QueueOrdersByPriorityPromotesWhenEnabledAndDropsOnlyBackground)
 {
     QTemporaryDir root;
     Reader reader(root.path(), 10, 50, nullptr);
@@ -58,12 +58,8 @@ TEST(RvoDataBlockManagerReadThread, QueueOrdersByPriorityAndDropsOnlyBackgroundW
     reader.killRequests();
     EXPECT_EQ(reader.requests(), 0);
     EXPECT_TRUE(normal->isPreloading()) << "dropped requests keep their mark";
-}
 
-TEST(RvoDataBlockManagerReadThread, PromotionMovesAQueuedRequestOneStepOnlyWhenEnabled)
-{
-    QTemporaryDir root;
-    Reader reader(root.path(), 10, 50, nullptr);
+    // Promotion moves a queued request one step, only when enabled.
     const RvoSmartPointer<RvoDataHash> first = digestOf(QByteArray("first"));
     const RvoSmartPointer<RvoDataHash> second = digestOf(QByteArray("second"));
     reader.request(first.data(), RvoDataBlockManager::PreloadNormal);

@@ -1,30 +1,23 @@
 // rvoddi-test-child MODE ...: the other processes of the tests that need
-// more than one. Every digest it confirms in the files of kill and share is
-// a line "SEED SIZE DIGEST", where testContent(SEED, SIZE) is the block.
+// more than one. The kill and share modes write a line "SEED SIZE DIGEST"
+// for every block they confirmed, testContent(SEED, SIZE) being its content.
 //
-//   queue ROOT SUBCACHE BUCKETS SEED...
-//                  stores testContent(SEED) and prints each digest's text
-//                  form, then returns from main as soon as the saves are
-//                  queued, without flush or cleanUp: the manager's exit
-//                  clean-up must write them
-//   hold ROOT SUBCACHE SEED...
-//                  keeps testContent(SEED, 1000) live, with garbage
-//                  collection on, until its standard input closes; prints
-//                  each digest's text form, then "ready" once the blocks are
-//                  on disk, and "skipped" when its collector first skips a
-//                  pass because another process holds the sub-cache
-//   kill SIDEFILE ROOT...
-//                  writes blocks to the roots (sub-cache "Faults") through a
-//                  1 MiB budget until it is killed; after each
-//                  flush(true, AllThreads) appends the batch's lines to
-//                  SIDEFILE
-//   share DIR INDEX ROOT...
-//                  one of three writers on the same roots (sub-cache
-//                  "Shared"): waits for the other two, adds shared and own
-//                  content, flushes, publishes its lines as DIR/INDEX.txt,
-//                  lets its blocks go, then loads every block of the three
-//                  files from disk and compares it byte for byte; exit code 1
-//                  and a line on standard error per fault
+// queue ROOT SUBCACHE BUCKETS SEED...: stores testContent(SEED), prints each
+//     digest's text form and returns from main with the saves still queued:
+//     the manager's exit clean-up must write them.
+// hold ROOT SUBCACHE SEED...: keeps testContent(SEED, 1000) live with garbage
+//     collection on until standard input closes; prints each digest's text
+//     form, "ready" once the blocks are on disk, and "skipped" when its
+//     collector first skips a pass because another process holds the
+//     sub-cache.
+// kill SIDEFILE ROOT...: writes blocks (sub-cache "Faults", 1 MiB budget)
+//     until it is killed, appending each batch's lines to SIDEFILE after
+//     flush(true, AllThreads).
+// share DIR INDEX ROOT...: one of three writers (sub-cache "Shared"): waits
+//     for the other two, adds shared and own content, flushes, publishes its
+//     lines as DIR/INDEX.txt, lets its blocks go, then reads every block of
+//     the three files back from disk; exit code 1 and a line on standard
+//     error per block that differs.
 
 #include "ManagerTestAccess.h"
 
@@ -166,22 +159,11 @@ int shareMode(const QString &dir, int index)
         return 3;
     int faults = 0;
     for (const QString &name : names) {
-        QFile file(fileOf(name));
-        file.open(QIODevice::ReadOnly);
-        for (const QByteArray &line : file.readAll().split('\n')) {
-            const QList<QByteArray> fields = line.split(' ');
-            if (fields.size() != 3)
-                continue;
-            const RvoSmartPointer<RvoDataHash> hash
-                    = RvoHashManager::instance().getHash(QString::fromLatin1(fields.at(2)));
-            const RvoDataReference ref = manager().getReference(hash.data());
-            const RvoConstAccessor accessor = ref.constAccessor();
-            if (bytesOf(accessor) != testContent(fields.at(0).toInt(), fields.at(1).toInt())) {
-                std::fprintf(stderr, "process %d: block %s of %s differs\n", index,
-                             fields.at(2).constData(), qPrintable(name));
-                ++faults;
-            }
-        }
+        const QStringList lost = lostBlocks(readFile(fileOf(name)));
+        for (const QString &text : lost)
+            std::fprintf(stderr, "process %d: block %s of %s differs\n", index, qPrintable(text),
+                         qPrintable(name));
+        faults += int(lost.size());
     }
     return faults ? 1 : 0;
 }

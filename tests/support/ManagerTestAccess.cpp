@@ -84,6 +84,22 @@ QByteArray bytesOf(const RvoDataReference &ref)
     return bytesOf(ref.constAccessor());
 }
 
+QStringList lostBlocks(const QByteArray &lines)
+{
+    QStringList lost;
+    for (const QByteArray &line : lines.split('\n')) {
+        const QList<QByteArray> fields = line.split(' ');
+        if (fields.size() != 3)
+            continue;
+        const QString text = QString::fromLatin1(fields.at(2));
+        const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(text);
+        const RvoDataReference ref = manager().getReference(hash.data());
+        if (bytesOf(ref) != testContent(fields.at(0).toInt(), fields.at(1).toInt()))
+            lost.append(text);
+    }
+    return lost;
+}
+
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload)
 {
     QByteArray bytes(12, '\0');

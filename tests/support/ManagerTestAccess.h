@@ -116,6 +116,10 @@ QByteArray bytesOf(const RvoDataBlock *block);
 QByteArray bytesOf(const RvoConstAccessor &accessor);
 QByteArray bytesOf(const RvoDataReference &ref);
 
+// Reads back, through the manager, the blocks of lines "SEED SIZE DIGEST"
+// (testContent(SEED, SIZE) being the content); the digests that differ.
+QStringList lostBlocks(const QByteArray &lines);
+
 // The raw bytes of a block file.
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload);
 // Where the block file of `hash` lies, spelt as the IO threads spell it.
