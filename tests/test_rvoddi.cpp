@@ -42,8 +42,7 @@ QStringList storeBlocks(const QString &root, const QStringList &subCaches, int p
         manager.setSubCache(subCache);
         QVector<RvoDataReference> references;
         for (int i = 0; i < perSubCache; ++i)
-            references.append(manager.addBlock(testContent(++seed, 100000),
-                                               RvoModifyAccessor::CacheContent, true));
+            references.append(addBlock(testContent(++seed, 100000)));
         manager.flush(true, RvoDataBlockManager::AllThreads);
         for (const RvoDataReference &reference : references)
             paths.append(QDir::cleanPath(manager.getBlockDestination(subCache, reference.hash())));
