@@ -4,8 +4,11 @@
 RVODDI_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What every build needs, as Debian packages.
+# nginx and redis-server are run by the remote tier's tests on loopback ports
+# of their own (tests/support/LocalServer.h), never as system services.
 RVODDI_PACKAGES=(cmake ninja-build g++ pkg-config qt6-base-dev libgtest-dev
-                 libbenchmark-dev zlib1g-dev libssl-dev libdeflate-dev)
+                 libbenchmark-dev zlib1g-dev libssl-dev libdeflate-dev
+                 libcurl4-openssl-dev libhiredis-dev nginx redis-server)
 
 rvoddi_log() { printf '== %s\n' "$*" >&2; }
 
@@ -20,9 +23,20 @@ rvoddi_ensure_packages() {
     rvoddi_log "installing ${missing[*]}"
     local sudo=()
     [ "$(id -u)" -eq 0 ] || sudo=(sudo)
-    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq >&2
-    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
-        "${missing[@]}" >&2
+    # A package's own service (nginx on port 80, redis-server on 6379) is not
+    # started by the install: where no policy says otherwise, one that
+    # refuses every start is in place while apt runs.
+    local policy=/usr/sbin/policy-rc.d placed=0 status=0
+    if [ ! -e "$policy" ]; then
+        printf '#!/bin/sh\nexit 101\n' | "${sudo[@]}" tee "$policy" >/dev/null
+        "${sudo[@]}" chmod 755 "$policy"
+        placed=1
+    fi
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq >&2 || status=$?
+    [ $status -ne 0 ] || "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
+        --no-install-recommends "${missing[@]}" >&2 || status=$?
+    [ $placed -eq 0 ] || "${sudo[@]}" rm -f "$policy"
+    return $status
 }
 
 # rvoddi_build NAME [cmake options...]: configures and builds build/NAME.

@@ -47,6 +47,11 @@ public:
         QString error;
     };
 
+    // The largest value a client takes or fetches: a block file's 12-byte
+    // header and the largest compressed payload (less under Qt 5, whose
+    // QByteArray stops short of 2^31 bytes).
+    static const qint64 kMaxValueSize;
+
     // A client for the endpoint's scheme.
     static std::unique_ptr<RvoRemoteServer> create(const RvoRemoteEndpoint &endpoint);
     virtual ~RvoRemoteServer() = default;

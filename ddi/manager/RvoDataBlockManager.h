@@ -62,7 +62,9 @@ class RvoGarbageCollectorThread;
 //      (RvoBlockSaver::m_Lock), a leaf;
 //   6. the buffer pool's lock (RvoBufferPool::m_Lock), a leaf;
 //   7. the log's file lock (RvoDdiLog::m_Lock), a leaf;
-//   8. a root's disk-usage lock (RvoDiskUsage::m_Lock), a leaf.
+//   8. a root's disk-usage lock (RvoDiskUsage::m_Lock), a leaf;
+//   9. a remote client's connection pool lock (RvoConnectionPool::m_Lock),
+//      a leaf: no connection is opened, used or closed while it is held.
 // A collector thread's lock (RvoGarbageCollectorThread::m_Lock) sits between
 // 1 and 3: setSubCache takes it inside the delete lock, and a pass holding
 // it takes only the registry lock (to ask whether a digest is live), never

@@ -1,0 +1,29 @@
+#include "LocalRedis.h"
+
+LocalRedis::LocalRedis()
+    : LocalServer(QStringLiteral("redis-server"), QStringLiteral("/usr/bin/redis-server"),
+                  RvoRemoteEndpoint::Redis, QString())
+{
+}
+
+void LocalRedis::setPassword(const QString &password)
+{
+    m_Password = password;
+}
+
+void LocalRedis::setExtraArguments(const QStringList &arguments)
+{
+    m_ExtraArguments = arguments;
+}
+
+QStringList LocalRedis::arguments(QString *)
+{
+    QStringList arguments = {QStringLiteral("--port"),       QString::number(port()),
+                             QStringLiteral("--bind"),       QStringLiteral("127.0.0.1"),
+                             QStringLiteral("--save"),       QString(),
+                             QStringLiteral("--appendonly"), QStringLiteral("no"),
+                             QStringLiteral("--dir"),        dir()};
+    if (!m_Password.isEmpty())
+        arguments << QStringLiteral("--requirepass") << m_Password;
+    return arguments + m_ExtraArguments;
+}

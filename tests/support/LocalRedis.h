@@ -1,0 +1,28 @@
+#ifndef LOCALREDIS_H
+#define LOCALREDIS_H
+
+#include "LocalServer.h"
+
+// redis-server (/usr/bin/redis-server) on 127.0.0.1:PORT, in the foreground,
+// keeping nothing on disk (no snapshots, no append-only file): a restart
+// starts empty.
+class LocalRedis : public LocalServer
+{
+public:
+    LocalRedis();
+
+    // --requirepass `password` from the next start on.
+    void setPassword(const QString &password);
+    // Further arguments from the next start on, e.g. an ACL user:
+    //   {"--user", "alice", "on", ">secret", "~*", "+@all"}
+    void setExtraArguments(const QStringList &arguments);
+
+protected:
+    QStringList arguments(QString *error) override;
+
+private:
+    QString m_Password;
+    QStringList m_ExtraArguments;
+};
+
+#endif // LOCALREDIS_H

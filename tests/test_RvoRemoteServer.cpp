@@ -1,0 +1,310 @@
+#include "LocalNginx.h"
+#include "LocalRedis.h"
+#include "RvoRemoteServer_p.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QSet>
+
+#include <gtest/gtest.h>
+#include <hiredis.h>
+
+#include <memory>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace {
+
+enum Kind { Nginx, Redis };
+using Remote = RvoRemoteServer;
+
+QString blockName(int i)
+{
+    return QStringLiteral("975632339-1283425033-%1").arg(i);
+}
+
+// Distinct bytes of every value for block i (zeros among them).
+QByteArray blockBytes(int i, int size = 100)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (int k = 0; k < size; ++k)
+        bytes[k] = char((k * 131 + i * 7) & 0xFF);
+    return bytes;
+}
+
+// One command straight to the Redis server on `port`, in database `db`:
+// the string it answers, or nothing.
+std::optional<QByteArray> askRedis(int port, const char *command, const QByteArray &argument,
+                                   int db = 0)
+{
+    redisContext *c = redisConnect("127.0.0.1", port);
+    std::optional<QByteArray> answer;
+    if (c && !c->err) {
+        freeReplyObject(redisCommand(c, "SELECT %d", db));
+        auto *reply = static_cast<redisReply *>(
+                redisCommand(c, "%s %b", command, argument.constData(), size_t(argument.size())));
+        if (reply && reply->type == REDIS_REPLY_STRING)
+            answer = QByteArray(reply->str, int(reply->len));
+        freeReplyObject(reply);
+    }
+    redisFree(c);
+    return answer;
+}
+
+#define START_OR_SKIP(server)                                                                      \
+    if (!(server).isInstalled())                                                                   \
+        GTEST_SKIP() << (server).notInstalled().toStdString();                                     \
+    ASSERT_TRUE((server).start()) << (server).error().toStdString()
+
+#define EXPECT_RESULT(call, expected)                                                              \
+    do {                                                                                           \
+        const Remote::Result r_ = (call);                                                          \
+        EXPECT_EQ(r_.status, Remote::expected) << #call << ": " << r_.error.toStdString();         \
+    } while (false)
+
+// Both kinds of server through the same tests.
+class RemoteServerTest : public ::testing::TestWithParam<Kind>
+{
+protected:
+    RemoteServerTest()
+        : m_Server(GetParam() == Nginx ? std::unique_ptr<LocalServer>(new LocalNginx)
+                                       : std::unique_ptr<LocalServer>(new LocalRedis))
+    {
+    }
+
+    std::unique_ptr<Remote> client() { return Remote::create(m_Endpoint); }
+
+    // The server asks for `password` from "alice" (nginx) or from anyone
+    // and from the ACL user "alice" (Redis).
+    void requirePassword(const QString &password)
+    {
+        if (auto *nginx = dynamic_cast<LocalNginx *>(m_Server.get()))
+            nginx->setBasicAuth(QStringLiteral("alice"), password);
+        if (auto *redis = dynamic_cast<LocalRedis *>(m_Server.get())) {
+            redis->setPassword(password);
+            redis->setExtraArguments({QStringLiteral("--user"), QStringLiteral("alice"),
+                                      QStringLiteral("on"), QLatin1Char('>') + password,
+                                      QStringLiteral("~*"), QStringLiteral("+@all")});
+        }
+    }
+
+    // What the server's own storage holds under `name`: the file
+    // root/<2 characters>/<name>, or the key "rvoddi:<name>".
+    std::optional<QByteArray> stored(const QString &name)
+    {
+        if (GetParam() == Redis)
+            return askRedis(m_Server->port(), "GET", "rvoddi:" + name.toUtf8());
+        QFile file(static_cast<LocalNginx *>(m_Server.get())->filePath(name));
+        return file.open(QIODevice::ReadOnly) ? std::optional<QByteArray>(file.readAll())
+                                              : std::nullopt;
+    }
+
+    // Connections the server took requests on so far (Redis: counting the
+    // question's own).
+    int connections()
+    {
+        if (GetParam() == Redis) {
+            const QByteArray info = askRedis(m_Server->port(), "INFO", "stats").value_or("");
+            const int at = info.indexOf("total_connections_received:") + 27;
+            return info.mid(at, info.indexOf('\r', at) - at).toInt();
+        }
+        QFile log(static_cast<LocalNginx *>(m_Server.get())->accessLogPath());
+        QSet<QByteArray> serials;
+        for (const QByteArray &line :
+             log.open(QIODevice::ReadOnly) ? log.readAll().split('\n') : QList<QByteArray>())
+            serials.insert(line.split(' ').value(0));
+        return int(serials.size()) - serials.contains(QByteArray());
+    }
+
+    std::unique_ptr<LocalServer> m_Server;
+    RvoRemoteEndpoint m_Endpoint;
+};
+
+#define START_SERVER()                                                                             \
+    START_OR_SKIP(*m_Server);                                                                      \
+    m_Endpoint = m_Server->endpoint()
+
+} // namespace
+
+TEST_P(RemoteServerTest, PutThenGetGivesTheBytesBackAndStoresThemUnderTheirKey)
+{
+    START_SERVER();
+    const auto remote = client();
+    for (int size : {0, 1, 1000, 1 << 20}) {
+        SCOPED_TRACE(size);
+        QByteArray fetched("left over");
+        EXPECT_RESULT(remote->put(blockName(size), blockBytes(size, size)), Stored);
+        EXPECT_RESULT(remote->get(blockName(size), &fetched), Found);
+        EXPECT_EQ(fetched, blockBytes(size, size));
+        EXPECT_EQ(stored(blockName(size)), blockBytes(size, size));
+    }
+    QByteArray fetched("left over");
+    EXPECT_RESULT(remote->get(blockName(7), &fetched), Missing);
+    EXPECT_TRUE(fetched.isEmpty());
+    EXPECT_EQ(stored(blockName(7)), std::nullopt);
+}
+
+// A second put of a name sends nothing (HTTP: HEAD finds it) or is refused
+// by SET NX: other bytes under the same name leave the first ones.
+TEST_P(RemoteServerTest, PutOfANameAlreadyThereIsPresentAndKeepsTheFirstBytes)
+{
+    START_SERVER();
+    const auto remote = client();
+    QByteArray fetched;
+    EXPECT_RESULT(remote->put(blockName(1), blockBytes(1)), Stored);
+    EXPECT_RESULT(remote->put(blockName(1), blockBytes(2, 600)), Present);
+    EXPECT_RESULT(remote->get(blockName(1), &fetched), Found);
+    EXPECT_EQ(fetched, blockBytes(1));
+    EXPECT_EQ(stored(blockName(1)), blockBytes(1));
+}
+
+// Calls from several threads through one client are all served, over no
+// more connections than calls at once: the pool reuses them.
+TEST_P(RemoteServerTest, ThreadsShareOneClientOverPooledConnections)
+{
+    START_SERVER();
+    const auto remote = client();
+    const int before = connections();
+    constexpr int kThreads = 4, kNames = 30;
+    std::vector<int> wrong(kThreads, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = t * kNames; i < (t + 1) * kNames; ++i) {
+                QByteArray fetched;
+                wrong[t] += remote->put(blockName(i), blockBytes(i, 3000 + i)).status
+                        != Remote::Stored;
+                wrong[t] += remote->get(blockName(i), &fetched).status != Remote::Found
+                        || fetched != blockBytes(i, 3000 + i);
+                wrong[t] += remote->get(blockName(i + 1000), &fetched).status != Remote::Missing;
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong, std::vector<int>(kThreads, 0));
+    EXPECT_LE(connections() - before, kThreads + 1);
+}
+
+// A paused server accepts connections but never answers: the operation
+// timeout bounds the wait, even on a pooled connection. A stopped one
+// refuses at once.
+TEST_P(RemoteServerTest, PausedOrStoppedServerIsUnavailableWithinItsTimeout)
+{
+    START_SERVER();
+    m_Endpoint.operationTimeoutMs = 500;
+    const auto remote = client();
+    EXPECT_RESULT(remote->put(blockName(1), blockBytes(1)), Stored);
+    for (bool pause : {true, false}) {
+        SCOPED_TRACE(pause ? "paused" : "stopped");
+        pause ? m_Server->pause() : m_Server->stop();
+        for (bool get : {true, false}) {
+            QElapsedTimer clock;
+            clock.start();
+            QByteArray fetched;
+            const Remote::Result result = get ? remote->get(blockName(1), &fetched)
+                                              : remote->put(blockName(2), blockBytes(2));
+            EXPECT_EQ(result.status, Remote::Unavailable);
+            EXPECT_TRUE(pause ? result.error.contains(QLatin1String("timed out"))
+                              : !result.error.isEmpty())
+                    << result.error.toStdString();
+            EXPECT_GE(clock.elapsed(), pause ? 450 : 0);
+            EXPECT_LT(clock.elapsed(), pause ? 2000 : 1100);
+        }
+        m_Server->resume();
+    }
+}
+
+// The pooled connection died with the server; the first call after the
+// restart opens a fresh one instead of failing on the dead one.
+TEST_P(RemoteServerTest, ClientWorksAgainAtOnceAfterTheServerIsKilledAndRestarted)
+{
+    START_SERVER();
+    const auto remote = client();
+    QByteArray fetched;
+    EXPECT_RESULT(remote->put(blockName(1), blockBytes(1)), Stored);
+    m_Server->kill();
+    ASSERT_TRUE(m_Server->restart()) << m_Server->error().toStdString();
+    EXPECT_RESULT(remote->put(blockName(2), blockBytes(2)), Stored);
+    EXPECT_RESULT(remote->get(blockName(2), &fetched), Found);
+    EXPECT_EQ(fetched, blockBytes(2));
+}
+
+TEST_P(RemoteServerTest, WrongOrMissingCredentialsAreUnauthorizedWithoutThePassword)
+{
+    requirePassword(QStringLiteral("s3cret"));
+    START_SERVER();
+    struct Row
+    {
+        const char *user, *password;
+        const char *reason[2]; // nginx, Redis; none: accepted
+    };
+    const Row rows[] = {
+            {"", "", {"HTTP 401", "NOAUTH"}},
+            {"", "wrong-pass", {"HTTP 401", "WRONGPASS"}},
+            {"alice", "wrong-pass", {"HTTP 401", "WRONGPASS"}},
+            {"alice", "s3cret", {}},
+    };
+    int i = 0;
+    for (const Row &row : rows) {
+        SCOPED_TRACE(std::string(row.user) + ":" + row.password);
+        m_Endpoint.user = QString::fromLatin1(row.user);
+        m_Endpoint.password = QString::fromLatin1(row.password);
+        const char *reason = row.reason[GetParam()];
+        QByteArray fetched;
+        const auto remote = client();
+        const Remote::Result results[]
+                = {remote->put(blockName(++i), blockBytes(i)), remote->get(blockName(i), &fetched)};
+        for (const Remote::Status accepted : {Remote::Stored, Remote::Found}) {
+            const Remote::Result &result = results[accepted == Remote::Found];
+            EXPECT_EQ(result.status, reason ? Remote::Unauthorized : accepted);
+            EXPECT_TRUE(reason ? result.error.startsWith(QLatin1String(reason))
+                               : result.error.isEmpty())
+                    << result.error.toStdString();
+            EXPECT_FALSE(result.error.contains(QLatin1String("wrong-pass"))
+                         || result.error.contains(QLatin1String("s3cret")));
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, RemoteServerTest, ::testing::Values(Nginx, Redis),
+                         [](const ::testing::TestParamInfo<Kind> &info) {
+                             return std::string(info.param == Nginx ? "Nginx" : "Redis");
+                         });
+
+// The endpoint's path "/N" names the database the keys go to.
+TEST(RvoRedisRemoteServer, PathSelectsTheDatabase)
+{
+    LocalRedis server;
+    START_OR_SKIP(server);
+    RvoRemoteEndpoint endpoint = server.endpoint();
+    endpoint.path = QStringLiteral("/3");
+    EXPECT_RESULT(Remote::create(endpoint)->put(blockName(1), "bytes"), Stored);
+    EXPECT_EQ(askRedis(server.port(), "GET", "rvoddi:" + blockName(1).toUtf8(), 3), "bytes");
+    EXPECT_EQ(askRedis(server.port(), "GET", "rvoddi:" + blockName(1).toUtf8()), std::nullopt);
+    endpoint.path = QStringLiteral("/x");
+    const Remote::Result result = Remote::create(endpoint)->put(blockName(2), "b");
+    EXPECT_EQ(result.status, Remote::Unavailable);
+    EXPECT_EQ(result.error, QStringLiteral("not a database number: /x"));
+}
+
+// A body announced larger than any block file is refused from its headers,
+// not read (the file is sparse: none of it is on disk).
+TEST(RvoHttpRemoteServer, OversizedBodyIsRefusedBeforeItIsRead)
+{
+    LocalNginx server;
+    START_OR_SKIP(server);
+    QFile file(server.filePath(blockName(1)));
+    ASSERT_TRUE(QDir().mkpath(QFileInfo(file).path()) && file.open(QIODevice::WriteOnly)
+                && file.resize(Remote::kMaxValueSize + 1));
+    file.close();
+    QElapsedTimer clock;
+    clock.start();
+    QByteArray fetched;
+    const Remote::Result result = Remote::create(server.endpoint())->get(blockName(1), &fetched);
+    EXPECT_EQ(result.status, Remote::Unavailable);
+    EXPECT_EQ(result.error, QStringLiteral("body too large"));
+    EXPECT_TRUE(fetched.isEmpty());
+    EXPECT_LT(clock.elapsed(), 1000);
+}
