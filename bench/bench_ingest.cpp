@@ -9,6 +9,18 @@
 // Figures: tiles per second for each phase, and the number of mismatches
 // (must be 0).
 //
+// Beside them, the machine's limit, measured in the same run: before the
+// first ingest, each stage runs alone on one thread over kStageTiles tiles
+// (hash; compress; write and publish the block file; read it; decode it) and
+// its CPU time per tile (user and system, of that thread) is taken. With
+// every core busy and nothing else to do, the ingest could reach
+// cores / (hash + compress + write) tiles per second and the read-back
+// cores / (read + decode); the ingest and read-ahead rates are given as
+// fractions of those limits. The same tiles give the payload size against
+// qCompress(tile, 2)'s (STAGES line). The limits leave out what the kernel does for
+// the files on other threads (write-back, journal) and the library's own
+// bookkeeping, so they are slightly optimistic.
+//
 // The tiles are made before the clock starts (on both cores) and each one is
 // dropped by the benchmark as soon as it is added, so from then on the
 // manager holds the only copy. For the read-back they are made again in
@@ -26,13 +38,18 @@
 //
 // bench/compare_git.sh runs the git baseline and this program in one go.
 
+#include "RvoBlockCodec_p.h"
+#include "RvoBlockFile_p.h"
+#include "RvoBlockSaver_p.h"
 #include "RvoConstAccessor.h"
 #include "RvoDataBlockManager.h"
 #include "RvoDataReference.h"
 #include "support/ImageTiles.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
+#include <QFileInfo>
 #include <QLoggingCategory>
 #include <QTemporaryDir>
 #include <QThread>
@@ -52,6 +69,7 @@
 #include <utility>
 #include <vector>
 
+#include <time.h>
 #include <unistd.h>
 
 namespace {
@@ -59,8 +77,16 @@ namespace {
 constexpr qint64 kBudget = 256LL * 1024 * 1024;
 constexpr int kReadChunk = 256; // tiles made again at a time for the comparison
 constexpr int kReadAhead = 16; // preloads in flight in the read-ahead pass
+constexpr int kStageTiles = 256; // tiles each stage runs on alone
 
 int g_Tiles = 8192;
+
+// QByteArray's size type: int in Qt 5, qsizetype in Qt 6.
+using ArraySize = decltype(QByteArray().size());
+ArraySize arraySize(qint64 n)
+{
+    return ArraySize(n);
+}
 
 enum Mode {
     // addBlock hashes on the calling thread; processIO between adds.
@@ -101,6 +127,8 @@ struct Result
     double readRate;
     double readAheadRate;
     qint64 mismatches;
+    double ingestLimit;
+    double readLimit;
 };
 
 std::vector<Result> &results()
@@ -182,6 +210,122 @@ std::vector<QByteArray> makeTiles(int first, int count)
     return tiles;
 }
 
+// CPU seconds the calling thread has used, user and system.
+double threadCpuSeconds()
+{
+    timespec t {};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+}
+
+// CPU milliseconds per tile of each stage of the ingest and the read-back,
+// each run alone on the calling thread.
+struct StageCosts
+{
+    double hash = 0;
+    double compress = 0;
+    double write = 0; // write the temporary file and rename it
+    double read = 0; // open, read header and payload, close
+    double decode = 0;
+    int cores = 0;
+    // Payload bytes against qCompress(tile, 2)'s on the same tiles.
+    double sizeVsQCompress2 = 0;
+
+    double ingestLimit() const { return cores * 1e3 / (hash + compress + write); }
+    double readLimit() const { return cores * 1e3 / (read + decode); }
+};
+
+// Runs f(i) for i in 0..count-1 and returns the CPU milliseconds per call.
+template<typename F>
+double cpuMsPerCall(int count, F f)
+{
+    const double start = threadCpuSeconds();
+    for (int i = 0; i < count; ++i)
+        f(i);
+    return (threadCpuSeconds() - start) * 1e3 / count;
+}
+
+// The stages as the library runs them: the digest the block is named by,
+// the codec the savers use, RvoBlockSaver's publishing, the read thread's
+// unbuffered reads and RvoBlockFile's decoding. Files go into ten bucket
+// directories of a fresh directory on the same file system as the root.
+StageCosts measureStageCosts()
+{
+    StageCosts costs;
+    costs.cores = QThread::idealThreadCount();
+    const int count = kStageTiles;
+    const std::vector<QByteArray> tiles = makeTiles(0, count);
+    QTemporaryDir dir;
+    RvoBlockCodec codec;
+    std::vector<QString> names(static_cast<size_t>(count));
+    std::vector<QByteArray> payloads(static_cast<size_t>(count));
+    for (QByteArray &payload : payloads)
+        payload.resize(arraySize(codec.compressBound(tiles[0].size())));
+    auto directoryOf = [&dir](int i) { return dir.filePath(QString::number(i % 10)); };
+    auto pathOf = [&](int i) { return directoryOf(i) + QLatin1Char('/') + names[size_t(i)]; };
+
+    ::sync();
+    costs.hash = cpuMsPerCall(count, [&](int i) {
+        names[size_t(i)]
+                = RvoBlockFile::digestText(tiles[size_t(i)].constData(), tiles[size_t(i)].size());
+    });
+    costs.compress = cpuMsPerCall(count, [&](int i) {
+        QByteArray &payload = payloads[size_t(i)];
+        const QByteArray &tile = tiles[size_t(i)];
+        payload.resize(arraySize(
+                codec.compress(tile.constData(), tile.size(), payload.data(), payload.size())));
+    });
+    costs.write = cpuMsPerCall(count, [&](int i) {
+        const QByteArray &payload = payloads[size_t(i)];
+        RvoBlockSaver::save(tiles[size_t(i)].size(), payload.constData(), payload.size(),
+                            directoryOf(i), names[size_t(i)]);
+    });
+    ::sync();
+    std::vector<QByteArray> read(static_cast<size_t>(count),
+                                 QByteArray(payloads[0].size() * 2, '\0'));
+    costs.read = cpuMsPerCall(count, [&](int i) {
+        QFile file(pathOf(i));
+        char head[RvoBlockFile::kHeaderSize];
+        RvoBlockFile::Header header;
+        QByteArray &payload = read[size_t(i)];
+        if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)
+            || file.read(head, sizeof head) != qint64(sizeof head)
+            || RvoBlockFile::parseHeader(head, sizeof head, file.size(), &header)
+                    != RvoBlockFile::Sound
+            || header.payloadLength > payload.size()
+            || file.read(payload.data(), header.payloadLength) != header.payloadLength) {
+            payload.clear();
+            return;
+        }
+        payload.resize(header.payloadLength);
+    });
+    std::vector<QByteArray> decoded(static_cast<size_t>(count));
+    costs.decode = cpuMsPerCall(count, [&](int i) {
+        const QByteArray &payload = read[size_t(i)];
+        RvoBlockFile::decodePayload(codec, payload.constData(), payload.size(),
+                                    tiles[size_t(i)].size(), &decoded[size_t(i)]);
+    });
+    if (decoded != tiles) {
+        std::fprintf(stderr, "bench_ingest: the stages did not give back every tile\n");
+        std::exit(1);
+    }
+    qint64 ours = 0;
+    qint64 zlib = 0;
+    for (int i = 0; i < count; ++i) {
+        ours += payloads[size_t(i)].size();
+        zlib += qCompress(tiles[size_t(i)], 2).size();
+    }
+    costs.sizeVsQCompress2 = double(ours) / double(zlib);
+    return costs;
+}
+
+// Measured once, before the first ingest, and given with every mode.
+const StageCosts &stageCosts()
+{
+    static const StageCosts costs = measureStageCosts();
+    return costs;
+}
+
 void waitForWriters(RvoDataBlockManager &m, Mode mode)
 {
     if (mode == SyncProcessIO || mode == AsyncProcessIO) {
@@ -241,6 +385,7 @@ void BM_IngestAndReadBack(benchmark::State &state)
     const Mode mode = Mode(state.range(0));
     const int count = g_Tiles;
     QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=false"));
+    const StageCosts &stages = stageCosts();
 
     double generateSeconds = 0;
     double ingestSeconds = 0;
@@ -252,6 +397,7 @@ void BM_IngestAndReadBack(benchmark::State &state)
     std::pair<double, double> saverCpu;
     std::pair<double, double> callerCpu;
     qint64 mismatches = 0;
+    qint64 diskBytes = 0;
     for (auto _ : state) {
         QTemporaryDir dir;
         RvoDataBlockManager &m = RvoDataBlockManager::instance();
@@ -286,6 +432,9 @@ void BM_IngestAndReadBack(benchmark::State &state)
         m.flush(true, RvoDataBlockManager::AllThreads);
         ingestSeconds = secondsSince(start);
         const std::map<int, ThreadCpu> cpuAfter = threadCpu();
+        diskBytes = 0;
+        for (QDirIterator it(dir.path(), QDir::Files, QDirIterator::Subdirectories); it.hasNext();)
+            diskBytes += QFileInfo(it.next()).size();
         writerCpu = cpuDelta(cpuBefore, cpuAfter, "QThread");
         poolCpu = cpuDelta(cpuBefore, cpuAfter, "Thread (pooled)");
         saverCpu = cpuDelta(cpuBefore, cpuAfter, "rvoddi-save");
@@ -320,9 +469,21 @@ void BM_IngestAndReadBack(benchmark::State &state)
     state.counters["read_tiles_per_s"] = readRate;
     state.counters["read_ahead_tiles_per_s"] = readAheadRate;
     state.counters["mismatches"] = double(mismatches);
+    state.counters["disk_bytes_per_tile"] = double(diskBytes) / count;
+    state.counters["stage_hash_ms"] = stages.hash;
+    state.counters["stage_compress_ms"] = stages.compress;
+    state.counters["stage_write_ms"] = stages.write;
+    state.counters["stage_read_ms"] = stages.read;
+    state.counters["stage_decode_ms"] = stages.decode;
+    state.counters["cores"] = stages.cores;
+    state.counters["ingest_limit_tiles_per_s"] = stages.ingestLimit();
+    state.counters["ingest_of_limit"] = ingestRate / stages.ingestLimit();
+    state.counters["read_limit_tiles_per_s"] = stages.readLimit();
+    state.counters["read_ahead_of_limit"] = readAheadRate / stages.readLimit();
     if (mismatches != 0)
         state.SkipWithError("read-back differs from the tiles added");
-    results().push_back({modeName(mode), ingestRate, readRate, readAheadRate, mismatches});
+    results().push_back({modeName(mode), ingestRate, readRate, readAheadRate, mismatches,
+                         stages.ingestLimit(), stages.readLimit()});
 }
 
 // Writes tiles 0..count-1 as DIR/tile-00000.bin, ... for the git baseline.
@@ -406,12 +567,20 @@ int main(int argc, char **argv)
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
 
-    // One line per run, for scripts: name, tiles per second, mismatches.
+    // One line per run, for scripts: name, tiles per second, mismatches,
+    // the limits of all cores (see the top of this file).
     for (const Result &r : results()) {
         std::printf("RESULT %s tiles %d ingest_tiles_per_s %.1f read_tiles_per_s %.1f "
-                    "read_ahead_tiles_per_s %.1f mismatches %lld\n",
+                    "read_ahead_tiles_per_s %.1f mismatches %lld ingest_limit_tiles_per_s %.1f "
+                    "read_limit_tiles_per_s %.1f\n",
                     r.mode.c_str(), g_Tiles, r.ingestRate, r.readRate, r.readAheadRate,
-                    r.mismatches);
+                    r.mismatches, r.ingestLimit, r.readLimit);
+    }
+    if (!results().empty()) {
+        const StageCosts &s = stageCosts();
+        std::printf("STAGES cores %d hash_ms %.3f compress_ms %.3f write_ms %.3f read_ms %.3f "
+                    "decode_ms %.3f size_vs_qcompress2 %.4f\n",
+                    s.cores, s.hash, s.compress, s.write, s.read, s.decode, s.sizeVsQCompress2);
     }
     return 0;
 }

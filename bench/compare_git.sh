@@ -17,7 +17,9 @@
 # block by block and once preloading a few blocks ahead, the way a host reads
 # a known sequence of blocks (preloadData); the read-ahead pass is compared
 # with git's cat-file --batch, which also streams. Both sides report tiles
-# per second; the ratios are RvoDdi over git.
+# per second; the ratios are RvoDdi over git. bench_ingest also measures, in
+# the same run, each stage's CPU per tile alone and the rate all cores could
+# reach on those costs; the last column is RvoDdi's rate as a share of it.
 set -euo pipefail
 
 bench=${1:-build/bench/bench/bench_ingest}
@@ -86,15 +88,21 @@ if [ -z "$result" ]; then
     echo "compare_git.sh: bench_ingest printed no RESULT line" >&2
     exit 1
 fi
-# RESULT <mode> tiles N ingest_tiles_per_s X read_tiles_per_s Y read_ahead_tiles_per_s Z mismatches M
-read -r _ mode _ _ _ rvo_ingest _ rvo_read _ rvo_read_ahead _ mismatches <<< "$result"
+# RESULT <mode> tiles N ingest_tiles_per_s X read_tiles_per_s Y read_ahead_tiles_per_s Z
+#        mismatches M ingest_limit_tiles_per_s L read_limit_tiles_per_s R
+read -r _ mode _ _ _ rvo_ingest _ rvo_read _ rvo_read_ahead _ mismatches \
+    _ ingest_limit _ read_limit <<< "$result"
+stages=$(grep '^STAGES ' "$work/rvoddi.txt" | head -n 1)
 
 echo
 echo "tiles: $tiles (256 KiB each), RvoDdi mode: $mode, mismatches: $mismatches"
-printf '%-28s %12s %12s %8s\n' "" "git" "RvoDdi" "ratio"
-printf '%-28s %12s %12s %7sx\n' "store, tiles per second" "$git_store" "$rvo_ingest" "$(ratio "$rvo_ingest" "$git_store")"
-printf '%-28s %12s %12s %7sx\n' "read back, tiles per second" "$git_read" "$rvo_read_ahead" "$(ratio "$rvo_read_ahead" "$git_read")"
-printf '%-28s %12s %12s %7sx\n' "  block by block (extra)" "$git_read" "$rvo_read" "$(ratio "$rvo_read" "$git_read")"
+echo "CPU per tile of each stage alone, ms: ${stages#STAGES }"
+printf '%-28s %10s %10s %8s %10s %9s\n' "" "git" "RvoDdi" "ratio" "limit" "of limit"
+printf '%-28s %10s %10s %7sx %10s %9s\n' "store, tiles per second" "$git_store" "$rvo_ingest" \
+    "$(ratio "$rvo_ingest" "$git_store")" "$ingest_limit" "$(ratio "$rvo_ingest" "$ingest_limit")"
+printf '%-28s %10s %10s %7sx %10s %9s\n' "read back, tiles per second" "$git_read" "$rvo_read_ahead" \
+    "$(ratio "$rvo_read_ahead" "$git_read")" "$read_limit" "$(ratio "$rvo_read_ahead" "$read_limit")"
+printf '%-28s %10s %10s %7sx\n' "  block by block (extra)" "$git_read" "$rvo_read" "$(ratio "$rvo_read" "$git_read")"
 if [ "$mismatches" != "0" ]; then
     exit 1
 fi

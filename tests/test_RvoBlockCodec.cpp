@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <random>
@@ -27,6 +28,15 @@ QByteArray textBytes(int size)
     for (int i = 0; i < size; ++i)
         bytes[i] = words[(i * 7 + i / 53) % (sizeof(words) - 1)];
     return bytes;
+}
+
+using Encoder = RvoBlockCodec::Encoder;
+// Both writers: ISA-L where the CPU has AVX2, libdeflate where it has not.
+const Encoder Encoders[] = {Encoder::IsaL, Encoder::Libdeflate};
+
+const char *nameOf(Encoder encoder)
+{
+    return encoder == Encoder::IsaL ? "ISA-L" : "libdeflate";
 }
 
 // The blocks every round trip goes through: empty, tiny, odd-sized, text,
@@ -75,45 +85,77 @@ testing::AssertionResult refused(RvoBlockCodec &codec, const QByteArray &payload
 
 } // namespace
 
-// Our payloads are qUncompress's format, and qCompress's at any level decode.
+// Our payloads are qUncompress's format, whichever library wrote them, and
+// qCompress's at any level decode.
 TEST(RvoBlockCodec, RoundTripsKeepEveryByteAndMatchQtsFormat)
 {
-    RvoBlockCodec codec;
-    for (const QByteArray &block : sampleBlocks()) {
-        SCOPED_TRACE(block.size());
-        const QByteArray payload = codec.compress(block.constData(), block.size());
-        ASSERT_FALSE(payload.isNull());
-        EXPECT_EQ(headerOf(payload), quint32(block.size()));
-        EXPECT_TRUE(qUncompress(payload) == block);
-        for (const QByteArray &encoded :
-             {payload, qCompress(block, -1), qCompress(block, 2), qCompress(block, 9)}) {
-            const std::vector<char> copy = exactCopy(encoded, encoded.size());
-            QByteArray out;
-            ASSERT_TRUE(codec.uncompress(copy.data(), encoded.size(), block.size(), &out));
-            EXPECT_EQ(out.size(), block.size());
-            EXPECT_TRUE(out == block);
+    for (const Encoder encoder : Encoders)
+        for (const QByteArray &block : sampleBlocks()) {
+            SCOPED_TRACE(testing::Message() << nameOf(encoder) << ", " << block.size() << " bytes");
+            RvoBlockCodec codec(encoder);
+            const QByteArray payload = codec.compress(block.constData(), block.size());
+            ASSERT_FALSE(payload.isNull());
+            EXPECT_EQ(headerOf(payload), quint32(block.size()));
+            EXPECT_TRUE(qUncompress(payload) == block);
+            for (const QByteArray &encoded :
+                 {payload, qCompress(block, -1), qCompress(block, 2), qCompress(block, 9)}) {
+                const std::vector<char> copy = exactCopy(encoded, encoded.size());
+                QByteArray out;
+                ASSERT_TRUE(codec.uncompress(copy.data(), encoded.size(), block.size(), &out));
+                EXPECT_EQ(out.size(), block.size());
+                EXPECT_TRUE(out == block);
+            }
         }
-    }
 }
 
 TEST(RvoBlockCodec, PayloadIsABigEndianLengthThenAZlibStreamOrFourZeroBytes)
 {
-    RvoBlockCodec codec;
-    const QByteArray block = textBytes(0x010203);
-    const QByteArray payload = codec.compress(block.constData(), block.size());
-    ASSERT_GT(payload.size(), 4);
-    EXPECT_EQ(payload.left(4), QByteArray::fromHex("00010203"));
-    // A zlib header: deflate with a 32 KiB window, header checksum valid.
-    EXPECT_EQ(payload[4], char(0x78));
-    EXPECT_EQ((quint8(payload[4]) * 256 + quint8(payload[5])) % 31, 0);
+    for (const Encoder encoder : Encoders) {
+        SCOPED_TRACE(nameOf(encoder));
+        RvoBlockCodec codec(encoder);
+        const QByteArray block = textBytes(0x010203);
+        const QByteArray payload = codec.compress(block.constData(), block.size());
+        ASSERT_GT(payload.size(), 4);
+        EXPECT_EQ(payload.left(4), QByteArray::fromHex("00010203"));
+        // A zlib header: deflate with a 32 KiB window, header checksum valid.
+        EXPECT_EQ(payload[4], char(0x78));
+        EXPECT_EQ((quint8(payload[4]) * 256 + quint8(payload[5])) % 31, 0);
 
-    const char byte = 'x';
-    EXPECT_EQ(codec.compress(&byte, 0), QByteArray(4, '\0'));
-    EXPECT_EQ(codec.compress(nullptr, 0), qCompress(QByteArray(), 2));
-    const std::vector<char> empty(4, '\0');
-    QByteArray out("stale contents");
-    EXPECT_TRUE(codec.uncompress(empty.data(), 4, 0, &out));
-    EXPECT_TRUE(out.isEmpty());
+        const char byte = 'x';
+        EXPECT_EQ(codec.compress(&byte, 0), QByteArray(4, '\0'));
+        EXPECT_EQ(codec.compress(nullptr, 0), qCompress(QByteArray(), 2));
+        const std::vector<char> empty(4, '\0');
+        QByteArray out("stale contents");
+        EXPECT_TRUE(codec.uncompress(empty.data(), 4, 0, &out));
+        EXPECT_TRUE(out.isEmpty());
+    }
+}
+
+// The bound is what the worst case needs, and compress() writes nothing
+// beyond the capacity it is given, even when it runs out of room.
+TEST(RvoBlockCodec, CompressStaysInsideItsCapacity)
+{
+    constexpr char Canary = 0x5A;
+    for (const Encoder encoder : Encoders)
+        for (const QByteArray &block : {randomBytes(1024 * 1024, 7), makeImageLikeTile(2)}) {
+            SCOPED_TRACE(testing::Message() << nameOf(encoder) << ", " << block.size() << " bytes");
+            RvoBlockCodec codec(encoder);
+            const qint64 bound = codec.compressBound(block.size());
+            std::vector<char> out(size_t(bound) + 64, Canary);
+            const qint64 length
+                    = codec.compress(block.constData(), block.size(), out.data(), bound);
+            ASSERT_GT(length, 4);
+            ASSERT_LE(length, bound);
+            EXPECT_EQ(std::count(out.begin() + bound, out.end(), Canary), 64);
+            QByteArray decoded;
+            EXPECT_TRUE(codec.uncompress(out.data(), length, block.size(), &decoded));
+            EXPECT_TRUE(decoded == block);
+
+            std::fill(out.begin(), out.end(), Canary);
+            EXPECT_EQ(codec.compress(block.constData(), block.size(), out.data(), length - 1), -1);
+            EXPECT_EQ(std::count(out.begin() + length - 1, out.end(), Canary),
+                      qint64(out.size()) - length + 1);
+        }
 }
 
 TEST(RvoBlockCodec, TruncatedPayloadIsRefused)
@@ -133,7 +175,11 @@ TEST(RvoBlockCodec, TruncatedPayloadIsRefused)
         EXPECT_TRUE(refused(codec, payload, length, block.size())) << "cut at " << length;
 }
 
-TEST(RvoBlockCodec, FlippedByteIsRefused)
+// A damaged payload never decodes to other bytes than were written. The
+// checksum refuses almost every flip; a flipped bit may still leave the
+// output unchanged (a match distance that points at identical pixels, say),
+// and then the bytes handed out are the block's own.
+TEST(RvoBlockCodec, FlippedByteIsRefusedOrChangesNothing)
 {
     RvoBlockCodec codec;
     const QByteArray small = textBytes(255);
@@ -146,11 +192,20 @@ TEST(RvoBlockCodec, FlippedByteIsRefused)
 
     const QByteArray tile = makeImageLikeTile(6);
     const QByteArray payload = codec.compress(tile.constData(), tile.size());
-    for (int i = 4; i < payload.size(); i += 509) {
+    int refusals = 0;
+    int flips = 0;
+    for (int i = 4; i < payload.size(); i += 509, ++flips) {
         QByteArray bad = payload;
         bad[i] = char(bad[i] ^ 0x10);
-        EXPECT_TRUE(refused(codec, bad, bad.size(), tile.size())) << "byte " << i;
+        QByteArray out("stale contents");
+        if (codec.uncompress(bad.constData(), bad.size(), tile.size(), &out)) {
+            EXPECT_TRUE(out == tile) << "byte " << i;
+        } else {
+            EXPECT_TRUE(out.isEmpty()) << "byte " << i;
+            ++refusals;
+        }
     }
+    EXPECT_GE(refusals, flips - flips / 20);
     // One bit of the Adler-32 alone: the data decodes, the checksum does not match.
     QByteArray badSum = payload;
     badSum[badSum.size() - 1] = char(badSum[badSum.size() - 1] ^ 0x01);
@@ -231,16 +286,22 @@ TEST(RvoBlockCodec, PayloadKeepsNoWorstCaseSlackAndDecodesInPlace)
     EXPECT_TRUE(buffer == block);
 }
 
-TEST(RvoBlockCodec, ImageTilesStayWithinTwoPercentOfZlibLevel2)
+// Block files may take at most 5 % more disk than qCompress level 2 would.
+TEST(RvoBlockCodec, TilesStayWithinFivePercentOfZlibLevel2)
 {
-    RvoBlockCodec codec;
-    qint64 ours = 0;
-    qint64 zlib = 0;
-    for (int index = 0; index < 8; ++index) {
-        const QByteArray tile = makeImageLikeTile(index);
-        ours += codec.compress(tile.constData(), tile.size()).size();
-        zlib += qCompress(tile, 2).size();
+    for (const Encoder encoder : Encoders) {
+        RvoBlockCodec codec(encoder);
+        for (const auto make : {makeImageLikeTile, makePhotoLikeTile}) {
+            qint64 ours = 0;
+            qint64 zlib = 0;
+            for (int index = 0; index < 8; ++index) {
+                const QByteArray tile = make(index, 256 * 1024);
+                ours += codec.compress(tile.constData(), tile.size()).size();
+                zlib += qCompress(tile, 2).size();
+            }
+            EXPECT_LE(double(ours), double(zlib) * 1.05)
+                    << nameOf(encoder) << " level " << RvoBlockCodec::level(encoder) << ": " << ours
+                    << " bytes against " << zlib;
+        }
     }
-    EXPECT_LE(double(ours), double(zlib) * 1.02)
-            << "level " << RvoBlockCodec::level() << ": " << ours << " bytes against " << zlib;
 }

@@ -133,4 +133,72 @@ inline QByteArray makeImageLikeTile(int index, int size = 262144)
     return tile;
 }
 
+// Harder than makeImageLikeTile: an opaque photograph-like RGBA tile with no
+// flat areas. Brightness is smooth value noise at three scales (64, 16 and 4
+// pixels) with a colour cast that drifts over 64 pixels, and every sample
+// carries sensor noise of -5..+5. Deflate finds few long matches in it.
+inline QByteArray makePhotoLikeTile(int index, int size = 262144)
+{
+    using namespace ImageTiles;
+    if (size <= 0)
+        return QByteArray();
+
+    constexpr int Width = 256;
+    const std::uint64_t seed = 0x9407ull * 1000003ull + std::uint64_t(std::uint32_t(index));
+    // A random value in [0, range) at lattice point (gx, gy) of one layer.
+    const auto lattice = [seed](int layer, int gx, int gy, int range) {
+        std::uint64_t s = seed ^ (std::uint64_t(layer) << 48) ^ (std::uint64_t(gx) << 24)
+                ^ std::uint64_t(gy);
+        return randomBelow(s, range);
+    };
+    // Bilinear interpolation of a layer's lattice of cell pixels, minus offset.
+    const auto layerAt = [&lattice](int layer, int cell, int range, int x, int y) {
+        const int gx = x / cell, gy = y / cell;
+        const int fx = x % cell, fy = y % cell;
+        const int top = lattice(layer, gx, gy, range) * (cell - fx)
+                + lattice(layer, gx + 1, gy, range) * fx;
+        const int bottom = lattice(layer, gx, gy + 1, range) * (cell - fx)
+                + lattice(layer, gx + 1, gy + 1, range) * fx;
+        return (top * (cell - fy) + bottom * fy) / (cell * cell) - range / 2;
+    };
+
+    QByteArray tile(size, Qt::Uninitialized);
+    unsigned char *out = reinterpret_cast<unsigned char *>(tile.data());
+    const int pixels = (size + 3) / 4;
+    std::uint64_t noise = seed;
+    for (int p = 0; p < pixels; ++p) {
+        const int x = p % Width;
+        const int y = p / Width;
+        const int luma = 128 + layerAt(0, 64, 200, x, y) + layerAt(1, 16, 48, x, y)
+                + layerAt(2, 4, 20, x, y);
+        const std::uint64_t bits = nextRandom(noise);
+        unsigned char px[4];
+        for (int c = 0; c < 3; ++c) {
+            const int sensor = int((bits >> (c * 8)) % 11) - 5;
+            px[c] = clampByte(luma + layerAt(3 + c, 64, 60, x, y) + sensor);
+        }
+        px[3] = 255;
+        const qint64 offset = qint64(p) * 4;
+        for (int c = 0; c < 4 && offset + c < size; ++c)
+            out[offset + c] = px[c];
+    }
+    return tile;
+}
+
+// Bytes that no compressor can shrink: the worst case for payload size and
+// the case where a deflate writer falls back to stored blocks.
+inline QByteArray makeNoiseTile(int index, int size = 262144)
+{
+    if (size <= 0)
+        return QByteArray();
+    std::uint64_t state = 0x401CEull * 1000003ull + std::uint64_t(std::uint32_t(index));
+    QByteArray tile(size, Qt::Uninitialized);
+    for (int i = 0; i < size; i += 8) {
+        const std::uint64_t r = ImageTiles::nextRandom(state);
+        for (int b = 0; b < 8 && i + b < size; ++b)
+            tile[i + b] = char((r >> (8 * b)) & 0xFF);
+    }
+    return tile;
+}
+
 #endif // IMAGETILES_H

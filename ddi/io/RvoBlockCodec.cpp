@@ -1,14 +1,13 @@
-// Block payloads: qCompress's format, written and read by libdeflate.
+// Block payloads: qCompress's format, written by ISA-L or libdeflate and read
+// by libdeflate.
 //
 //   offset 0: uncompressed length, 32-bit big-endian
 //   offset 4: zlib stream (RFC 1950: 2-byte header, deflate data, Adler-32)
 //
 // An empty block is the zero length alone, as qCompress writes it in Qt 5 and
 // Qt 6. Keeping Qt's format means a block file stays readable by plain
-// qUncompress() (tools, other readers) while the hot path avoids zlib: on
-// 256 KiB image-like tiles libdeflate compresses about twice as fast as
-// qCompress level 2 and decodes about twice as fast as qUncompress, for a
-// slightly smaller payload. The figures behind the level are at
+// qUncompress() (tools, other readers) while the hot path avoids zlib. The
+// figures behind the choice of writer, level and reader are at
 // CompressionLevel below and in bench/RESULTS.md.
 //
 // The reader is stricter than qUncompress: the length field must equal the
@@ -20,9 +19,11 @@
 
 #include <QtEndian>
 
+#include <isa-l/igzip_lib.h>
 #include <libdeflate.h>
 
 #include <limits>
+#include <new>
 #include <utility>
 
 namespace {
@@ -44,36 +45,85 @@ constexpr qint64 MaxBlockSize = qMin(qint64(0xFFFFFFFF), MaxArraySize);
 // hand is a lie, refused before allocating for it.
 constexpr qint64 MaxDeflateRatio = 1032;
 
-// Measured with bench_codec on eight 256 KiB image-like tiles (2-core AMD
-// EPYC shared with other builds, so speeds are noisy); payload size as a
-// share of the input, median speed over uncompressed bytes:
-//   qCompress level 2   40.6 %   83 MB/s   (qUncompress 307 MB/s)
-//   libdeflate level 1  40.1 %  180 MB/s   <- chosen
-//   libdeflate level 2  38.7 %  121 MB/s
-//   libdeflate level 6  38.5 %   73 MB/s   (levels 3-5 in between)
-//   libdeflate decode             626 MB/s
-// Level 1 is the fastest level and already 1.3 % smaller than zlib level 2,
-// well inside the 2 % we allow; the higher levels save another 4 % of disk
-// at a third to three fifths less speed.
-constexpr int CompressionLevel = 1;
+// bench_codec on eight 256 KiB tiles of each kind (2-core AMD EPYC, Zen 4,
+// shared with other builds); payload size against qCompress level 2's, speed
+// over uncompressed bytes in CPU time, medians of 5 repetitions:
+//                              image tiles       photo-like tiles
+//   qCompress level 2             0 %    80 MB/s     0 %    45 MB/s
+//   libdeflate level 1         -1.3 %   180 MB/s   +1.9 %  121 MB/s
+//   ISA-L level 1, 64 Ki tokens +6.8 %  331 MB/s   +4.0 %  358 MB/s
+//   ISA-L level 2, 64 Ki tokens +4.8 %  294 MB/s   +3.1 %  340 MB/s
+//   ISA-L level 2, 16 Ki tokens +3.4 %  300 MB/s   +1.1 %  320 MB/s  <- chosen
+//   ISA-L level 3, 64 Ki tokens +9.1 %  267 MB/s   +3.2 %  269 MB/s
+// (level 0 writes Huffman codes fixed in advance: +25 % on images, stored
+// blocks on photos). The rule: at least 1.5 times libdeflate level 1's speed
+// with payloads at most 5 % larger than qCompress level 2's. ISA-L fits one
+// set of Huffman codes to each deflate block, and a block is as long as its
+// level buffer holds tokens: a smaller buffer (ISAL_DEF_LVL2_SMALL) follows
+// the data more closely for a few per cent of speed.
+constexpr int CompressionLevel = 2;
+constexpr quint32 IsalLevelBufferSize = ISAL_DEF_LVL2_SMALL;
+// libdeflate's fastest level, where ISA-L does not run fast.
+constexpr int LibdeflateLevel = 1;
+
+// ISA-L picks its code for the CPU at run time: AVX-512, AVX2, AVX, SSE4.2
+// or plain C. Its speed above was measured on the AVX2 and AVX-512 paths;
+// below AVX2 its deflate loop has no vector code for hashing and matching
+// and was not measured, so libdeflate writes there. GCC's check includes the
+// OS saving the AVX registers. ISA-L was measured on x86-64 only.
+bool cpuRunsIsalFast()
+{
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2");
+#else
+    return false;
+#endif
+}
+
+// isal_deflate_stateless() writes stored blocks when the compressed stream
+// would not fit in this much room, so it always fits: a 5-byte header per
+// 65,535-byte stored block, plus the zlib header and Adler-32.
+qint64 isalStreamBound(qint64 size)
+{
+    const qint64 blocks = qMax(qint64(1), (size + 65534) / 65535);
+    return size + 5 * blocks + 2 + 4;
+}
 
 } // namespace
 
-RvoBlockCodec::RvoBlockCodec()
-    : m_compressor(libdeflate_alloc_compressor(CompressionLevel))
-    , m_decompressor(libdeflate_alloc_decompressor())
+struct RvoBlockCodec::IsalEncoder
 {
+    isal_zstream stream;
+    // ISA-L's hash tables and match tokens for one block, cache-line aligned.
+    alignas(64) uint8_t levelBuffer[IsalLevelBufferSize];
+};
+
+RvoBlockCodec::Encoder RvoBlockCodec::defaultEncoder()
+{
+    static const Encoder encoder = cpuRunsIsalFast() ? Encoder::IsaL : Encoder::Libdeflate;
+    return encoder;
+}
+
+RvoBlockCodec::RvoBlockCodec(Encoder encoder)
+    : m_Encoder(encoder)
+    , m_Decompressor(libdeflate_alloc_decompressor())
+{
+    if (encoder == Encoder::IsaL)
+        m_Isal.reset(new (std::nothrow) IsalEncoder());
+    else
+        m_Compressor = libdeflate_alloc_compressor(LibdeflateLevel);
 }
 
 RvoBlockCodec::~RvoBlockCodec()
 {
-    libdeflate_free_compressor(m_compressor);
-    libdeflate_free_decompressor(m_decompressor);
+    libdeflate_free_compressor(m_Compressor);
+    libdeflate_free_decompressor(m_Decompressor);
 }
 
-int RvoBlockCodec::level()
+int RvoBlockCodec::level(Encoder encoder)
 {
-    return CompressionLevel;
+    return encoder == Encoder::IsaL ? CompressionLevel : LibdeflateLevel;
 }
 
 qint64 RvoBlockCodec::compressBound(qint64 size) const
@@ -82,12 +132,17 @@ qint64 RvoBlockCodec::compressBound(qint64 size) const
         return -1;
     if (size == 0)
         return HeaderSize;
-    if (!m_compressor)
+    qint64 bound = -1;
+    if (m_Isal) {
+        bound = isalStreamBound(size);
+    } else if (m_Compressor) {
+        const size_t b = libdeflate_zlib_compress_bound(m_Compressor, size_t(size));
+        if (b <= size_t(MaxArraySize))
+            bound = qint64(b);
+    }
+    if (bound < 0 || bound > MaxArraySize - HeaderSize)
         return -1;
-    const size_t bound = libdeflate_zlib_compress_bound(m_compressor, size_t(size));
-    if (bound > size_t(MaxArraySize - HeaderSize))
-        return -1;
-    return HeaderSize + qint64(bound);
+    return HeaderSize + bound;
 }
 
 qint64 RvoBlockCodec::compress(const char *data, qint64 size, char *out, qint64 capacity)
@@ -99,11 +154,35 @@ qint64 RvoBlockCodec::compress(const char *data, qint64 size, char *out, qint64 
     qToBigEndian(quint32(size), header);
     if (size == 0)
         return HeaderSize;
-    // With less room than the bound libdeflate may run out, and says so.
-    const size_t written = libdeflate_zlib_compress(m_compressor, data, size_t(size),
-                                                    header + HeaderSize,
-                                                    size_t(capacity - HeaderSize));
-    return written == 0 ? -1 : HeaderSize + qint64(written);
+    const qint64 written = deflate(data, size, header + HeaderSize, capacity - HeaderSize);
+    return written <= 0 ? -1 : HeaderSize + written;
+}
+
+// The zlib stream for size (1 to MaxBlockSize) bytes, into capacity bytes at
+// out; its length, or 0 when it does not fit.
+qint64 RvoBlockCodec::deflate(const char *data, qint64 size, uchar *out, qint64 capacity)
+{
+    if (!m_Isal) {
+        // With less room than the bound libdeflate may run out, and says so.
+        return qint64(
+                libdeflate_zlib_compress(m_Compressor, data, size_t(size), out, size_t(capacity)));
+    }
+    isal_zstream &stream = m_Isal->stream;
+    isal_deflate_stateless_init(&stream);
+    stream.level = CompressionLevel;
+    stream.level_buf = m_Isal->levelBuffer;
+    stream.level_buf_size = IsalLevelBufferSize;
+    stream.gzip_flag = IGZIP_ZLIB;
+    stream.hist_bits = 0; // the whole 32 KiB window; not reset by the init
+    stream.end_of_stream = 1;
+    // ISA-L's input pointer is not const, but it only reads through it.
+    stream.next_in = reinterpret_cast<uint8_t *>(const_cast<char *>(data));
+    stream.avail_in = quint32(size);
+    stream.next_out = out;
+    stream.avail_out = quint32(qMin(capacity, qint64(std::numeric_limits<quint32>::max())));
+    if (isal_deflate_stateless(&stream) != COMP_OK || stream.avail_in != 0)
+        return 0;
+    return qint64(stream.total_out);
 }
 
 QByteArray RvoBlockCodec::compress(const char *data, qint64 size)
@@ -152,14 +231,14 @@ bool RvoBlockCodec::decode(const char *payload, qint64 length, qint64 expectedSi
         if (quint64(streamLength) > std::numeric_limits<size_t>::max())
             return false;
     }
-    if (expectedSize / MaxDeflateRatio > streamLength || !m_decompressor)
+    if (expectedSize / MaxDeflateRatio > streamLength || !m_Decompressor)
         return false;
 
     QByteArray block(ArraySize(expectedSize), Qt::Uninitialized);
     size_t consumed = 0;
     size_t produced = 0;
     const libdeflate_result result = libdeflate_zlib_decompress_ex(
-            m_decompressor, in + HeaderSize, size_t(streamLength), block.data(),
+            m_Decompressor, in + HeaderSize, size_t(streamLength), block.data(),
             size_t(expectedSize), &consumed, &produced);
     // libdeflate stops at the end of the zlib stream; bytes after it mean the
     // payload is not what was written.

@@ -4,6 +4,8 @@
 #include <QByteArray>
 #include <QtGlobal>
 
+#include <memory>
+
 struct libdeflate_compressor;
 struct libdeflate_decompressor;
 
@@ -12,16 +14,26 @@ struct libdeflate_decompressor;
 // The payload is what qCompress() writes: the uncompressed length as a 4-byte
 // big-endian number, then a zlib stream (RFC 1950); an empty block is the
 // 4-byte zero length alone. Any qUncompress() can read our files and we read
-// theirs, but both directions go through libdeflate, which is about twice as
-// fast as zlib on image tiles (see RvoBlockCodec.cpp).
+// theirs. Payloads are written by ISA-L's igzip where the CPU runs its fast
+// code and by libdeflate elsewhere, and always read by libdeflate; each is
+// several times faster than zlib here (see RvoBlockCodec.cpp).
 //
-// One object per thread: it holds libdeflate's working state, which is large
-// and not safe to share. Create it once and reuse it for every block.
+// One object per thread: it holds the libraries' working state, which is
+// large and not safe to share. Create it once and reuse it for every block.
 class RvoBlockCodec
 {
 public:
-    RvoBlockCodec();
+    // The library that writes payloads. Both write the same format, so a
+    // payload's reader does not depend on it.
+    enum class Encoder { IsaL, Libdeflate };
+
+    // IsaL on a CPU with AVX2, Libdeflate otherwise; checked once per process.
+    static Encoder defaultEncoder();
+
+    explicit RvoBlockCodec(Encoder encoder = defaultEncoder());
     ~RvoBlockCodec();
+
+    Encoder encoder() const { return m_Encoder; }
 
     // The payload for size bytes at data, or a null array when there is none:
     // size negative, beyond the 32-bit length field or beyond what a
@@ -41,16 +53,23 @@ public:
     // and leaves *out empty. payload may point into *out.
     bool uncompress(const char *payload, qint64 length, qint64 expectedSize, QByteArray *out);
 
-    // The libdeflate compression level used by compress().
-    static int level();
+    // The compression level compress() uses, in the encoder's own scale.
+    static int level(Encoder encoder);
 
 private:
     Q_DISABLE_COPY_MOVE(RvoBlockCodec)
 
+    struct IsalEncoder;
+
+    qint64 deflate(const char *data, qint64 size, uchar *out, qint64 capacity);
     bool decode(const char *payload, qint64 length, qint64 expectedSize, QByteArray *out);
 
-    libdeflate_compressor *m_compressor;
-    libdeflate_decompressor *m_decompressor;
+    const Encoder m_Encoder;
+    // Exactly one of the two writers exists, the one m_Encoder names; null
+    // when there was no memory for it.
+    std::unique_ptr<IsalEncoder> m_Isal;
+    libdeflate_compressor *m_Compressor = nullptr;
+    libdeflate_decompressor *m_Decompressor;
 };
 
 #endif // RVOBLOCKCODEC_P_H

@@ -2,11 +2,14 @@
 
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockFile_p.h"
+#include "RvoBlockSaver_p.h"
 #include "RvoBufferPool_p.h"
 #include "RvoCacheScan_p.h"
 #include "RvoDataBlock.h"
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDiskLayout_p.h"
+#include "RvoDiskUsage_p.h"
+#include "RvoRemoteTier_p.h"
 #include "RvoTsan_p.h"
 
 #include <QDir>
@@ -77,6 +80,92 @@ QFuture<RvoDataBlock *> canceledLoad(QFutureInterface<RvoDataBlock *> &promise)
     promise.reportFinished();
     return promise.future();
 }
+
+// One decoder per pool thread, kept for the thread's life.
+RvoBlockCodec &poolCodec()
+{
+    thread_local RvoBlockCodec codec;
+    return codec;
+}
+
+// Checks a block file fetched from a remote on a pool thread, asks the next
+// remotes when it fails, publishes the first sound one into the root and
+// completes the load's future with its block.
+class RemoteTask : public QRunnable
+{
+public:
+    using MakeBlock = RvoDataBlock *(*)(QByteArray bytes, const RvoSmartPointer<RvoDataHash> &hash,
+                                        bool makeLive, qint64 size, bool cached);
+
+    RemoteTask(QFutureInterface<RvoDataBlock *> promise, std::shared_ptr<RvoRemoteTier> tier,
+               int remote, QByteArray file, RvoSmartPointer<RvoDataHash> hash, bool makeLive,
+               QString directory, QString fileName, std::shared_ptr<RvoDiskUsage> diskUsage,
+               MakeBlock makeBlock)
+        : m_Promise(std::move(promise))
+        , m_Tier(std::move(tier))
+        , m_Remote(remote)
+        , m_File(std::move(file))
+        , m_Hash(std::move(hash))
+        , m_MakeLive(makeLive)
+        , m_Directory(std::move(directory))
+        , m_FileName(std::move(fileName))
+        , m_DiskUsage(std::move(diskUsage))
+        , m_MakeBlock(makeBlock)
+    {
+        setAutoDelete(true);
+    }
+
+    void run() override
+    {
+        rvoHappensAfter(this);
+        QByteArray bytes;
+        RvoBlockFile::Header header;
+        for (;;) {
+            const RvoBlockFile::Fault fault = RvoBlockFile::verify(
+                    poolCodec(), m_File.constData(), m_File.size(), m_FileName, &bytes, &header);
+            if (fault == RvoBlockFile::Sound)
+                break;
+            m_Tier->reject(m_Remote, m_FileName, QLatin1String(RvoBlockFile::faultText(fault)));
+            m_File = m_Tier->get(m_FileName, m_Remote + 1, &m_Remote);
+            if (m_Remote < 0) {
+                qCDebug(lcDdi, "Cannot Open File %s to read. Exist?=0",
+                        qPrintable(m_Directory + QDir::separator() + m_FileName));
+                m_Hash->setPreloading(false);
+                m_Promise.reportCanceled();
+                m_Promise.reportFinished();
+                return;
+            }
+        }
+        // Published like a save: under a temporary name, then renamed. A
+        // root that refuses it leaves the block without a disk copy, to be
+        // saved when it leaves memory.
+        const RvoBlockSaver::Outcome outcome
+                = RvoBlockSaver::save(header.size, m_File.constData() + RvoBlockFile::kHeaderSize,
+                                      header.payloadLength, m_Directory, m_FileName);
+        if (outcome.written > 0 && m_DiskUsage)
+            m_DiskUsage->added(RvoBlockFile::kHeaderSize + outcome.written);
+        m_File.clear();
+        m_Hash->setPreloading(false);
+        RvoDataBlock *block
+                = m_MakeBlock(std::move(bytes), m_Hash, m_MakeLive, header.size, outcome.onDisk);
+        if (block)
+            rvoHappensBefore(block);
+        m_Promise.reportResult(block);
+        m_Promise.reportFinished();
+    }
+
+private:
+    QFutureInterface<RvoDataBlock *> m_Promise;
+    std::shared_ptr<RvoRemoteTier> m_Tier;
+    int m_Remote;
+    QByteArray m_File;
+    RvoSmartPointer<RvoDataHash> m_Hash;
+    bool m_MakeLive;
+    QString m_Directory;
+    QString m_FileName;
+    std::shared_ptr<RvoDiskUsage> m_DiskUsage;
+    MakeBlock m_MakeBlock;
+};
 
 } // namespace
 
@@ -182,6 +271,10 @@ RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &has
         // A save of this block may be under way: let the writers finish.
         RvoDataBlockManager::instance().flush(false, RvoDataBlockManager::WriteThreads);
         if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+            const std::shared_ptr<RvoRemoteTier> tier
+                    = RvoDataBlockManager::instance().remoteTier();
+            if (tier && loadFromRemote(tier, promise, hash, makeLive, directory, fileName))
+                return promise.future();
             qCDebug(lcDdi, "Cannot Open File %s to read. Exist?=%d", qPrintable(path),
                     QFile::exists(path) ? 1 : 0);
             return canceledLoad(promise);
@@ -239,33 +332,57 @@ RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &has
     return future;
 }
 
+bool RvoDataBlockManagerReadThread::loadFromRemote(const std::shared_ptr<RvoRemoteTier> &tier,
+                                                   QFutureInterface<RvoDataBlock *> &promise,
+                                                   const RvoSmartPointer<RvoDataHash> &hash,
+                                                   bool makeLive, const QString &directory,
+                                                   const QString &fileName)
+{
+    // Fetched here, on the thread that asked; checked and decoded on the
+    // pool, as a file read from the root would be.
+    int remote = -1;
+    QByteArray file = tier->get(fileName, 0, &remote);
+    if (remote < 0)
+        return false;
+    auto *task = new RemoteTask(promise, tier, remote, std::move(file), hash, makeLive, directory,
+                                fileName, m_DiskUsage, &makeBlock);
+    rvoHappensBefore(task);
+    QThreadPool::globalInstance()->start(task);
+    return true;
+}
+
+RvoDataBlock *RvoDataBlockManagerReadThread::makeBlock(QByteArray bytes,
+                                                       const RvoSmartPointer<RvoDataHash> &hash,
+                                                       bool makeLive, qint64 size, bool cached)
+{
+    auto *block = new RvoDataBlock(0, 0);
+    block->m_Data = std::move(bytes);
+    block->m_Size = size;
+    block->m_Compressed = false;
+    block->m_Cached.store(cached, std::memory_order_release);
+    if (makeLive) {
+        // The manager owns it from here and may drop it as a duplicate.
+        RvoDataBlockManager::instance().makeBlockLive(hash.data(), block);
+        return nullptr;
+    }
+    return block;
+}
+
 bool RvoDataBlockManagerReadThread::decompressAndMakeBlock(const char *payload, qint64 length,
                                                            const RvoSmartPointer<RvoDataHash> &hash,
                                                            bool makeLive, qint64 size,
                                                            const QString &path,
                                                            RvoDataBlock **result)
 {
-    // One decoder per pool thread, kept for the thread's life.
-    thread_local RvoBlockCodec codec;
     QByteArray bytes;
     const RvoBlockFile::Fault fault
-            = RvoBlockFile::decodePayload(codec, payload, length, size, &bytes);
+            = RvoBlockFile::decodePayload(poolCodec(), payload, length, size, &bytes);
     hash->setPreloading(false);
     if (fault != RvoBlockFile::Sound) {
         discardCorrupt(path, RvoBlockFile::faultText(fault));
         return false;
     }
-    auto *block = new RvoDataBlock(0, 0);
-    block->m_Data = std::move(bytes);
-    block->m_Size = size;
-    block->m_Compressed = false;
-    block->m_Cached.store(true, std::memory_order_release);
-    if (makeLive) {
-        // The manager owns it from here and may drop it as a duplicate.
-        RvoDataBlockManager::instance().makeBlockLive(hash.data(), block);
-        block = nullptr;
-    }
-    *result = block;
+    *result = makeBlock(std::move(bytes), hash, makeLive, size, true);
     return true;
 }
 

@@ -6,6 +6,7 @@
 #include "RvoSmartPointer.h"
 
 #include <QFuture>
+#include <QFutureInterface>
 #include <QList>
 #include <QPair>
 #include <QString>
@@ -14,9 +15,12 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
 
 class RvoDataBlock;
+class RvoDiskUsage;
+class RvoRemoteTier;
 class QFile;
 
 // Brings the blocks of one cache root back from their block files.
@@ -25,7 +29,10 @@ class QFile;
 // first come first served within one; background requests are dropped when
 // the queue is long), and the thread loads it and makes it live in the
 // manager. Direct loads: loadBlock() reads the file on the calling thread.
-// Either way the payload is decoded on the global thread pool.
+// Either way the payload is decoded on the global thread pool. A block file
+// missing from the root is asked of the remote tier, when there is one; a
+// file a remote sends is checked against its name on the pool and published
+// into the root before its block is made.
 //
 // A block file that RvoBlockFile does not find sound (lengths that lie, a
 // payload that does not decode to exactly its recorded size) is corrupt: it
@@ -80,6 +87,9 @@ public:
     }
     void setSubCache(const QString &name);
     QString subCache() const;
+    // Where the bytes of the files fetched from remotes and published here
+    // are counted. Set before the thread starts.
+    void setDiskUsage(std::shared_ptr<RvoDiskUsage> usage) { m_DiskUsage = std::move(usage); }
 
     // The queue, front first, as (priority, digest) pairs.
     QList<QPair<int, RvoDataHash *>> queuedRequests() const;
@@ -104,6 +114,16 @@ private:
                                        qint64 size, const QString &path, RvoDataBlock **block);
     // Reports a corrupt block file and deletes it.
     static void discardCorrupt(const QString &path, const char *why);
+    // A new block of `bytes`, known to be on disk when `cached`; with
+    // makeLive handed to the manager (null is returned then).
+    static RvoDataBlock *makeBlock(QByteArray bytes, const RvoSmartPointer<RvoDataHash> &hash,
+                                   bool makeLive, qint64 size, bool cached);
+    // Starts fetching the block file `fileName` from the remote tier into
+    // `directory`; false when no remote has it.
+    bool loadFromRemote(const std::shared_ptr<RvoRemoteTier> &tier,
+                        QFutureInterface<RvoDataBlock *> &promise,
+                        const RvoSmartPointer<RvoDataHash> &hash, bool makeLive,
+                        const QString &directory, const QString &fileName);
 
     const QString m_Root;
     // Guards m_Queue, m_SubCache and m_Closing. Lock order: a leaf.
@@ -119,6 +139,7 @@ private:
     std::deque<Entry> m_Queue; // front first
     std::atomic<bool> m_PromotionEnabled {false};
     std::atomic<qint64> m_PromotionCount {0};
+    std::shared_ptr<RvoDiskUsage> m_DiskUsage; // set before start, then read only
 };
 
 #endif // RVODATABLOCKMANAGERREADTHREAD_P_H

@@ -5,6 +5,9 @@
 #include "RvoDdiLog.h"
 #include "RvoDiskLayout_p.h"
 #include "RvoDiskUsage_p.h"
+#include "RvoRemoteTier_p.h"
+
+#include <QDir>
 
 #include <algorithm>
 #include <unordered_map>
@@ -368,6 +371,12 @@ RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &request,
             if (m_DiskUsage)
                 m_DiskUsage->added(kBlockFileHeaderSize + outcome.written);
             m_RequestsHandled.fetch_add(1, std::memory_order_relaxed);
+            // A file this process made is shared; one found there was made
+            // (and shared) by whoever wrote it.
+            if (const std::shared_ptr<RvoRemoteTier> tier
+                = RvoDataBlockManager::instance().remoteTier())
+                tier->upload(directory + QDir::separator() + fileName, fileName,
+                             kBlockFileHeaderSize + outcome.written);
         }
         // The one point where a save succeeds: the block file is complete
         // under its name. Only then is the block marked saved, and only then

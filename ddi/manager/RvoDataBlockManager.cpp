@@ -13,6 +13,7 @@
 #include "RvoDdiMutexLocker.h"
 #include "RvoGarbageCollectorThread_p.h"
 #include "RvoHashManager.h"
+#include "RvoRemoteTier_p.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -126,6 +127,7 @@ bool RvoDataBlockManager::setup(const QStringList &roots, qint64 maxCacheSize, i
         reader->setSubCache(m_SubCache);
         collector->setSubCache(m_SubCache, std::move(locks[size_t(i)]));
         writer->setDiskUsage(collector->diskUsage());
+        reader->setDiskUsage(collector->diskUsage());
         reader->setRequestPromotionEnabled(requestPromotionEnabled());
         writer->start(QThread::InheritPriority);
         reader->start(QThread::InheritPriority);
@@ -136,6 +138,8 @@ bool RvoDataBlockManager::setup(const QStringList &roots, qint64 maxCacheSize, i
     }
     shareDiskBudget();
     m_IsInitialized.store(true, std::memory_order_release);
+    locker.unlock();
+    startRemoteTier();
     return true;
 }
 
@@ -192,9 +196,8 @@ void RvoDataBlockManager::setSubCache(const QString &name)
     for (int i = 0; i < m_CollectorThreads.size(); ++i) {
         RvoGarbageCollectorThread *collector = m_CollectorThreads.at(i);
         const bool taken = i < collectors.size() && collectors.at(i) == collector;
-        collector->setSubCache(name,
-                               taken ? std::move(locks[size_t(i)])
-                                     : lockSubCache(collector->root(), name));
+        collector->setSubCache(
+                name, taken ? std::move(locks[size_t(i)]) : lockSubCache(collector->root(), name));
     }
 }
 
@@ -235,6 +238,10 @@ void RvoDataBlockManager::dumpStats()
         qCDebug(lcDdi, "Written  %s %lldMb", m_CacheRoots.at(i).toLocal8Bit().constData(),
                 m_WriteThreads.at(i)->bytesWritten() / 1048576);
     }
+    if (const std::shared_ptr<RvoRemoteTier> tier = remoteTier()) {
+        for (const QString &line : tier->stats())
+            qCDebug(lcDdi, "%s", qPrintable(line));
+    }
 }
 
 void RvoDataBlockManager::dumpThreadStats()
@@ -266,6 +273,7 @@ void RvoDataBlockManager::cleanUp()
         return;
     stopGarbageCollection();
     stopAllIoThreads();
+    stopRemoteTier();
 
     std::vector<RvoDataBlock *> blocks;
     int stillRead = 0;

@@ -28,6 +28,7 @@ class RvoDataBlockManagerReadThread;
 class RvoDataBlockManagerWriteThread;
 class RvoDataDeleteLocker;
 class RvoGarbageCollectorThread;
+class RvoRemoteTier;
 
 // The one object through which every data block lives: the blocks in
 // memory, keyed by their interned digest; the memory budget and the
@@ -63,8 +64,11 @@ class RvoGarbageCollectorThread;
 //   6. the buffer pool's lock (RvoBufferPool::m_Lock), a leaf;
 //   7. the log's file lock (RvoDdiLog::m_Lock), a leaf;
 //   8. a root's disk-usage lock (RvoDiskUsage::m_Lock), a leaf;
-//   9. a remote client's connection pool lock (RvoConnectionPool::m_Lock),
+//   9. the manager's remote-tier lock (m_RemoteLock), a leaf;
+//  10. a remote's upload queue lock (RvoRemote::m_Lock), a leaf;
+//  11. a remote client's connection pool lock (RvoConnectionPool::m_Lock),
 //      a leaf: no connection is opened, used or closed while it is held.
+// No lock of this list is held while a remote server is called.
 // A collector thread's lock (RvoGarbageCollectorThread::m_Lock) sits between
 // 1 and 3: setSubCache takes it inside the delete lock, and a pass holding
 // it takes only the registry lock (to ask whether a digest is live), never
@@ -139,6 +143,19 @@ public:
     qint64 liveBlocks() const;
     // Digests known to the registry.
     qint64 managedBlocks() const;
+
+    // The remote tier below the disk cache: HTTP servers that take PUT and
+    // GET, and Redis servers, where blocks missing from the roots are looked
+    // for and where the block files written are uploaded, so that machines
+    // share them. `spec` is a space-separated list of URLs with
+    // '|'-separated attributes (README, "Sharing blocks between machines");
+    // empty: no remote tier. False, with a message naming the bad part and
+    // nothing changed, when it is invalid. Takes effect at once when set up,
+    // otherwise at setup(); kept across cleanUp(). Without a call, setup()
+    // takes the setting from the environment variable
+    // RVODDI_REMOTE_STORAGE. A configuration call.
+    bool setRemoteStorage(const QString &spec);
+    QString remoteStorage() const;
 
     QString subCache() const;
     // Names the sub-cache directory under every root; the threads and the log
@@ -280,6 +297,13 @@ private:
     int cacheIndex(const RvoDataHash *hash);
 
     void stopAllIoThreads();
+    // The remote tier, or null without one; a caller's copy keeps it alive.
+    std::shared_ptr<RvoRemoteTier> remoteTier() const;
+    // Makes the remote tier of the current setting (the environment's
+    // when none was given) when there is none yet.
+    void startRemoteTier();
+    // Waits for the uploads queued, then stops the tier.
+    void stopRemoteTier();
     // Gives each collector its share of the disk budget. REQUIRES: the
     // delete lock held.
     void shareDiskBudget();
@@ -319,6 +343,12 @@ private:
     std::condition_variable m_GcCondition;
     int m_RunningCollectors = 0;
     int m_GcGeneration = 0; // counts switches on and off; nothing reads it
+    // Guards m_RemoteSpec, m_RemoteSpecGiven and m_RemoteTier. Lock order: a
+    // leaf (item 9 above).
+    mutable std::mutex m_RemoteLock;
+    QString m_RemoteSpec;
+    bool m_RemoteSpecGiven = false; // set by setRemoteStorage
+    std::shared_ptr<RvoRemoteTier> m_RemoteTier;
     // The manager's main lock: block-map changes, the sub-cache name and the
     // thread vectors. First in the lock order.
     mutable RvoDdiMutex m_DeleteLock {0, RvoDdiMutex::Recursive};

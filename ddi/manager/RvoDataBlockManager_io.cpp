@@ -9,6 +9,7 @@
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDdiMutexLocker.h"
 #include "RvoGarbageCollectorThread_p.h"
+#include "RvoRemoteTier_p.h"
 
 #include <QThread>
 
@@ -99,6 +100,11 @@ void RvoDataBlockManager::flush(bool writeAll, ThreadType threads)
             });
         }
         flushThreads();
+        // What was saved is on its way to the remotes too.
+        if (threads & WriteThreads) {
+            if (const std::shared_ptr<RvoRemoteTier> tier = remoteTier())
+                tier->flush();
+        }
     }
     QThread::msleep(1);
 }

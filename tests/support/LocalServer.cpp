@@ -7,7 +7,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -50,14 +49,6 @@ bool accepts(int port)
     return connected;
 }
 
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-class ServerProcess : public QProcess
-{
-protected:
-    void setupChildProcess() override { ::prctl(PR_SET_PDEATHSIG, SIGKILL); }
-};
-#endif
-
 } // namespace
 
 LocalServer::LocalServer(const QString &name, const QString &program,
@@ -67,14 +58,6 @@ LocalServer::LocalServer(const QString &name, const QString &program,
     , m_Scheme(scheme)
     , m_Path(path)
 {
-#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
-    m_Process = std::make_unique<QProcess>();
-    m_Process->setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
-#else
-    m_Process = std::make_unique<ServerProcess>();
-#endif
-    m_Process->setProgram(program);
-    m_Process->setWorkingDirectory(m_Dir.path());
 }
 
 LocalServer::~LocalServer()
@@ -120,12 +103,12 @@ bool LocalServer::launch()
     if (!m_Error.isEmpty())
         return false;
     const QString log = m_Dir.filePath(QStringLiteral("output.log"));
-    m_Process->setArguments(arguments);
-    m_Process->setStandardOutputFile(log, QIODevice::Append);
-    m_Process->setStandardErrorFile(log, QIODevice::Append);
-    m_Process->start();
-    if (!m_Process->waitForStarted(10000)) {
-        m_Error = QStringLiteral("%1 did not start: %2").arg(m_Name, m_Process->errorString());
+    ChildProcess::Options options;
+    options.directory = m_Dir.path();
+    options.output = log;
+    options.dieWithThread = true;
+    if (!m_Process.start(m_Program, arguments, options)) {
+        m_Error = QStringLiteral("%1 did not start").arg(m_Name);
         return false;
     }
     QElapsedTimer clock;
@@ -134,7 +117,7 @@ bool LocalServer::launch()
         // Waiting for the end is the pause between tries, and how the
         // process learns that the server gave up (a port taken, a bad
         // configuration).
-        if (m_Process->waitForFinished(10) || clock.elapsed() > 10000) {
+        if (m_Process.waitForFinished(10) || clock.elapsed() > 10000) {
             kill();
             m_Error = QStringLiteral("%1 did not listen on port %2: %3")
                               .arg(m_Name)
@@ -150,9 +133,9 @@ void LocalServer::stop()
 {
     if (!isRunning())
         return;
-    ::kill(pid_t(m_Process->processId()), SIGTERM);
-    ::kill(pid_t(m_Process->processId()), SIGCONT);
-    if (!m_Process->waitForFinished(10000))
+    m_Process.signal(SIGTERM);
+    m_Process.signal(SIGCONT);
+    if (!m_Process.waitForFinished(10000))
         kill();
 }
 
@@ -160,20 +143,20 @@ void LocalServer::kill()
 {
     if (!isRunning())
         return;
-    m_Process->kill();
-    m_Process->waitForFinished(10000);
+    m_Process.signal(SIGKILL);
+    m_Process.waitForFinished(10000);
 }
 
 void LocalServer::pause()
 {
     if (isRunning())
-        ::kill(pid_t(m_Process->processId()), SIGSTOP);
+        m_Process.signal(SIGSTOP);
 }
 
 void LocalServer::resume()
 {
     if (isRunning())
-        ::kill(pid_t(m_Process->processId()), SIGCONT);
+        m_Process.signal(SIGCONT);
 }
 
 bool LocalServer::restart()
@@ -184,8 +167,7 @@ bool LocalServer::restart()
 
 bool LocalServer::isRunning() const
 {
-    m_Process->waitForFinished(0); // notices a server that ended by itself
-    return m_Process->state() != QProcess::NotRunning;
+    return m_Process.isRunning();
 }
 
 QString LocalServer::output() const

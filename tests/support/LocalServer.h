@@ -10,9 +10,9 @@
 // Threading: driven by one thread, the one that starts it, which must
 // outlive the server.
 
+#include "ChildProcess.h"
 #include "RvoRemoteEndpoint_p.h"
 
-#include <QProcess>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -77,7 +77,7 @@ private:
     const RvoRemoteEndpoint::Scheme m_Scheme;
     const QString m_Path;
     QTemporaryDir m_Dir;
-    std::unique_ptr<QProcess> m_Process;
+    mutable ChildProcess m_Process; // reaped when found ended
     int m_Port = 0;
     QString m_Error;
 };

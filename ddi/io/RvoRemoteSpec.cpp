@@ -1,0 +1,155 @@
+#include "RvoRemoteSpec_p.h"
+
+#include <QRegularExpression>
+#include <QUrl>
+
+namespace {
+
+// A whole decimal number in [minimum, maximum], or -1.
+qint64 number(const QString &text, qint64 minimum, qint64 maximum)
+{
+    bool ok = false;
+    const qint64 value = text.toLongLong(&ok);
+    if (!ok || text.startsWith(QLatin1Char('+')) || value < minimum || value > maximum)
+        return -1;
+    return value;
+}
+
+// The endpoint of one URL, or an error text.
+bool parseUrl(const QString &text, RvoRemoteEndpoint *endpoint, QString *error)
+{
+    const QUrl url(text, QUrl::StrictMode);
+    if (!url.isValid()) {
+        *error = QStringLiteral("not a valid URL");
+        return false;
+    }
+    const QString scheme = url.scheme().toLower();
+    if (scheme == QLatin1String("http"))
+        endpoint->scheme = RvoRemoteEndpoint::Http;
+    else if (scheme == QLatin1String("https"))
+        endpoint->scheme = RvoRemoteEndpoint::Https;
+    else if (scheme == QLatin1String("redis"))
+        endpoint->scheme = RvoRemoteEndpoint::Redis;
+    else {
+        *error = QStringLiteral("unknown scheme '%1' (http, https or redis)").arg(url.scheme());
+        return false;
+    }
+    if (url.host().isEmpty()) {
+        *error = QStringLiteral("no host");
+        return false;
+    }
+    if (url.hasQuery() || url.hasFragment()) {
+        *error = QStringLiteral("a query or fragment is not allowed");
+        return false;
+    }
+    endpoint->host = url.host();
+    endpoint->port = qMax(url.port(), 0);
+    endpoint->user = url.userName();
+    endpoint->password = url.password();
+    QString path = url.path(QUrl::FullyEncoded);
+    while (path.endsWith(QLatin1Char('/')))
+        path.chop(1);
+    if (endpoint->scheme == RvoRemoteEndpoint::Redis && !path.isEmpty()
+        && number(path.mid(1), 0, 65535) < 0) {
+        *error = QStringLiteral("a Redis URL's path is a database number, not '%1'").arg(path);
+        return false;
+    }
+    endpoint->path = path;
+    return true;
+}
+
+// One entry: URL|attribute|...
+bool parseEntry(const QString &entry, RvoRemoteSpec::Remote *remote, QString *error)
+{
+    const QStringList parts = entry.split(QLatin1Char('|'));
+    QString urlText = parts.first();
+    RvoRemoteEndpoint defaults;
+    bool sharded = false;
+    for (int i = 1; i < parts.size(); ++i) {
+        const QString &attribute = parts.at(i);
+        const int equals = attribute.indexOf(QLatin1Char('='));
+        const QString name = attribute.left(equals);
+        const QString value = equals < 0 ? QString() : attribute.mid(equals + 1);
+        qint64 parsed = 0;
+        if (name == QLatin1String("read-only") && equals < 0) {
+            remote->readOnly = true;
+        } else if (name == QLatin1String("connect-timeout")
+                   && (parsed = number(value, 1, 3600000)) > 0) {
+            defaults.connectTimeoutMs = int(parsed);
+        } else if (name == QLatin1String("operation-timeout")
+                   && (parsed = number(value, 1, 3600000)) > 0) {
+            defaults.operationTimeoutMs = int(parsed);
+        } else if (name == QLatin1String("upload-queue")
+                   && (parsed = number(value, 0, 1 << 20)) >= 0) {
+            remote->uploadQueueBytes = parsed << 20;
+        } else if (name == QLatin1String("shards") && !value.isEmpty()) {
+            remote->shardNames = value.split(QLatin1Char(','));
+            sharded = true;
+            if (remote->shardNames.contains(QString())) {
+                *error = QStringLiteral("an empty shard name in '%1'").arg(attribute);
+                return false;
+            }
+            if (remote->shardNames.removeDuplicates() > 0) {
+                *error = QStringLiteral("a shard named twice in '%1'").arg(attribute);
+                return false;
+            }
+        } else {
+            *error = QStringLiteral("bad attribute '%1'").arg(attribute);
+            return false;
+        }
+    }
+    const int stars = urlText.count(QLatin1Char('*'));
+    if (sharded != (stars == 1)) {
+        *error = sharded ? QStringLiteral("shards given, but the URL has no single '*'")
+                         : QStringLiteral("a '*' in the URL needs shards=");
+        return false;
+    }
+    const QStringList shards = sharded ? remote->shardNames : QStringList {QString()};
+    for (const QString &shard : shards) {
+        RvoRemoteEndpoint endpoint = defaults;
+        QString urlError;
+        QString text = urlText;
+        text.replace(QLatin1Char('*'), shard);
+        if (!parseUrl(text, &endpoint, &urlError)) {
+            *error = sharded ? QStringLiteral("shard '%1': %2").arg(shard, urlError) : urlError;
+            return false;
+        }
+        if (!remote->servers.isEmpty() && remote->servers.first().scheme != endpoint.scheme) {
+            *error = QStringLiteral("shards of different kinds");
+            return false;
+        }
+        remote->servers.append(endpoint);
+    }
+    remote->maskedText = RvoRemoteSpec::mask(entry);
+    return true;
+}
+
+} // namespace
+
+bool RvoRemoteSpec::parse(const QString &text, QVector<Remote> *remotes, QString *error)
+{
+    QVector<Remote> parsed;
+    const QStringList entries
+            = text.split(QRegularExpression(QStringLiteral("\\s+")), Qt::SkipEmptyParts);
+    for (const QString &entry : entries) {
+        Remote remote;
+        QString why;
+        if (!parseEntry(entry, &remote, &why)) {
+            *error = QStringLiteral("Remote storage entry '%1': %2").arg(mask(entry), why);
+            return false;
+        }
+        parsed.append(remote);
+    }
+    *remotes = parsed;
+    return true;
+}
+
+QString RvoRemoteSpec::mask(const QString &text)
+{
+    // scheme://userinfo@ -> scheme://***@ ; the user info ends at the last
+    // '@' before the path.
+    static const QRegularExpression credentials(QStringLiteral("(://)[^/\\s|]*@"));
+    QString masked = text;
+    masked.replace(credentials, QStringLiteral("\\1***@"));
+    return masked;
+}

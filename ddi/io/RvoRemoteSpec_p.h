@@ -1,0 +1,42 @@
+#ifndef RVOREMOTESPEC_P_H
+#define RVOREMOTESPEC_P_H
+
+#include "RvoRemoteEndpoint_p.h"
+
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+// The remote-storage setting: space-separated entries, each a URL with
+// optional '|'-separated attributes, for example
+//
+//   http://cache1:8080/tiles|read-only redis://127.0.0.1:*|shards=6380,6381
+//
+// Schemes http, https and redis; user and password in the URL are used to
+// connect. Attributes: read-only; connect-timeout=MS (default 100);
+// operation-timeout=MS (default 10000); upload-queue=MIB (the bytes of block
+// files that may wait for upload, default 256); shards=A,B,... (several
+// servers of one kind: each name replaces the '*' of the URL).
+class RvoRemoteSpec
+{
+public:
+    // One entry: one remote, of one server or of several shards.
+    struct Remote
+    {
+        QVector<RvoRemoteEndpoint> servers; // one per shard, in the given order
+        QStringList shardNames; // empty without shards
+        bool readOnly = false;
+        qint64 uploadQueueBytes = 256LL << 20;
+        QString maskedText; // the entry with its credentials masked
+    };
+
+    // Parses `text` into *remotes (an empty or blank text gives none).
+    // False, with *error naming the bad part (credentials masked), when any
+    // entry is invalid; *remotes is then untouched.
+    static bool parse(const QString &text, QVector<Remote> *remotes, QString *error);
+
+    // `text` with the credentials of every URL in it replaced by "***".
+    static QString mask(const QString &text);
+};
+
+#endif // RVOREMOTESPEC_P_H
