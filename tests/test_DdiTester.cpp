@@ -37,7 +37,7 @@ TesterRun runTester(const QString &dataDirectory, RvoSelfCheckHooks *hooks = nul
     tester.setCacheDirectory(cacheDirectory);
     tester.setShowProgress(showProgress);
     rvoSetSelfCheckHooks(tester, hooks);
-    RvoOutputCapture capture;
+    StdoutCapture capture;
     const int failures = tester.runAllTest(0);
     return {failures, capture.lines()};
 }

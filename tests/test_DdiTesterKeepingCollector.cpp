@@ -16,7 +16,7 @@ TEST(DdiTesterKeepingCollector, CollectorThatKeepsEverythingFailsTheGarbageColle
     QTemporaryDir data;
     DdiTester tester;
     tester.setTestDataDirectory(data.path());
-    RvoOutputCapture capture;
+    StdoutCapture capture;
     const int failures = tester.runAllTest(0);
     const QStringList failed
             = capture.lines().filter(QRegularExpression(QStringLiteral("^(?!\\[ OK \\] )")));

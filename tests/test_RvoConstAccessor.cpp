@@ -18,7 +18,7 @@ TEST(RvoConstAccessor, PinCountsStayExactThroughCopiesAndAssignmentsAndHoldThrou
     ManagerSetup setup(1, QString(), 10, 3 * 100000);
     const RvoDataReference a = addBlock(testContent(2));
     const RvoDataReference b = addBlock(testContent(3));
-    RvoOutputCapture out;
+    StdoutCapture out;
     {
         RvoConstAccessor onA = a.constAccessor();
         EXPECT_FALSE(evictable(a));
@@ -57,7 +57,7 @@ TEST(RvoConstAccessor, NullReferenceGivesANullAccessorAndReportsBothSteps)
     ManagerSetup setup;
     const RvoDataReference null;
     DebugCapture debug;
-    RvoOutputCapture out;
+    StdoutCapture out;
     const RvoConstAccessor accessor = null.constAccessor();
     EXPECT_TRUE(accessor.isNull());
     EXPECT_EQ(accessor.size(), 0);

@@ -20,7 +20,7 @@ TEST(RvoDataBlock, ConstructorsGiveTheirBytesUncompressedAndRefuseImpossibleSize
         EXPECT_FALSE(block->cached());
     }
 
-    RvoOutputCapture out;
+    StdoutCapture out;
     const RvoDataBlock negative(-1, 0);
     const RvoDataBlock null(nullptr, 10);
     EXPECT_EQ(negative.size(), 0);

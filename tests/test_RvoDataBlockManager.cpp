@@ -28,7 +28,7 @@ TEST(RvoDataBlockManager, SetupCreatesRootsAndStartsThreadsPerRootAndTheBudgetIs
     EXPECT_EQ(Access::readThreadCount(), 2);
     EXPECT_TRUE(Access::writeThread(0)->isRunning() && Access::readThread(1)->isRunning());
 
-    RvoOutputCapture out;
+    StdoutCapture out;
     EXPECT_TRUE(manager.setup(roots, 1000, 4));
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Setup called twice on DataBlock Manager")});
     EXPECT_EQ(Access::writeThreadCount(), 4) << "a second setup adds a further set of threads";
@@ -56,7 +56,7 @@ TEST(RvoDataBlockManager, UncreatableRootIsReportedTwiceAndStillServedAndNoBucke
     ASSERT_TRUE(writeFile(dir.path() + QStringLiteral("/file"), QByteArray()));
     const QString root = dir.path() + QStringLiteral("/file/root");
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    RvoOutputCapture out;
+    StdoutCapture out;
     manager.setup({root}, -1, 0);
     const QString line = QStringLiteral("Cannot Create cache root at ") + root;
     EXPECT_EQ(out.lines(),
@@ -79,7 +79,7 @@ TEST(RvoDataBlockManager, SubCacheAndRequestPromotionReachTheThreads)
     RvoDdiLog::instance().log(RvoDdiLog::Information, "x.cpp", 1, QStringLiteral("here"));
     EXPECT_TRUE(QFile::exists(setup.root(0) + QStringLiteral("/Project/DdiLog.txt")));
 
-    RvoOutputCapture out;
+    StdoutCapture out;
     manager.setSubCache(QStringLiteral("Project"));
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Subcache Set to Project twice")});
 

@@ -78,7 +78,7 @@ TEST(RvoDataBlockManagerBlocks, EqualContentIsStoredOnceButDontCacheBlocksAreEac
     const RvoDataReference keep2 = addBlock(testContent(2, 300000), RvoModifyAccessor::DontCache);
     const RvoDataReference old1 = addBlock(testContent(3, 100000));
     const RvoDataReference old2 = addBlock(testContent(4, 100000));
-    RvoOutputCapture out;
+    StdoutCapture out;
     const RvoDataReference big = addBlock(testContent(5, (1 << 20) + 1));
     EXPECT_EQ(out.lines(),
               QStringList {QStringLiteral("Requested Block is larger than the maximum allocation "
@@ -102,7 +102,7 @@ TEST(RvoDataBlockManagerBlocks, PinsDoNotNestAndMisuseIsReported)
     ManagerSetup setup;
     const RvoDataReference ref = addBlock(testContent(1, 100));
     RvoDataHash *hash = hashOf(ref);
-    RvoOutputCapture out;
+    StdoutCapture out;
     Access::lockBlock(hash);
     Access::lockBlock(hash);
     EXPECT_TRUE(Access::blockIsLocked(hash));
@@ -152,7 +152,7 @@ TEST(RvoDataBlockManagerBlocks, BackPressureNeverWaitsOnAnEmptyQueueAndNoSetupFr
 
     // Freeing a block without a setup does nothing.
     const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(QByteArray("x"));
-    RvoOutputCapture out;
+    StdoutCapture out;
     Access::freeBlock(hash.data());
     EXPECT_EQ(out.lines(), QStringList());
 }

@@ -78,7 +78,7 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     constexpr int kBlock = 16 * 1024;
     manager.setup({root}, 32 * kBlock, 10); // a write backlog of 8 blocks holds producers
     DebugCapture debug;
-    RvoOutputCapture out;
+    StdoutCapture out;
     QMutex lock; // guards refs and contents, filled by the producer
     QVector<RvoDataReference> refs;
     QVector<QByteArray> contents;

@@ -56,7 +56,7 @@ TEST(RvoDataBlockManagerGroups, MalformedPayloadsGiveNoMembersAndNullMembersAreR
                 << payload.toHex().constData();
     EXPECT_EQ(manager().extractGroupBlock(addBlock(header(1337, 64, 1) + digest)).size(), 1);
 
-    RvoOutputCapture out;
+    StdoutCapture out;
     EXPECT_TRUE(
             manager().makeGroupBlock({addBlock(testContent(1, 10)), RvoDataReference()}).isNull());
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Group member 1 has no digest")});

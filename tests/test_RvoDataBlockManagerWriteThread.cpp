@@ -136,7 +136,7 @@ TEST(RvoDataBlockManagerWriteThread, RefusedSavesWaitAndAreRetriedUntilTheDiskTa
     // Live, not owned by its save.
     std::unique_ptr<RvoDataBlock> kept(new RvoDataBlock(contents.at(0)));
     writer.writeBlock(RvoDataBlockManager::PreloadNormal, hashes.at(0), kept.get(), false);
-    RvoOutputCapture out;
+    StdoutCapture out;
     DebugCapture debug;
     QElapsedTimer timer;
     timer.start();

@@ -60,7 +60,7 @@ TEST(RvoDataHash, DigestIsTheSkeinDigestOfThatSizeAndItsTextFormRoundTrips)
 TEST(RvoDataHash, MalformedTextEmptyDigestsAndZeroSizeAreReported)
 {
     DebugCapture debug;
-    RvoOutputCapture out;
+    StdoutCapture out;
     RvoDataHash hash(QByteArray("x"), RvoDataHash::Skein512);
     hash.fromString(QStringLiteral("1-2-3"));
     EXPECT_TRUE(hash.isEmpty());
@@ -145,7 +145,7 @@ TEST(RvoDataHash, LiveObjectsAreCountedAndTheLastReferenceDeletes)
     EXPECT_EQ(RvoDataHash::hashCount(), before);
 
     auto *hash = new RvoDataHash(testContent(5, 5), RvoDataHash::Skein512);
-    RvoOutputCapture out;
+    StdoutCapture out;
     RvoSmartPointer<RvoDataHash>::adopt(hash).reset(); // a count nobody took
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("No Positive Ref Count in Dec Ref")});
     EXPECT_EQ(RvoDataHash::hashCount(), before + 1);

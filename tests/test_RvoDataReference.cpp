@@ -109,7 +109,7 @@ TEST(RvoDataReference, ChainsOfJobsAreFollowedToTheirEndAndNoBlockGivesNullAcces
     EXPECT_EQ(chained.hashPtr(), target.hashPtr());
     EXPECT_TRUE(chained == target);
 
-    RvoOutputCapture out;
+    StdoutCapture out;
     const RvoDataReference nothing = pendingOn(pendingOn(RvoDataReference()));
     EXPECT_EQ(nothing.hash(), QStringLiteral("NULL"));
     EXPECT_TRUE(nothing.isNull());

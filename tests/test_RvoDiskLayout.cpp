@@ -43,7 +43,7 @@ TEST(RvoDiskLayout, RootIsTheDigitSumOfTheFirstFourCharactersSeparatorsCountingM
     EXPECT_EQ(QDir::cleanPath(manager().getBlockDestination(QString(), odd)),
               setup.root(1) + QStringLiteral("/7/") + odd);
 
-    RvoOutputCapture out;
+    StdoutCapture out;
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("1-0-3")), -1); // -1+0-1+1 = -1
     const QString none = digestText({QStringLiteral("1"), QStringLiteral("0")});
     EXPECT_EQ(manager().getBlockDestination(QString(), none), QString());
@@ -62,7 +62,7 @@ TEST(RvoDiskLayout, RootIsTheDigitSumOfTheFirstFourCharactersSeparatorsCountingM
 TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsOrNoRootsAreRefused)
 {
     // Without a setup, or without roots, nothing is chosen.
-    RvoOutputCapture unset;
+    StdoutCapture unset;
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("4150-1")), -1);
     EXPECT_EQ(RvoDataBlockManager::instance().getBlockDestination(
                       QString(), digestText({QStringLiteral("1")})),
@@ -76,7 +76,7 @@ TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsOrNoRootsAreRefused)
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("1-0-3")), 0);
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("9999")), 0);
 
-    RvoOutputCapture out;
+    StdoutCapture out;
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("12")), -1);
     EXPECT_EQ(Access::cacheIndex(static_cast<const RvoDataHash *>(nullptr)), -1);
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Hash String is too Short 12")});

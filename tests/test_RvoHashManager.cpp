@@ -112,7 +112,7 @@ TEST(RvoHashManager, ValidateStateReportsCachedDigestsAndDebugInfoAndSnapshotLis
     const RvoSmartPointer<RvoDataHash> dontCache = registry.getHash(content(10));
     dontCache->setDontCache(true);
 
-    RvoOutputCapture out;
+    StdoutCapture out;
     registry.validateState();
     EXPECT_EQ(out.lines(),
               QStringList {QStringLiteral("There is a live hash '%1' (ref count = 2) "

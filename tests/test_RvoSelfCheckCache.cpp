@@ -43,7 +43,7 @@ TEST(RvoSelfCheckCache, ParentThatCannotBeADirectoryIsReportedAndNothingIsSetUp)
     QTemporaryDir parent;
     const QString file = parent.filePath(QStringLiteral("file"));
     ASSERT_TRUE(writeFile(file, "x"));
-    RvoOutputCapture output;
+    StdoutCapture output;
     const RvoSelfCheckCache cache(file, 1, -1, 10);
     EXPECT_EQ(cache.error(),
               QStringLiteral("expected a cache directory at %1, saw none could be made").arg(file));

@@ -102,7 +102,7 @@ int main(int argc, char **argv)
     QStringList reports;
     qint64 filesWritten = 0, filesRead = 0;
     {
-        RvoOutputCapture capture;
+        StdoutCapture capture;
         manager.setup({first.path(), second.path()}, kBudget, 10);
         manager.setSubCache(QStringLiteral("Soak"));
         manager.startGarbageCollection();

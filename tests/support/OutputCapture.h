@@ -12,6 +12,9 @@
 
 #include <ostream>
 
+// Standard output, captured by the library's own class.
+using StdoutCapture = RvoOutputCapture;
+
 // Collects the messages of the "rvoddi" category while it lives; other
 // messages go to the handler that was installed before.
 class DebugCapture
