@@ -1,3 +1,4 @@
+#include "ChildProcess.h"
 #include "ManagerTestAccess.h"
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockFile_p.h"
@@ -6,12 +7,11 @@
 #include <QDirIterator>
 #include <QMutex>
 #include <QRandomGenerator>
+#include <QStandardPaths>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
 
 using Access = RvoDataBlockManagerTestAccess;
@@ -26,30 +26,20 @@ QByteArray noise(int seed, int size)
     return bytes;
 }
 
-// Runs a program and waits for it; true when it exits with 0. A plain
-// fork: QProcess starts children with a vfork-like clone, whose child runs
-// on the parent's memory and leaves ThreadSanitizer blind to the parent's
-// locks afterwards.
-bool run(std::vector<std::string> args)
+// Runs a program to its end, with a plain fork and exec (see ChildProcess);
+// true when it exits with 0.
+bool run(const QString &program, const QStringList &arguments)
 {
-    std::vector<char *> argv;
-    for (std::string &arg : args)
-        argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status)
-            && WEXITSTATUS(status) == 0;
+    ChildProcess child;
+    return child.start(QStandardPaths::findExecutable(program), arguments, {})
+            && child.waitForFinished(60000) && child.exitCode() == 0;
 }
 
 bool mountTmpfs(const QString &options, const QString &path)
 {
-    return run({"mount", "-t", "tmpfs", "-o", options.toStdString(), "rvoddi-full",
-                path.toStdString()});
+    return run(QStringLiteral("mount"),
+               {QStringLiteral("-t"), QStringLiteral("tmpfs"), QStringLiteral("-o"), options,
+                QStringLiteral("rvoddi-full"), path});
 }
 
 } // namespace
@@ -71,7 +61,7 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     struct Unmount
     {
         QString path;
-        ~Unmount() { run({"umount", "-l", path.toStdString()}); }
+        ~Unmount() { run(QStringLiteral("umount"), {QStringLiteral("-l"), path}); }
     } unmount {root};
 
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
