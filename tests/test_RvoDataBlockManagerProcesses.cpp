@@ -19,7 +19,6 @@
 #include <random>
 
 #include <signal.h>
-#include <sys/time.h>
 
 namespace {
 
@@ -149,13 +148,9 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
 
     // The collector takes temporary files only once they are old enough
     // not to be a write in progress.
-    for (const QString &path : before.temporaries) {
-        struct timeval times[2];
-        gettimeofday(&times[0], nullptr);
-        times[0].tv_sec -= RvoGarbageCollectorThread::kStrayFileAgeSeconds + 60;
-        times[1] = times[0];
-        ASSERT_EQ(utimes(QFile::encodeName(path).constData(), times), 0) << qPrintable(path);
-    }
+    for (const QString &path : before.temporaries)
+        ASSERT_TRUE(setAge(path, RvoGarbageCollectorThread::kStrayFileAgeSeconds + 60))
+                << qPrintable(path);
     manager.startGarbageCollection();
     manager.collectGarbage(nullptr);
     manager.stopGarbageCollection();
