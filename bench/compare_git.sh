@@ -90,8 +90,9 @@ if [ -z "$result" ]; then
 fi
 # RESULT <mode> tiles N ingest_tiles_per_s X read_tiles_per_s Y read_ahead_tiles_per_s Z
 #        mismatches M ingest_limit_tiles_per_s L read_limit_tiles_per_s R
+#        ingest_cpu_ms C read_ahead_cpu_ms D
 read -r _ mode _ _ _ rvo_ingest _ rvo_read _ rvo_read_ahead _ mismatches \
-    _ ingest_limit _ read_limit <<< "$result"
+    _ ingest_limit _ read_limit _ ingest_cpu _ read_cpu <<< "$result"
 stages=$(grep '^STAGES ' "$work/rvoddi.txt" | head -n 1)
 
 echo
@@ -103,6 +104,7 @@ printf '%-28s %10s %10s %7sx %10s %9s\n' "store, tiles per second" "$git_store" 
 printf '%-28s %10s %10s %7sx %10s %9s\n' "read back, tiles per second" "$git_read" "$rvo_read_ahead" \
     "$(ratio "$rvo_read_ahead" "$git_read")" "$read_limit" "$(ratio "$rvo_read_ahead" "$read_limit")"
 printf '%-28s %10s %10s %7sx\n' "  block by block (extra)" "$git_read" "$rvo_read" "$(ratio "$rvo_read" "$git_read")"
+echo "CPU the process used per tile while timed: ingest $ingest_cpu ms, read-back $read_cpu ms"
 if [ "$mismatches" != "0" ]; then
     exit 1
 fi

@@ -269,7 +269,11 @@ RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &has
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         // A save of this block may be under way: let the writers finish.
-        RvoDataBlockManager::instance().flush(false, RvoDataBlockManager::WriteThreads);
+        // Writers with nothing to do are not flushed: that would only cost
+        // the flush's pause, on every block a remote has to bring.
+        RvoDataBlockManager &manager = RvoDataBlockManager::instance();
+        if (manager.writesPending())
+            manager.flush(false, RvoDataBlockManager::WriteThreads);
         if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
             const std::shared_ptr<RvoRemoteTier> tier
                     = RvoDataBlockManager::instance().remoteTier();

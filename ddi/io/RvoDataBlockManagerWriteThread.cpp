@@ -95,6 +95,12 @@ void RvoDataBlockManagerWriteThread::writeBlock(RvoDataBlockManager::PreloadPrio
     m_Changed.notify_all();
 }
 
+bool RvoDataBlockManagerWriteThread::isIdle() const
+{
+    std::lock_guard<std::mutex> locker(m_Lock);
+    return m_Queue.empty() && !m_Busy;
+}
+
 bool RvoDataBlockManagerWriteThread::canServiceRequests() const
 {
     std::lock_guard<std::mutex> locker(m_Lock);

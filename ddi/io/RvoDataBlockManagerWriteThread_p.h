@@ -57,6 +57,8 @@ public:
     void writeBlock(RvoDataBlockManager::PreloadPriority priority,
                     RvoSmartPointer<RvoDataHash> hash, RvoDataBlock *block, bool deleteAfterWrite);
 
+    // No save is queued or being written.
+    bool isIdle() const;
     // Fewer than maxRequests saves are queued.
     bool canServiceRequests() const;
     int requests() const;

@@ -233,6 +233,9 @@ public:
     // refuses (full, failing, not writable) does not hold a flush forever:
     // the write threads return once every pending save has been tried at
     // least once since the call began, and the refused ones stay queued.
+    // flush(true, AllThreads) also waits for the uploads to the remote tier
+    // (each at most its operation timeout; not those to a server in its
+    // pause after a failure).
     void flush(bool writeAll, ThreadType threads);
 
     // The full path of the block file of the digest named by `hashText`
@@ -307,6 +310,8 @@ private:
     // Gives each collector its share of the disk budget. REQUIRES: the
     // delete lock held.
     void shareDiskBudget();
+    // Some write thread has a save queued or under way.
+    bool writesPending() const;
     // The sum of the bytes queued on every write thread.
     qint64 bytesQueuedForWriting() const;
     // Prints the not-initialized notice when not initialized; carries on.

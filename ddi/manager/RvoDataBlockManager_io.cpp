@@ -13,6 +13,8 @@
 
 #include <QThread>
 
+#include <algorithm>
+
 void RvoDataBlockManager::preloadData(const RvoDataReference &ref, PreloadPriority priority)
 {
     if (ref.isNull())
@@ -43,6 +45,14 @@ qint64 RvoDataBlockManager::bytesQueuedForWriting() const
     for (RvoDataBlockManagerWriteThread *writer : writeThreads())
         total += writer->bytesInQueue();
     return total;
+}
+
+bool RvoDataBlockManager::writesPending() const
+{
+    const QVector<RvoDataBlockManagerWriteThread *> writers = writeThreads();
+    return std::any_of(
+            writers.begin(), writers.end(),
+            [](const RvoDataBlockManagerWriteThread *writer) { return !writer->isIdle(); });
 }
 
 void RvoDataBlockManager::processIO()
@@ -100,8 +110,9 @@ void RvoDataBlockManager::flush(bool writeAll, ThreadType threads)
             });
         }
         flushThreads();
-        // What was saved is on its way to the remotes too.
-        if (threads & WriteThreads) {
+        // flush(true, AllThreads) waits for the uploads of what was saved
+        // too; a flush of the write threads alone waits for the disk only.
+        if ((threads & AllThreads) == AllThreads) {
             if (const std::shared_ptr<RvoRemoteTier> tier = remoteTier())
                 tier->flush();
         }

@@ -1,0 +1,340 @@
+// The remote tier on this machine, against a local nginx (WebDAV) and a local
+// Redis started for the run, with distinct 256 KiB image-like tiles (2,048 by
+// default).
+//
+//   ingest/none, ingest/nginx, ingest/redis
+//       Adds every tile through a manager with a 64 MiB budget and one root
+//       (asynchronous adds, waiting in 1 ms steps while the write queue is
+//       full), then flush(true, WriteThreads): the time until every block is
+//       on disk, while the uploads run beside. uploaded_s: the time until
+//       flush(true, AllThreads) returns as well, every block uploaded. Each
+//       run starts with an empty root and an empty server. The cost of the
+//       uploads is ingest/<server> against ingest/none.
+//   read/disk, read/nginx, read/redis
+//       A second process reads every tile back through const accessors,
+//       preloading 16 ahead: from a root that holds the block files (disk),
+//       or from an empty root with the remote tier (each file fetched,
+//       checked against its name, published into the root and decoded).
+//   fetch/curl, fetch/redis-cli
+//       The raw fetch rate of the same servers for the same bytes: one curl
+//       process getting every tile's URL in turn over one connection, and one
+//       redis-cli process sending GET for every key in turn.
+//
+// Figures: tiles per second (the same tiles in every phase), and MB/s of the
+// tiles' bytes (ingest, read) or of their block files' bytes (fetch). A
+// read's share of its server's raw fetch rate is the ratio of the two
+// tiles-per-second figures.
+//
+// bench_remote [--tiles N] [benchmark options]
+// bench_remote --read SPEC ROOT NAMES   the second process (internal)
+
+#include "LocalNginx.h"
+#include "LocalRedis.h"
+#include "RvoConstAccessor.h"
+#include "RvoDataBlockManager.h"
+#include "RvoDataReference.h"
+#include "RvoHashManager.h"
+#include "support/ImageTiles.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QLoggingCategory>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QtConcurrent/QtConcurrentMap>
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr qint64 kBudget = 64LL << 20;
+constexpr int kReadAhead = 16;
+
+int g_Tiles = 2048;
+
+double secondsSince(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// The servers and the tiles, made once for the whole run.
+struct Fixture
+{
+    LocalNginx nginx;
+    LocalRedis redis;
+    std::vector<QByteArray> tiles;
+    QStringList names; // the tiles' block file names, from the first ingest
+    QTemporaryDir filled; // a root that holds every tile's block file
+    qint64 fileBytes = 0; // the block files' bytes in all
+};
+
+Fixture &fixture()
+{
+    static Fixture f;
+    return f;
+}
+
+QString specOf(const std::string &server)
+{
+    if (server == "nginx")
+        return fixture().nginx.url();
+    if (server == "redis")
+        return fixture().redis.url();
+    return QString();
+}
+
+// Empties a server between runs.
+void emptyServer(const std::string &server)
+{
+    Fixture &f = fixture();
+    if (server == "redis")
+        f.redis.restart(); // keeps nothing across a restart
+    if (server == "nginx")
+        QDir(f.nginx.documentRoot()).removeRecursively();
+}
+
+// Adds every tile into `root` with the remote tier `spec`. Returns the
+// seconds until every block is on disk; *uploaded gets those until every
+// block is uploaded as well.
+double ingest(const QString &root, const QString &spec, QStringList *names,
+              double *uploaded = nullptr)
+{
+    RvoDataBlockManager &m = RvoDataBlockManager::instance();
+    m.setRemoteStorage(spec);
+    m.setup({root}, kBudget, 10);
+    std::vector<RvoDataReference> refs;
+    refs.reserve(fixture().tiles.size());
+    ::sync(); // no dirty pages of an earlier run to write meanwhile
+    const Clock::time_point start = Clock::now();
+    for (const QByteArray &tile : fixture().tiles) {
+        refs.push_back(m.addBlock(tile, RvoModifyAccessor::CacheContent, false));
+        while (m.isWriteThreadsFull())
+            QThread::msleep(1);
+    }
+    // Every hashing job has made its block live before the flush looks for
+    // blocks that are not on disk yet.
+    for (const RvoDataReference &ref : refs)
+        ref.hashPtr();
+    m.flush(true, RvoDataBlockManager::WriteThreads);
+    const double seconds = secondsSince(start);
+    m.flush(true, RvoDataBlockManager::AllThreads);
+    if (uploaded)
+        *uploaded = secondsSince(start);
+    if (names) {
+        for (const RvoDataReference &ref : refs)
+            names->append(ref.hash());
+    }
+    refs.clear();
+    m.cleanUp();
+    return seconds;
+}
+
+void setRates(benchmark::State &state, double bytes)
+{
+    state.counters["tiles/s"] = benchmark::Counter(double(fixture().tiles.size()),
+                                                   benchmark::Counter::kIsIterationInvariantRate);
+    state.counters["MB/s"]
+            = benchmark::Counter(bytes / 1e6, benchmark::Counter::kIsIterationInvariantRate);
+}
+
+void BM_Ingest(benchmark::State &state, const std::string &server)
+{
+    Fixture &f = fixture();
+    double uploaded = 0;
+    for (auto _ : state) {
+        emptyServer(server);
+        QTemporaryDir root;
+        state.SetIterationTime(ingest(root.path(), specOf(server), nullptr, &uploaded));
+    }
+    setRates(state, double(f.tiles.size()) * 262144);
+    state.counters["uploaded_s"] = uploaded;
+}
+
+// Runs a program to its end with `input` on its standard input; returns its
+// wall seconds, or -1 when it fails.
+double runTimed(const QString &program, const QStringList &arguments, const QString &input,
+                const QString &output = QStringLiteral("/dev/null"))
+{
+    QString command = QStringLiteral("'%1'").arg(program);
+    for (const QString &argument : arguments)
+        command += QStringLiteral(" '%1'").arg(argument);
+    if (!input.isEmpty())
+        command += QStringLiteral(" < '%1'").arg(input);
+    command += QStringLiteral(" > '%1'").arg(output);
+    const Clock::time_point start = Clock::now();
+    const int status = std::system(command.toLocal8Bit().constData());
+    const double seconds = secondsSince(start);
+    return status == 0 ? seconds : -1;
+}
+
+void BM_Read(benchmark::State &state, const std::string &source)
+{
+    Fixture &f = fixture();
+    QTemporaryDir dir;
+    const QString names = dir.filePath(QStringLiteral("names.txt"));
+    QFile file(names);
+    file.open(QIODevice::WriteOnly);
+    file.write(f.names.join(QLatin1Char('\n')).toLatin1());
+    file.close();
+    for (auto _ : state) {
+        QTemporaryDir empty;
+        const QString root = source == "disk" ? f.filled.path() : empty.path();
+        const QString timing = dir.filePath(QStringLiteral("seconds.txt"));
+        const double wall = runTimed(QCoreApplication::applicationFilePath(),
+                                     {QStringLiteral("--read"), specOf(source), root, names},
+                                     QString(), timing);
+        QFile seconds(timing);
+        seconds.open(QIODevice::ReadOnly);
+        const double reading = seconds.readAll().trimmed().toDouble();
+        if (wall < 0 || reading <= 0) {
+            state.SkipWithError("the reading process failed");
+            return;
+        }
+        state.SetIterationTime(reading);
+    }
+    setRates(state, double(f.names.size()) * 262144);
+}
+
+void BM_Fetch(benchmark::State &state, const std::string &server)
+{
+    Fixture &f = fixture();
+    QTemporaryDir dir;
+    const QString commands = dir.filePath(QStringLiteral("commands.txt"));
+    QFile file(commands);
+    file.open(QIODevice::WriteOnly);
+    for (const QString &name : f.names) {
+        if (server == "nginx")
+            file.write(QStringLiteral("url = \"%1/%2/%3\"\noutput = \"/dev/null\"\n")
+                               .arg(f.nginx.url(), name.left(2), name)
+                               .toLatin1());
+        else
+            file.write(QStringLiteral("GET rvoddi:%1\n").arg(name).toLatin1());
+    }
+    file.close();
+    for (auto _ : state) {
+        const double seconds = server == "nginx"
+                ? runTimed(QStringLiteral("/usr/bin/curl"),
+                           {QStringLiteral("-sf"), QStringLiteral("-K"), commands}, QString())
+                : runTimed(QStringLiteral("/usr/bin/redis-cli"),
+                           {QStringLiteral("-p"), QString::number(f.redis.port())}, commands);
+        if (seconds < 0) {
+            state.SkipWithError("the fetching program failed");
+            return;
+        }
+        state.SetIterationTime(seconds);
+    }
+    setRates(state, double(f.fileBytes));
+}
+
+// The second process: reads every named block through const accessors,
+// preloading ahead, and prints the seconds the reading took.
+int readMode(const QString &spec, const QString &root, const QString &namesFile)
+{
+    QFile file(namesFile);
+    if (!file.open(QIODevice::ReadOnly))
+        return 2;
+    const QList<QByteArray> lines = file.readAll().split('\n');
+    RvoDataBlockManager &m = RvoDataBlockManager::instance();
+    m.setRemoteStorage(spec);
+    m.setup({root}, kBudget, 10);
+    std::vector<RvoDataReference> refs;
+    for (const QByteArray &line : lines) {
+        const RvoSmartPointer<RvoDataHash> hash
+                = RvoHashManager::instance().getHash(QString::fromLatin1(line));
+        refs.push_back(m.getReference(hash.data()));
+    }
+    int wrong = 0;
+    const Clock::time_point start = Clock::now();
+    for (size_t i = 0; i < refs.size(); ++i) {
+        if (i == 0) {
+            for (size_t k = 0; k < refs.size() && k < size_t(kReadAhead); ++k)
+                m.preloadData(refs[k], RvoDataBlockManager::PreloadNormal);
+        } else if (i + kReadAhead - 1 < refs.size()) {
+            m.preloadData(refs[i + kReadAhead - 1], RvoDataBlockManager::PreloadNormal);
+        }
+        // Waits for the preload, as bench_ingest does: an accessor made
+        // meanwhile would load the block a second time.
+        while (refs[i].hashPtr()->isPreloading())
+            QThread::usleep(50);
+        const RvoConstAccessor accessor = refs[i].constAccessor();
+        wrong += accessor.size() != 262144;
+    }
+    const double seconds = secondsSince(start);
+    refs.clear();
+    m.cleanUp();
+    std::printf("%.6f\n", wrong == 0 ? seconds : -1.0);
+    return wrong == 0 ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=false"));
+    if (argc == 5 && std::strcmp(argv[1], "--read") == 0)
+        return readMode(QString::fromLocal8Bit(argv[2]), QString::fromLocal8Bit(argv[3]),
+                        QString::fromLocal8Bit(argv[4]));
+    for (int i = 1; i + 1 < argc; ++i) {
+        if (std::strcmp(argv[i], "--tiles") == 0) {
+            g_Tiles = std::atoi(argv[i + 1]);
+            std::memmove(argv + i, argv + i + 2, sizeof(char *) * size_t(argc - i - 1));
+            argc -= 2;
+            break;
+        }
+    }
+
+    Fixture &f = fixture();
+    if (!f.nginx.start() || !f.redis.start()) {
+        std::fprintf(stderr, "bench_remote: %s%s\n", qPrintable(f.nginx.error()),
+                     qPrintable(f.redis.error()));
+        return 1;
+    }
+    f.tiles.resize(size_t(g_Tiles));
+    std::vector<int> indexes(static_cast<size_t>(g_Tiles));
+    std::iota(indexes.begin(), indexes.end(), 0);
+    QtConcurrent::blockingMap(indexes, [&f](int k) { f.tiles[size_t(k)] = makeImageLikeTile(k); });
+    // The first ingest fills the disk root of read/disk and both servers.
+    ingest(f.filled.path(), f.nginx.url() + QLatin1Char(' ') + f.redis.url(), &f.names);
+    QDirIterator files(f.filled.path(), QDir::Files, QDirIterator::Subdirectories);
+    while (files.hasNext())
+        f.fileBytes += QFileInfo(files.next()).size();
+
+    for (const char *server : {"none", "nginx", "redis"})
+        benchmark::RegisterBenchmark((std::string("ingest/") + server).c_str(), BM_Ingest,
+                                     std::string(server))
+                ->UseManualTime()
+                ->Unit(benchmark::kMillisecond)
+                ->Iterations(1);
+    for (const char *source : {"disk", "nginx", "redis"})
+        benchmark::RegisterBenchmark((std::string("read/") + source).c_str(), BM_Read,
+                                     std::string(source))
+                ->UseManualTime()
+                ->Unit(benchmark::kMillisecond)
+                ->Iterations(1);
+    for (const char *server : {"nginx", "redis"})
+        benchmark::RegisterBenchmark((std::string("fetch/") + server).c_str(), BM_Fetch,
+                                     std::string(server))
+                ->UseManualTime()
+                ->Unit(benchmark::kMillisecond)
+                ->Iterations(1);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
