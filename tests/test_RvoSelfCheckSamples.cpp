@@ -37,33 +37,26 @@ TEST(RvoSelfCheckSamples, FilesAreCutIntoBlocksOf256KiBInNameOrder)
             QStringLiteral("expected sample bytes in %1, saw only empty files").arg(empty.path()));
 }
 
-TEST(RvoSelfCheckSamples, EmptyDirectoryIsFilledWithGeneratedImagesFirst)
+// The generated images come first, then are read in name order; each raw
+// file holds its PNG's pixels row after row.
+TEST(RvoSelfCheckSamples, EmptyDirectoryIsFilledWithImagesWhoseRawFilesHoldTheirPixels)
 {
     QTemporaryDir data;
     RvoSelfCheckSamples samples;
     EXPECT_EQ(samples.load(data.path()), QString());
-    EXPECT_EQ(samples.generatedFiles().size(), 12);
     QStringList generated = samples.generatedFiles();
+    ASSERT_EQ(generated.size(), 12);
     generated.sort();
-    EXPECT_EQ(samples.files(), generated); // read in name order
+    EXPECT_EQ(samples.files(), generated);
     EXPECT_GT(samples.blocks().size(), 40);
     EXPECT_EQ(samples.verifyImages(), QString());
-}
 
-TEST(RvoSampleImages, RawFileHoldsThePngPixelsRowAfterRow)
-{
-    QTemporaryDir data;
-    QString error;
-    const QStringList files = RvoSampleImages::generate(data.path(), &error);
-    EXPECT_EQ(error, QString());
-    const QString png
-            = files.filter(QStringLiteral("patterns")).filter(QStringLiteral(".png")).value(0);
-    const QString raw
-            = files.filter(QStringLiteral("patterns")).filter(QStringLiteral(".argb32")).value(0);
+    const QStringList patterns = generated.filter(QStringLiteral("patterns"));
+    const QString png = patterns.filter(QStringLiteral(".png")).value(0);
     ASSERT_TRUE(png.endsWith(QStringLiteral("-333x257.png"))) << png.toStdString();
     const QImage image = QImage(png).convertToFormat(QImage::Format_ARGB32);
     ASSERT_EQ(image.size(), QSize(333, 257));
-    const QByteArray bytes = readFile(raw);
+    const QByteArray bytes = readFile(patterns.filter(QStringLiteral(".argb32")).value(0));
     ASSERT_EQ(bytes.size(), 333 * 257 * 4);
     // The last row, where padding would show.
     EXPECT_EQ(std::memcmp(bytes.constData() + 256 * 333 * 4, image.constScanLine(256), 333 * 4), 0);

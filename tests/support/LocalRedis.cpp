@@ -6,11 +6,6 @@ LocalRedis::LocalRedis()
 {
 }
 
-void LocalRedis::setPassword(const QString &password)
-{
-    m_Password = password;
-}
-
 void LocalRedis::setExtraArguments(const QStringList &arguments)
 {
     m_ExtraArguments = arguments;
@@ -18,12 +13,10 @@ void LocalRedis::setExtraArguments(const QStringList &arguments)
 
 QStringList LocalRedis::arguments(QString *)
 {
-    QStringList arguments = {QStringLiteral("--port"),       QString::number(port()),
-                             QStringLiteral("--bind"),       QStringLiteral("127.0.0.1"),
-                             QStringLiteral("--save"),       QString(),
-                             QStringLiteral("--appendonly"), QStringLiteral("no"),
-                             QStringLiteral("--dir"),        dir()};
-    if (!m_Password.isEmpty())
-        arguments << QStringLiteral("--requirepass") << m_Password;
-    return arguments + m_ExtraArguments;
+    return QStringList {QStringLiteral("--port"),       QString::number(port()),
+                        QStringLiteral("--bind"),       QStringLiteral("127.0.0.1"),
+                        QStringLiteral("--save"),       QString(),
+                        QStringLiteral("--appendonly"), QStringLiteral("no"),
+                        QStringLiteral("--dir"),        dir()}
+    + m_ExtraArguments;
 }

@@ -11,17 +11,15 @@ class LocalRedis : public LocalServer
 public:
     LocalRedis();
 
-    // --requirepass `password` from the next start on.
-    void setPassword(const QString &password);
-    // Further arguments from the next start on, e.g. an ACL user:
-    //   {"--user", "alice", "on", ">secret", "~*", "+@all"}
+    // Further arguments from the next start on, e.g. a password and an ACL
+    // user: {"--requirepass", "secret", "--user", "alice", "on", ">secret",
+    // "~*", "+@all"}
     void setExtraArguments(const QStringList &arguments);
 
 protected:
     QStringList arguments(QString *error) override;
 
 private:
-    QString m_Password;
     QStringList m_ExtraArguments;
 };
 

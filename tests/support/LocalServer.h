@@ -84,4 +84,11 @@ private:
     QString m_Error;
 };
 
+// In a test: skips it when the server is not installed, fails it when the
+// server does not start.
+#define START_OR_SKIP(server)                                                                      \
+    if (!(server).isInstalled())                                                                   \
+        GTEST_SKIP() << (server).notInstalled().toStdString();                                     \
+    ASSERT_TRUE((server).start()) << (server).error().toStdString()
+
 #endif // LOCALSERVER_H

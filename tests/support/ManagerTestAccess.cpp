@@ -109,6 +109,11 @@ QByteArray blockFileBytes(qint64 size, const QByteArray &payload)
     return bytes + payload;
 }
 
+QByteArray blockFile(const QByteArray &content)
+{
+    return blockFileBytes(content.size(), qCompress(content, 2));
+}
+
 QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,
                   int buckets)
 {

@@ -122,6 +122,9 @@ QStringList lostBlocks(const QByteArray &lines);
 
 // The raw bytes of a block file.
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload);
+// The sound block file of `content` (the payload in qCompress's format, the
+// codec's own).
+QByteArray blockFile(const QByteArray &content);
 // Where the block file of `hash` lies, spelt as the IO threads spell it.
 QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,
                   int buckets = 10);

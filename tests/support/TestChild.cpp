@@ -18,6 +18,10 @@
 //     lines as DIR/INDEX.txt, lets its blocks go, then reads every block of
 //     the three files back from disk; exit code 1 and a line on standard
 //     error per block that differs.
+// remote SIDEFILE COUNT ROOT: the first machine of the remote tier tests.
+//     Adds COUNT blocks with the remote tier of RVODDI_REMOTE_STORAGE,
+//     flushes (every block on disk and uploaded) and writes their lines to
+//     SIDEFILE.
 
 #include "ManagerTestAccess.h"
 
@@ -168,6 +172,17 @@ int shareMode(const QString &dir, int index)
     return faults ? 1 : 0;
 }
 
+int remoteMode(const QString &sideFile, int count)
+{
+    QList<Added> blocks;
+    for (int seed = 0; seed < count; ++seed) {
+        blocks.append(add(seed, 4096 * (1 + seed % 8)));
+        manager().processIO();
+    }
+    manager().flush(true, RvoDataBlockManager::AllThreads);
+    return writeFile(sideFile, lines(blocks)) ? 0 : 2;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -182,6 +197,13 @@ int main(int argc, char **argv)
     QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=false"));
     if (mode == QLatin1String("queue"))
         return args.size() >= 6 ? queueMode(args) : 2;
+    if (mode == QLatin1String("remote") && args.size() == 5) {
+        // 64 MiB: adding is never held back by the writes.
+        manager().setup({args.at(4)}, 64 << 20, 10);
+        const int result = remoteMode(args.at(2), args.at(3).toInt());
+        manager().cleanUp();
+        return result;
+    }
     const bool kill = mode == QLatin1String("kill") && args.size() >= 4;
     const bool share = mode == QLatin1String("share") && args.size() >= 5;
     if (!kill && !share)
