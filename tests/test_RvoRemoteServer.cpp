@@ -1,5 +1,4 @@
-#include "LocalNginx.h"
-#include "LocalRedis.h"
+#include "LocalServer.h"
 #include "ManagerTestAccess.h"
 #include "RvoRemoteServer_p.h"
 
@@ -14,7 +13,6 @@
 
 namespace {
 
-enum Kind { Nginx, Redis };
 using Remote = RvoRemoteServer;
 
 QString blockName(int i)
@@ -48,37 +46,18 @@ std::optional<QByteArray> askRedis(int port, const char *command, const QByteArr
     } while (false)
 
 // Both kinds of server through the same tests.
-class RemoteServerTest : public ::testing::TestWithParam<Kind>
+class RemoteServerTest : public ::testing::TestWithParam<LocalServer::Kind>
 {
 protected:
-    RemoteServerTest()
-        : m_Server(GetParam() == Nginx ? std::unique_ptr<LocalServer>(new LocalNginx)
-                                       : std::unique_ptr<LocalServer>(new LocalRedis))
-    {
-    }
-
     std::unique_ptr<Remote> client() { return Remote::create(m_Endpoint); }
-
-    // The server asks for `password` from "alice" (nginx) or from anyone
-    // and from the ACL user "alice" (Redis).
-    void requirePassword(const QString &password)
-    {
-        if (auto *nginx = dynamic_cast<LocalNginx *>(m_Server.get()))
-            nginx->setBasicAuth(QStringLiteral("alice"), password);
-        if (auto *redis = dynamic_cast<LocalRedis *>(m_Server.get()))
-            redis->setExtraArguments({QStringLiteral("--requirepass"), password,
-                                      QStringLiteral("--user"), QStringLiteral("alice"),
-                                      QStringLiteral("on"), QLatin1Char('>') + password,
-                                      QStringLiteral("~*"), QStringLiteral("+@all")});
-    }
 
     // What the server's own storage holds under `name`: the file
     // root/<2 characters>/<name>, or the key "rvoddi:<name>".
     std::optional<QByteArray> stored(const QString &name)
     {
-        if (GetParam() == Redis)
-            return askRedis(m_Server->port(), "GET", "rvoddi:" + name.toUtf8());
-        QFile file(static_cast<LocalNginx *>(m_Server.get())->filePath(name));
+        if (GetParam() == LocalServer::Redis)
+            return askRedis(m_Server.port(), "GET", "rvoddi:" + name.toUtf8());
+        QFile file(m_Server.filePath(name));
         return file.open(QIODevice::ReadOnly) ? std::optional<QByteArray>(file.readAll())
                                               : std::nullopt;
     }
@@ -87,25 +66,24 @@ protected:
     // question's own).
     int connections()
     {
-        if (GetParam() == Redis) {
-            const QByteArray info = askRedis(m_Server->port(), "INFO", "stats").value_or("");
+        if (GetParam() == LocalServer::Redis) {
+            const QByteArray info = askRedis(m_Server.port(), "INFO", "stats").value_or("");
             const int at = info.indexOf("total_connections_received:") + 27;
             return info.mid(at, info.indexOf('\r', at) - at).toInt();
         }
         QSet<QByteArray> serials;
-        for (const QByteArray &line :
-             readFile(static_cast<LocalNginx *>(m_Server.get())->accessLogPath()).split('\n'))
+        for (const QByteArray &line : readFile(m_Server.accessLogPath()).split('\n'))
             serials.insert(line.split(' ').value(0));
         return int(serials.size()) - serials.contains(QByteArray());
     }
 
-    std::unique_ptr<LocalServer> m_Server;
+    LocalServer m_Server {GetParam()};
     RvoRemoteEndpoint m_Endpoint;
 };
 
 #define START_SERVER()                                                                             \
-    START_OR_SKIP(*m_Server);                                                                      \
-    m_Endpoint = m_Server->endpoint()
+    START_OR_SKIP(m_Server);                                                                       \
+    m_Endpoint = m_Server.endpoint()
 
 } // namespace
 
@@ -171,15 +149,15 @@ TEST_P(RemoteServerTest, RestartedServerIsUsedAtOnceAPausedOrStoppedOneIsUnavail
     EXPECT_RESULT(remote->put(blockName(1), testContent(1, 100)), Stored);
     // The pooled connection died with the killed server; the first call
     // after the restart opens a fresh one instead of failing on the dead one.
-    m_Server->kill();
-    ASSERT_TRUE(m_Server->restart()) << m_Server->error().toStdString();
+    m_Server.kill();
+    ASSERT_TRUE(m_Server.restart()) << m_Server.error().toStdString();
     QByteArray fetched;
     EXPECT_RESULT(remote->put(blockName(2), testContent(2, 100)), Stored);
     EXPECT_RESULT(remote->get(blockName(2), &fetched), Found);
     EXPECT_EQ(fetched, testContent(2, 100));
     for (bool pause : {true, false}) {
         SCOPED_TRACE(pause ? "paused" : "stopped");
-        pause ? m_Server->pause() : m_Server->stop();
+        pause ? m_Server.pause() : m_Server.stop();
         for (bool get : {true, false}) {
             QElapsedTimer clock;
             clock.start();
@@ -192,13 +170,14 @@ TEST_P(RemoteServerTest, RestartedServerIsUsedAtOnceAPausedOrStoppedOneIsUnavail
             EXPECT_GE(clock.elapsed(), pause ? 450 : 0);
             EXPECT_LT(clock.elapsed(), pause ? 2000 : 1100);
         }
-        m_Server->resume();
+        m_Server.resume();
     }
 }
 
 TEST_P(RemoteServerTest, WrongOrMissingCredentialsAreUnauthorizedWithoutThePassword)
 {
-    requirePassword(QStringLiteral("s3cret"));
+    // nginx asks "alice" for it; Redis anyone, and the ACL user "alice".
+    m_Server.requirePassword(QStringLiteral("alice"), QStringLiteral("s3cret"));
     START_SERVER();
     struct Row
     {
@@ -233,15 +212,17 @@ TEST_P(RemoteServerTest, WrongOrMissingCredentialsAreUnauthorizedWithoutThePassw
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, RemoteServerTest, ::testing::Values(Nginx, Redis),
-                         [](const ::testing::TestParamInfo<Kind> &info) {
-                             return std::string(info.param == Nginx ? "Nginx" : "Redis");
+INSTANTIATE_TEST_SUITE_P(Servers, RemoteServerTest,
+                         ::testing::Values(LocalServer::Nginx, LocalServer::Redis),
+                         [](const ::testing::TestParamInfo<LocalServer::Kind> &info) {
+                             return std::string(info.param == LocalServer::Nginx ? "Nginx"
+                                                                                 : "Redis");
                          });
 
 // The endpoint's path "/N" names the database the keys go to.
 TEST(RvoRedisRemoteServer, PathSelectsTheDatabase)
 {
-    LocalRedis server;
+    LocalServer server(LocalServer::Redis);
     START_OR_SKIP(server);
     RvoRemoteEndpoint endpoint = server.endpoint();
     endpoint.path = QStringLiteral("/3");
@@ -258,7 +239,7 @@ TEST(RvoRedisRemoteServer, PathSelectsTheDatabase)
 // not read (the file is sparse: none of it is on disk).
 TEST(RvoHttpRemoteServer, OversizedBodyIsRefusedBeforeItIsRead)
 {
-    LocalNginx server;
+    LocalServer server(LocalServer::Nginx);
     START_OR_SKIP(server);
     const QString path = server.filePath(blockName(1));
     ASSERT_TRUE(writeFile(path, QByteArray()) && QFile::resize(path, Remote::kMaxValueSize + 1));

@@ -1,5 +1,4 @@
-#include "LocalNginx.h"
-#include "LocalRedis.h"
+#include "LocalServer.h"
 #include "ManagerTestAccess.h"
 #include "RvoBlockFile_p.h"
 #include "RvoRemoteServer_p.h"
@@ -83,9 +82,9 @@ TEST_P(RvoRemoteTierKinds, AnotherProcessReadsEveryBlockBackByteExact)
 {
     std::vector<std::unique_ptr<LocalServer>> servers;
     if (GetParam() == 0)
-        servers.push_back(std::make_unique<LocalNginx>());
+        servers.push_back(std::make_unique<LocalServer>(LocalServer::Nginx));
     for (int i = GetParam() == 0 ? 0 : GetParam(); i > 0; --i)
-        servers.push_back(std::make_unique<LocalRedis>());
+        servers.push_back(std::make_unique<LocalServer>(LocalServer::Redis));
     QStringList ports;
     for (const auto &server : servers) {
         START_OR_SKIP(*server);
@@ -126,8 +125,8 @@ INSTANTIATE_TEST_SUITE_P(NginxRedisAndRedisShards, RvoRemoteTierKinds, ::testing
 // asked; one that does not answer holds a read no longer than its timeout.
 TEST(RvoRemoteTier, DamagedFilesAreRejectedAndASilentRemoteCostsAtMostItsTimeout)
 {
-    LocalNginx nginx;
-    LocalRedis redis;
+    LocalServer nginx(LocalServer::Nginx);
+    LocalServer redis(LocalServer::Redis);
     START_OR_SKIP(nginx);
     START_OR_SKIP(redis);
     // Under the names of blocks 1 to 3 nginx serves a file cut short, block
@@ -172,7 +171,7 @@ TEST(RvoRemoteTier, DamagedFilesAreRejectedAndASilentRemoteCostsAtMostItsTimeout
 
 TEST(RvoRemoteTier, AKilledServerHoldsNothingUpAndUploadsResumeAfterItsRestart)
 {
-    LocalNginx nginx;
+    LocalServer nginx(LocalServer::Nginx);
     START_OR_SKIP(nginx);
     RvoRemote::setPause(std::chrono::milliseconds(300));
     ManagerSetup setup;
@@ -216,11 +215,11 @@ TEST(RvoRemoteTier, AKilledServerHoldsNothingUpAndUploadsResumeAfterItsRestart)
 // gets nothing; one that refuses the password is said once, then left alone.
 TEST(RvoRemoteTier, FlushWaitsForUploadsAFullQueueSkipsReadOnlyGetsNoneAWrongPasswordIsSaid)
 {
-    LocalNginx nginx;
-    LocalRedis full;
-    LocalRedis readOnly;
-    LocalRedis locked;
-    locked.setExtraArguments({QStringLiteral("--requirepass"), QStringLiteral("right")});
+    LocalServer nginx(LocalServer::Nginx);
+    LocalServer full(LocalServer::Redis);
+    LocalServer readOnly(LocalServer::Redis);
+    LocalServer locked(LocalServer::Redis);
+    locked.requirePassword(QStringLiteral("alice"), QStringLiteral("right"));
     START_OR_SKIP(nginx);
     START_OR_SKIP(full);
     START_OR_SKIP(readOnly);

@@ -7,6 +7,14 @@
 // across restarts. The server dies with the thread that started it, so a
 // test that crashes leaves none running.
 //
+// Nginx: /usr/sbin/nginx as a block store, WebDAV PUT and GET under
+// http://127.0.0.1:PORT/tiles. One process (no master), in the foreground,
+// with every path it writes in dir(). The access log has one line per
+// request: <connection serial number> <method> <uri> <status>.
+// Redis: /usr/bin/redis-server on 127.0.0.1:PORT, in the foreground, keeping
+// nothing on disk (no snapshots, no append-only file): a restart starts
+// empty.
+//
 // Threading: driven by one thread, the one that starts it, which must
 // outlive the server.
 
@@ -17,12 +25,13 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
-#include <memory>
-
 class LocalServer
 {
 public:
-    virtual ~LocalServer();
+    enum Kind { Nginx, Redis };
+
+    explicit LocalServer(Kind kind);
+    ~LocalServer();
     LocalServer(const LocalServer &) = delete;
     LocalServer &operator=(const LocalServer &) = delete;
 
@@ -63,21 +72,29 @@ public:
     // The server for a client: 100 ms to connect, 2 s per operation.
     RvoRemoteEndpoint endpoint() const;
 
-protected:
-    // `path`: the endpoint's path, "" or "/tiles".
-    LocalServer(const QString &name, const QString &program, RvoRemoteEndpoint::Scheme scheme,
-                const QString &path);
-    // The arguments that run the server on port(), after writing what it
-    // reads in dir(). Empty, with *error set, when that fails.
-    virtual QStringList arguments(QString *error) = 0;
+    // From the next start on, the server asks for `password`: nginx from
+    // `user` (basic authentication), Redis from anyone and from the ACL user
+    // `user`.
+    void requirePassword(const QString &user, const QString &password);
+
+    // Nginx: the directory that url() serves, where the block file stored
+    // under a name is documentRoot()/<first 2 characters>/<name>
+    // (filePath(name)), and the access log.
+    QString documentRoot() const;
+    QString filePath(const QString &name) const;
+    QString accessLogPath() const;
 
 private:
+    // The arguments that run the server on port(), after writing what it
+    // reads in dir(). Empty, with *error set, when that fails.
+    QStringList arguments(QString *error);
     bool launch();
 
+    const Kind m_Kind;
     const QString m_Name;
     const QString m_Program;
-    const RvoRemoteEndpoint::Scheme m_Scheme;
-    const QString m_Path;
+    QString m_User;
+    QString m_Password;
     QTemporaryDir m_Dir;
     mutable ChildProcess m_Process; // reaped when found ended
     int m_Port = 0;
