@@ -2,13 +2,10 @@
 // three writers at once. The other processes are rvoddi-test-child.
 
 #include "ManagerTestAccess.h"
-#include "RvoBlockCodec_p.h"
-#include "RvoBlockFile_p.h"
 #include "RvoDiskLayout_p.h"
 #include "RvoGarbageCollectorThread_p.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -23,37 +20,6 @@
 namespace {
 
 const QString kChild = QStringLiteral(RVODDI_TEST_CHILD);
-
-struct DiskState
-{
-    int blockFiles = 0;
-    QStringList corrupt; // "path: fault"
-    QStringList temporaries;
-};
-
-// Every file under the roots: each one under a digest name must decode and
-// hash to its name; writes' temporary files are listed.
-DiskState checkDisk(const QStringList &roots)
-{
-    DiskState state;
-    RvoBlockCodec codec;
-    for (const QString &root : roots) {
-        QDirIterator files(root, QDir::Files, QDirIterator::Subdirectories);
-        while (files.hasNext()) {
-            const QString path = files.next();
-            if (isBlockFileName(files.fileName())) {
-                ++state.blockFiles;
-                const RvoBlockFile::Fault fault = RvoBlockFile::verifyFile(codec, path);
-                if (fault != RvoBlockFile::Sound)
-                    state.corrupt.append(path + QStringLiteral(": ")
-                                         + QLatin1String(RvoBlockFile::faultText(fault)));
-            } else if (files.fileName().endsWith(QLatin1String(".tmp"))) {
-                state.temporaries.append(path);
-            }
-        }
-    }
-    return state;
-}
 
 QStringList twoRoots(const QTemporaryDir &dir)
 {

@@ -8,6 +8,7 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 
@@ -129,6 +130,28 @@ QByteArray blockIn(const QString &path)
     QByteArray content;
     RvoBlockFile::decode(codec, file.constData(), file.size(), &content);
     return content;
+}
+
+DiskState checkDisk(const QStringList &roots)
+{
+    DiskState state;
+    RvoBlockCodec codec;
+    for (const QString &root : roots) {
+        QDirIterator files(root, QDir::Files, QDirIterator::Subdirectories);
+        while (files.hasNext()) {
+            const QString path = files.next();
+            if (isBlockFileName(files.fileName())) {
+                ++state.blockFiles;
+                const RvoBlockFile::Fault fault = RvoBlockFile::verifyFile(codec, path);
+                if (fault != RvoBlockFile::Sound)
+                    state.corrupt.append(path + QStringLiteral(": ")
+                                         + QLatin1String(RvoBlockFile::faultText(fault)));
+            } else if (files.fileName().endsWith(QLatin1String(".tmp"))) {
+                state.temporaries.append(path);
+            }
+        }
+    }
+    return state;
 }
 
 bool writeFile(const QString &path, const QByteArray &bytes)

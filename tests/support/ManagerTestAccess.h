@@ -131,6 +131,16 @@ QString blockPath(const QString &root, const QString &subCache, const RvoDataHas
 // The block that the block file at `path` holds; null unless it is sound.
 QByteArray blockIn(const QString &path);
 
+// Every file under `roots`: each one under a digest name must decode and
+// hash to its name; writes' temporary files are listed.
+struct DiskState
+{
+    int blockFiles = 0;
+    QStringList corrupt; // "path: fault"
+    QStringList temporaries;
+};
+DiskState checkDisk(const QStringList &roots);
+
 // Writes a file, making its directory first.
 bool writeFile(const QString &path, const QByteArray &bytes);
 QByteArray readFile(const QString &path);
