@@ -28,6 +28,13 @@ TEST(RvoDataBlock, ConstructorsGiveTheirBytesUncompressedAndRefuseImpossibleSize
     EXPECT_EQ(out.lines(),
               (QStringList {QStringLiteral("Cannot allocate a block of -1 bytes"),
                             QStringLiteral("Null data passed for a block of 10 bytes")}));
+    // Blocks are not counted (-1); the largest follows the budget up to what
+    // a block can hold.
+    EXPECT_EQ(RvoDataBlock::blockCount(), -1);
+    RvoDataBlockManager::instance().setMaxDataCacheSize(1000);
+    EXPECT_EQ(RvoDataBlock::maxBlockSize(), 1000);
+    RvoDataBlockManager::instance().setMaxDataCacheSize(0x7FFFFFFFLL * 4);
+    EXPECT_EQ(RvoDataBlock::maxBlockSize(), 0x7FFFFFFF);
 }
 
 TEST(RvoDataBlock, CompressKeepsTheSizeAndUncompressAndDataRestoreTheBytes)
@@ -80,13 +87,4 @@ TEST(RvoDataBlock, EqualityNeedsTheSameFormAndHashIsAFreshDigest)
     EXPECT_TRUE(*hash == RvoDataHash(content, RvoDataHash::Skein512));
     EXPECT_EQ(hash->refCount(), 1);
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0) << "hash() does not intern";
-}
-
-TEST(RvoDataBlock, CountersAndLimitsAreBounded)
-{
-    EXPECT_EQ(RvoDataBlock::blockCount(), -1);
-    RvoDataBlockManager::instance().setMaxDataCacheSize(1000);
-    EXPECT_EQ(RvoDataBlock::maxBlockSize(), 1000);
-    RvoDataBlockManager::instance().setMaxDataCacheSize(0x7FFFFFFFLL * 4);
-    EXPECT_EQ(RvoDataBlock::maxBlockSize(), 0x7FFFFFFF);
 }

@@ -4,7 +4,7 @@
 #include <QDir>
 #include <QFileInfo>
 
-TEST(RvoSelfCheckCache, SetsTheManagerUpOnFreshRootsCountsItsBlockFilesAndCleansUpWhenItGoes)
+TEST(RvoSelfCheckCache, SetsUpOnFreshRootsCountsBlockFilesCleansUpAndReportsAnUnusableParent)
 {
     QTemporaryDir parent;
     QStringList roots;
@@ -36,11 +36,8 @@ TEST(RvoSelfCheckCache, SetsTheManagerUpOnFreshRootsCountsItsBlockFilesAndCleans
     EXPECT_FALSE(RvoDataBlockManager::instance().isInitialized());
     for (const QString &root : roots)
         EXPECT_FALSE(QFileInfo::exists(root)) << root.toStdString();
-}
 
-TEST(RvoSelfCheckCache, ParentThatCannotBeADirectoryIsReportedAndNothingIsSetUp)
-{
-    QTemporaryDir parent;
+    // A parent that cannot be a directory is reported, and nothing is set up.
     const QString file = parent.filePath(QStringLiteral("file"));
     ASSERT_TRUE(writeFile(file, "x"));
     StdoutCapture output;
