@@ -103,8 +103,8 @@ public:
             EXPECT_TRUE(RvoHashManager::instance().addHash(nullptr).isNull());
         if (!m_CorruptBlockFile)
             return;
-        const QString path = RvoDataBlockManager::instance().getBlockDestination(
-                QFileInfo(subCacheDirectory).fileName(), m_FirstBlock);
+        const QString path = manager().getBlockDestination(QFileInfo(subCacheDirectory).fileName(),
+                                                           m_FirstBlock);
         ASSERT_TRUE(path.startsWith(subCacheDirectory)) << path.toStdString();
         // In the middle of the compressed payload: the file stays as long.
         flipByte(path, 12 + (QFileInfo(path).size() - 12) / 2);
@@ -137,7 +137,7 @@ TEST(DdiTester, MissingDataDirectoryIsFilledWithSamplesAndEveryCheckPasses)
     }
     EXPECT_EQ(failedLines(run), QStringList());
     // The manager is left as it was found.
-    EXPECT_FALSE(RvoDataBlockManager::instance().isInitialized());
+    EXPECT_FALSE(manager().isInitialized());
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
 
     // The samples, each raw file holding its PNG's pixels (the sample check
@@ -229,8 +229,8 @@ TEST(DdiTester, LibraryInUseOrCacheDirectoryThatCannotBeMadeFailsOnlyTheChecksCo
                                               "block manager not set up, saw it set up on %1")
                                        .arg(setup.root())});
         // The host's configuration is untouched, and no sample was made.
-        EXPECT_TRUE(RvoDataBlockManager::instance().isInitialized());
-        EXPECT_EQ(RvoDataBlockManager::instance().cacheRoots(), setup.roots());
+        EXPECT_TRUE(manager().isInitialized());
+        EXPECT_EQ(manager().cacheRoots(), setup.roots());
         EXPECT_TRUE(QDir(data.path()).isEmpty());
     }
     QTemporaryDir parent;

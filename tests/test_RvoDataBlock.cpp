@@ -31,9 +31,9 @@ TEST(RvoDataBlock, ConstructorsGiveTheirBytesUncompressedAndRefuseImpossibleSize
     // Blocks are not counted (-1); the largest follows the budget up to what
     // a block can hold.
     EXPECT_EQ(RvoDataBlock::blockCount(), -1);
-    RvoDataBlockManager::instance().setMaxDataCacheSize(1000);
+    manager().setMaxDataCacheSize(1000);
     EXPECT_EQ(RvoDataBlock::maxBlockSize(), 1000);
-    RvoDataBlockManager::instance().setMaxDataCacheSize(0x7FFFFFFFLL * 4);
+    manager().setMaxDataCacheSize(0x7FFFFFFFLL * 4);
     EXPECT_EQ(RvoDataBlock::maxBlockSize(), 0x7FFFFFFF);
 }
 

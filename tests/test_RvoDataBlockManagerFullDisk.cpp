@@ -60,9 +60,8 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
         ~Unmount() { run(QStringLiteral("umount"), {QStringLiteral("-l"), path}); }
     } unmount {root};
 
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     constexpr int kBlock = 16 * 1024;
-    manager.setup({root}, 32 * kBlock, 10); // a write backlog of 8 blocks holds producers
+    manager().setup({root}, 32 * kBlock, 10); // a write backlog of 8 blocks holds producers
     DebugCapture debug;
     StdoutCapture out;
     QMutex lock; // guards refs and contents, filled by the producer
@@ -71,7 +70,7 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     auto add = [&](int i) {
         const QByteArray content = noise(i, kBlock);
         const RvoDataReference ref
-                = manager.addBlock(content, RvoModifyAccessor::CacheContent, true);
+                = manager().addBlock(content, RvoModifyAccessor::CacheContent, true);
         QMutexLocker locker(&lock);
         refs.append(ref);
         contents.append(content);
@@ -83,7 +82,7 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     };
     for (int i = 0; i < 8; ++i)
         add(i);
-    manager.flush(false, RvoDataBlockManager::WriteThreads);
+    manager().flush(false, RvoDataBlockManager::WriteThreads);
     // The rest of the file system is filled to its last page, so that no
     // save fits until it grows.
     QFile filler(root + QStringLiteral("/filler"));
@@ -98,11 +97,11 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
         for (int i = 8; i < kProduced; ++i) {
             add(i);
             produced.store(i + 1);
-            manager.processIO();
+            manager().processIO();
         }
     });
     RvoDataBlockManagerWriteThread *writer = Access::writeThread(0);
-    EXPECT_TRUE(waitUntil([&] { return writer->savesRefused() && manager.isWriteThreadsFull(); },
+    EXPECT_TRUE(waitUntil([&] { return writer->savesRefused() && manager().isWriteThreadsFull(); },
                           60000));
     const int held = produced.load();
     // processIO sleeps a second at a time: two of them pass with no progress.
@@ -113,16 +112,16 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     for (int i = 100; i < 140; ++i)
         add(i);
     readAll();
-    manager.flush(true, RvoDataBlockManager::AllThreads); // returns on a full disk
+    manager().flush(true, RvoDataBlockManager::AllThreads); // returns on a full disk
     EXPECT_TRUE(writer->savesRefused());
     readAll();
 
     ASSERT_TRUE(mountTmpfs(QStringLiteral("remount,size=64m"), root));
     // Retries the refused saves now rather than after their pauses.
-    manager.flush(false, RvoDataBlockManager::WriteThreads);
+    manager().flush(false, RvoDataBlockManager::WriteThreads);
     ASSERT_TRUE(waitUntil([&] { return produced.load() == kProduced; }, 60000));
     producer.join();
-    manager.flush(true, RvoDataBlockManager::AllThreads);
+    manager().flush(true, RvoDataBlockManager::AllThreads);
     EXPECT_FALSE(writer->savesRefused());
     EXPECT_EQ(writer->requests(), 0);
     readAll();
@@ -133,7 +132,7 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     const DiskState disk = checkDisk({root});
     EXPECT_EQ(disk.corrupt, QStringList());
     EXPECT_EQ(disk.blockFiles, contents.size());
-    manager.cleanUp();
+    manager().cleanUp();
 
     const QStringList lines = debug.messages();
     EXPECT_EQ(lines.filter(QStringLiteral("Cannot save blocks under %1: No space left on device (")

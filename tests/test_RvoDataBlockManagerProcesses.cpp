@@ -21,11 +21,6 @@ namespace {
 
 const QString kChild = QStringLiteral(RVODDI_TEST_CHILD);
 
-QStringList twoRoots(const QTemporaryDir &dir)
-{
-    return {dir.filePath(QStringLiteral("a")), dir.filePath(QStringLiteral("b"))};
-}
-
 // The state letter of process `pid` ('T' when stopped).
 char processState(qint64 pid)
 {
@@ -83,7 +78,7 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
             ? qEnvironmentVariableIntValue("RVODDI_KILLS")
             : 40;
     QTemporaryDir dir;
-    const QStringList roots = twoRoots(dir);
+    const QStringList roots {dir.filePath(QStringLiteral("a")), dir.filePath(QStringLiteral("b"))};
     const QString sideFile = dir.filePath(QStringLiteral("confirmed.txt"));
     std::mt19937 random(std::random_device {}());
     int whileWriting = 0;
@@ -106,9 +101,8 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
     const DiskState before = checkDisk(roots);
     EXPECT_EQ(before.corrupt, QStringList());
 
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    manager.setup(roots, -1, 7);
-    manager.setSubCache(QStringLiteral("Faults"));
+    manager().setup(roots, -1, 7);
+    manager().setSubCache(QStringLiteral("Faults"));
     const QStringList lost = lostBlocks(confirmed);
     EXPECT_EQ(lost, QStringList());
 
@@ -117,11 +111,11 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
     for (const QString &path : before.temporaries)
         ASSERT_TRUE(setAge(path, RvoGarbageCollectorThread::kStrayFileAgeSeconds + 60))
                 << qPrintable(path);
-    manager.startGarbageCollection();
-    manager.collectGarbage(nullptr);
-    manager.stopGarbageCollection();
+    manager().startGarbageCollection();
+    manager().collectGarbage(nullptr);
+    manager().stopGarbageCollection();
     EXPECT_EQ(checkDisk(roots).temporaries, QStringList());
-    manager.cleanUp();
+    manager().cleanUp();
 
     std::fprintf(stderr,
                  "kills %d (%d while writing), blocks confirmed %d, files checked %d, "
@@ -136,7 +130,7 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
 TEST(RvoDataBlockManagerProcesses, ThreeProcessesShareOneRoot)
 {
     QTemporaryDir dir;
-    const QStringList roots = twoRoots(dir);
+    const QStringList roots {dir.filePath(QStringLiteral("a")), dir.filePath(QStringLiteral("b"))};
     QProcess children[3];
     for (int i = 0; i < 3; ++i)
         children[i].start(kChild,

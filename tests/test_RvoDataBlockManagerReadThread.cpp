@@ -174,7 +174,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         EXPECT_LT(timer.elapsed(), kPromptly);
         EXPECT_FALSE(Access::holdsBlock(badHash.data()));
         EXPECT_FALSE(goodHash->isPreloading());
-        EXPECT_EQ(RvoDataBlockManager::instance().liveBytes(), good.size());
+        EXPECT_EQ(manager().liveBytes(), good.size());
     }
     EXPECT_EQ(reader->requestsHandled(), 2 * int(std::size(cases)));
 }

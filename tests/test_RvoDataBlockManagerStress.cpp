@@ -11,11 +11,10 @@ constexpr int kBlockSize = 16384;
 TEST(RvoDataBlockManagerStress, DyingDigestsAreNeverTakenAgain)
 {
     ManagerSetup setup(1, QStringLiteral("Dying"), 4, 2 * kBlockSize);
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     std::atomic<bool> stop {false};
     std::thread flusher([&] {
         while (!stop.load())
-            manager.flush(true, RvoDataBlockManager::WriteThreads);
+            manager().flush(true, RvoDataBlockManager::WriteThreads);
     });
     std::vector<std::thread> workers;
     for (int t = 0; t < 3; ++t) {
@@ -31,7 +30,7 @@ TEST(RvoDataBlockManagerStress, DyingDigestsAreNeverTakenAgain)
         worker.join();
     stop.store(true);
     flusher.join();
-    manager.flush(false, RvoDataBlockManager::AllThreads);
+    manager().flush(false, RvoDataBlockManager::AllThreads);
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
-    EXPECT_EQ(manager.liveBytes(), 0);
+    EXPECT_EQ(manager().liveBytes(), 0);
 }

@@ -76,7 +76,6 @@ TEST(RvoDataReference, EqualContentGivesEqualReferencesOnceResolvedAndReadsWaitF
 TEST(RvoDataReference, JobsAreCountedUntilTheirLastReferenceGoesAndAlwaysAddTheBlock)
 {
     ManagerSetup setup;
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     const int jobs = RvoBlockFuture::numHashJobs();
     {
         RvoDataReference a = addBlock(testContent(3), RvoModifyAccessor::CacheContent, false);
@@ -92,12 +91,12 @@ TEST(RvoDataReference, JobsAreCountedUntilTheirLastReferenceGoesAndAlwaysAddTheB
     EXPECT_EQ(RvoHashingJob::liveHashJobCount(), 0);
     EXPECT_EQ(RvoHashingJob::unfinishedHashJobCount(), 0);
     // The job ran: the block went live and was queued for its disk copy.
-    manager.flush(false, RvoDataBlockManager::WriteThreads);
+    manager().flush(false, RvoDataBlockManager::WriteThreads);
     const QString text = RvoDataHash(testContent(4), RvoDataHash::Skein512).toString();
-    EXPECT_GT(readFile(manager.getBlockDestination(QString(), text)).size(), 12);
+    EXPECT_GT(readFile(manager().getBlockDestination(QString(), text)).size(), 12);
     // Nobody references it now, so the digest and the block have gone.
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
-    EXPECT_EQ(manager.liveBytes(), 0);
+    EXPECT_EQ(manager().liveBytes(), 0);
     EXPECT_EQ(RvoBlockFuture::numHashJobs(), 0);
 }
 

@@ -64,8 +64,7 @@ TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsOrNoRootsAreRefused)
     // Without a setup, or without roots, nothing is chosen.
     StdoutCapture unset;
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("4150-1")), -1);
-    EXPECT_EQ(RvoDataBlockManager::instance().getBlockDestination(
-                      QString(), digestText({QStringLiteral("1")})),
+    EXPECT_EQ(manager().getBlockDestination(QString(), digestText({QStringLiteral("1")})),
               QString());
     const QStringList lines = unset.lines();
     ASSERT_FALSE(lines.isEmpty());

@@ -21,7 +21,7 @@ TEST(RvoModifyAccessor, WritingAndReleasingMakesANewBlockAndLeavesTheOldOne)
 
     // A don't-cache release names the block at once; a null accessor gives a
     // null reference.
-    RvoModifyAccessor fresh = RvoDataBlockManager::instance().createNewBlock(100, 1);
+    RvoModifyAccessor fresh = manager().createNewBlock(100, 1);
     const RvoDataReference ref = fresh.release(RvoModifyAccessor::DontCache, false);
     EXPECT_TRUE(ref.hashPtr()->isDontCache());
     EXPECT_EQ(bytesOf(ref), QByteArray(100, '\x01'));
@@ -37,7 +37,7 @@ TEST(RvoModifyAccessor, WritingAndReleasingMakesANewBlockAndLeavesTheOldOne)
 TEST(RvoModifyAccessor, CopiesShareTheBlockUntilTheLastGoesAndAReleaseHandsOverACopy)
 {
     ManagerSetup setup;
-    RvoModifyAccessor first = RvoDataBlockManager::instance().createNewBlock(1000, 0x11);
+    RvoModifyAccessor first = manager().createNewBlock(1000, 0x11);
     EXPECT_EQ(first.count(), 1);
     {
         const RvoModifyAccessor copy(first);
@@ -47,7 +47,7 @@ TEST(RvoModifyAccessor, CopiesShareTheBlockUntilTheLastGoesAndAReleaseHandsOverA
     EXPECT_EQ(first.count(), 1);
     EXPECT_EQ(first.data()[5], 0x22);
 
-    RvoModifyAccessor other = RvoDataBlockManager::instance().createNewBlock(10, 0);
+    RvoModifyAccessor other = manager().createNewBlock(10, 0);
     other = first; // gives up its own block (deleted) and shares first's
     EXPECT_EQ(first.count(), 2);
     other = other;

@@ -13,12 +13,11 @@ TEST(RvoSelfCheckCache, SetsUpOnFreshRootsCountsBlockFilesCleansUpAndReportsAnUn
         ASSERT_EQ(cache.error(), QString());
         roots = cache.roots();
         ASSERT_EQ(roots.size(), 2);
-        RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-        EXPECT_TRUE(manager.isInitialized());
-        EXPECT_EQ(manager.cacheRoots(), roots);
-        EXPECT_EQ(manager.maxDataCacheSize(), 1 << 20);
-        EXPECT_EQ(manager.numBuckets(), 7);
-        EXPECT_EQ(manager.subCache(), QStringLiteral("sub"));
+        EXPECT_TRUE(manager().isInitialized());
+        EXPECT_EQ(manager().cacheRoots(), roots);
+        EXPECT_EQ(manager().maxDataCacheSize(), 1 << 20);
+        EXPECT_EQ(manager().numBuckets(), 7);
+        EXPECT_EQ(manager().subCache(), QStringLiteral("sub"));
         for (const QString &root : roots)
             EXPECT_EQ(QFileInfo(root).absolutePath(), QFileInfo(parent.path()).absoluteFilePath());
         EXPECT_EQ(cache.subCacheDirectory(1), roots.at(1) + QStringLiteral("/sub"));
@@ -33,7 +32,7 @@ TEST(RvoSelfCheckCache, SetsUpOnFreshRootsCountsBlockFilesCleansUpAndReportsAnUn
         ASSERT_TRUE(writeFile(roots.at(0) + QStringLiteral("/other/0/") + block, "x"));
         EXPECT_EQ(cache.blockFileCount(), 2);
     }
-    EXPECT_FALSE(RvoDataBlockManager::instance().isInitialized());
+    EXPECT_FALSE(manager().isInitialized());
     for (const QString &root : roots)
         EXPECT_FALSE(QFileInfo::exists(root)) << root.toStdString();
 
@@ -44,6 +43,6 @@ TEST(RvoSelfCheckCache, SetsUpOnFreshRootsCountsBlockFilesCleansUpAndReportsAnUn
     const RvoSelfCheckCache cache(file, 1, -1, 10);
     EXPECT_EQ(cache.error(),
               QStringLiteral("expected a cache directory at %1, saw none could be made").arg(file));
-    EXPECT_FALSE(RvoDataBlockManager::instance().isInitialized());
+    EXPECT_FALSE(manager().isInitialized());
     EXPECT_EQ(output.lines(), QStringList());
 }

@@ -28,18 +28,18 @@ struct Outcome
 // last sub-cache current (held), until cleanUp().
 QStringList storeBlocks(const QString &root, const QStringList &subCaches, int perSubCache)
 {
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    manager.setup({root}, qint64(256) << 20, 10);
+    manager().setup({root}, qint64(256) << 20, 10);
     QStringList paths;
     int seed = 0;
     for (const QString &subCache : subCaches) {
-        manager.setSubCache(subCache);
+        manager().setSubCache(subCache);
         QVector<RvoDataReference> references;
         for (int i = 0; i < perSubCache; ++i)
             references.append(addBlock(testContent(++seed, 100000)));
-        manager.flush(true, RvoDataBlockManager::AllThreads);
+        manager().flush(true, RvoDataBlockManager::AllThreads);
         for (const RvoDataReference &reference : references)
-            paths.append(QDir::cleanPath(manager.getBlockDestination(subCache, reference.hash())));
+            paths.append(
+                    QDir::cleanPath(manager().getBlockDestination(subCache, reference.hash())));
     }
     return paths;
 }
@@ -81,7 +81,7 @@ TEST(rvoddi, VerifyDrawsProgressOnATerminalListsEachBadFileAndDeletesThem)
     QTemporaryDir dir;
     const QString root = dir.path();
     QStringList paths = storeBlocks(root, {"a"}, 6);
-    RvoDataBlockManager::instance().cleanUp();
+    manager().cleanUp();
     ASSERT_EQ(paths.size(), 6);
     std::sort(paths.begin(), paths.end());
     // A progress line is drawn only when standard error is a terminal:
@@ -165,7 +165,7 @@ TEST(rvoddi, TrimDeletesTheLeastRecentlyUsedAndSkipsHeldSubCaches)
     EXPECT_FALSE(expectRun({"trim", root, "--max-size", "0", "--force"}, 0, "**")
                          .out.contains("skipped"));
     expectLeft(paths.size());
-    RvoDataBlockManager::instance().cleanUp();
+    manager().cleanUp();
 }
 
 TEST(rvoddi, PutAndGetRoundTripThroughTheLibraryAndEachFailureSaysWhy)
@@ -180,18 +180,17 @@ TEST(rvoddi, PutAndGetRoundTripThroughTheLibraryAndEachFailureSaysWhy)
     expectRun({"digest", input}, 0, digest + "  " + input + "\n");
 
     // The library finds the block where a host set up the same way looks.
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    manager.setup({root}, qint64(256) << 20, 10);
-    manager.setSubCache("s");
+    manager().setup({root}, qint64(256) << 20, 10);
+    manager().setSubCache("s");
     EXPECT_EQ(bytesOf(RvoDataReference(RvoHashManager::instance().getHash(digest))), bytes);
     // And the other way: a block the library stored comes out byte-exact.
     const QByteArray stored = testContent(8, 100000);
     {
         const RvoDataReference kept
-                = manager.addBlock(stored, RvoModifyAccessor::CacheContent, true);
-        manager.flush(true, RvoDataBlockManager::AllThreads);
+                = manager().addBlock(stored, RvoModifyAccessor::CacheContent, true);
+        manager().flush(true, RvoDataBlockManager::AllThreads);
     }
-    manager.cleanUp();
+    manager().cleanUp();
     const QString output = dir.filePath("out.bin");
     expectRun({"get", root, digestOf(stored)->toString(), "-o", output}, 0, "");
     EXPECT_EQ(readFile(output), stored);
@@ -259,5 +258,5 @@ TEST(rvoddi, LsAndStatsDescribeSubCachesAndStrayFiles)
     EXPECT_EQ(totals["lastUse"][0]["files"].toInt(), 6);
     EXPECT_EQ(totals["otherFiles"][0]["path"].toString(), stray);
     expectRun({"stats", root, "--sub-cache", "idle"}, 0, "block files      3 in 1 sub-cache\n**");
-    RvoDataBlockManager::instance().cleanUp();
+    manager().cleanUp();
 }

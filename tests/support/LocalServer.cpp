@@ -119,10 +119,12 @@ bool LocalServer::launch()
         // configuration).
         if (m_Process.waitForFinished(10) || clock.elapsed() > 10000) {
             kill();
+            QFile output(log); // what the server said on its way out
+            output.open(QIODevice::ReadOnly);
             m_Error = QStringLiteral("%1 did not listen on port %2: %3")
                               .arg(m_Name)
                               .arg(m_Port)
-                              .arg(output().right(2000));
+                              .arg(QString::fromLocal8Bit(output.readAll().right(2000)));
             return false;
         }
     }
@@ -168,12 +170,6 @@ bool LocalServer::restart()
 bool LocalServer::isRunning() const
 {
     return m_Process.isRunning();
-}
-
-QString LocalServer::output() const
-{
-    QFile file(m_Dir.filePath(QStringLiteral("output.log")));
-    return file.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(file.readAll()) : QString();
 }
 
 RvoRemoteEndpoint LocalServer::endpoint() const

@@ -62,8 +62,6 @@ public:
     qint64 pid() const { return m_Process.pid(); }
     // The temporary directory: configuration, logs, data.
     QString dir() const { return m_Dir.path(); }
-    // What the server printed on its standard output and error.
-    QString output() const;
     QString error() const { return m_Error; }
 
     // The server as the remote-storage setting names it, without
