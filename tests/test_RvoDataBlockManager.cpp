@@ -49,21 +49,6 @@ TEST(RvoDataBlockManager, SetupCreatesRootsAndStartsThreadsPerRootAndTheBudgetIs
     manager().cleanUp();
 }
 
-TEST(RvoDataBlockManager, UncreatableRootIsReportedTwiceAndStillServedAndNoBucketsAreRefused)
-{
-    QTemporaryDir dir;
-    ASSERT_TRUE(writeFile(dir.path() + QStringLiteral("/file"), QByteArray()));
-    const QString root = dir.path() + QStringLiteral("/file/root");
-    StdoutCapture out;
-    manager().setup({root}, -1, 0);
-    const QString line = QStringLiteral("Cannot Create cache root at ") + root;
-    EXPECT_EQ(out.lines(),
-              (QStringList {QStringLiteral("Bucket count 0 is below 1, keeping 10"), line, line}));
-    EXPECT_EQ(manager().numBuckets(), 10);
-    EXPECT_EQ(Access::writeThreadCount(), 1);
-    manager().cleanUp();
-}
-
 TEST(RvoDataBlockManager, SubCacheAndRequestPromotionReachTheThreads)
 {
     ManagerSetup setup(2);
@@ -117,9 +102,22 @@ TEST(RvoDataBlockManager, StatisticsDumpsHaveTheirLinesInOrder)
                              "requests"));
 }
 
-TEST(RvoDataBlockManager, CleanUpResetsEverythingAndANewSetupStartsAgain)
+TEST(RvoDataBlockManager, UncreatableRootIsServedAndCleanUpResetsEverythingForANewSetup)
 {
     manager().cleanUp(); // not initialized: nothing
+    // A root that cannot be created is reported twice and still served; no
+    // buckets are refused.
+    QTemporaryDir bad;
+    ASSERT_TRUE(writeFile(bad.path() + QStringLiteral("/file"), QByteArray()));
+    const QString root = bad.path() + QStringLiteral("/file/root");
+    StdoutCapture refused;
+    manager().setup({root}, -1, 0);
+    const QString line = QStringLiteral("Cannot Create cache root at ") + root;
+    EXPECT_EQ(refused.lines(),
+              (QStringList {QStringLiteral("Bucket count 0 is below 1, keeping 10"), line, line}));
+    EXPECT_EQ(manager().numBuckets(), 10);
+    EXPECT_EQ(Access::writeThreadCount(), 1);
+    manager().cleanUp();
     {
         ManagerSetup setup(1, QStringLiteral("S"), 10, 1 << 20);
         const QByteArray content = testContent(1);

@@ -49,31 +49,10 @@ TEST(RvoDataReference, DefaultReferencesAreNullAndEveryReferenceIsCounted)
     EXPECT_EQ(RvoDataReference::referenceCount(), live);
 }
 
-TEST(RvoDataReference, EqualContentGivesEqualReferencesOnceResolvedAndReadsWaitForTheJob)
-{
-    ManagerSetup setup;
-    const QByteArray content = testContent(1, 300000);
-    const RvoDataReference sync1 = addBlock(content);
-    EXPECT_TRUE(sync1 == addBlock(content));
-
-    RvoDataReference async1 = addBlock(content, RvoModifyAccessor::CacheContent, false);
-    RvoDataReference async2 = addBlock(content, RvoModifyAccessor::CacheContent, false);
-    EXPECT_FALSE(async1.isNull());
-    EXPECT_FALSE(async1 == async2) << "two pending references differ until resolved";
-    EXPECT_EQ(bytesOf(async2), content);
-    EXPECT_EQ(async1.hash(), sync1.hash());
-    EXPECT_TRUE(async1 == async2);
-    EXPECT_TRUE(async1 == sync1);
-
-    // The user id lives on the digest, shared by every reference to it.
-    RvoDataReference(sync1).setUserId(42);
-    EXPECT_EQ(addBlock(content, RvoModifyAccessor::CacheContent, false).userId(), 42);
-    RvoDataReference null;
-    null.setUserId(7); // ignored
-    EXPECT_EQ(null.userId(), -1);
-}
-
-TEST(RvoDataReference, JobsAreCountedUntilTheirLastReferenceGoesAndAlwaysAddTheBlock)
+// A hashing job is counted until its last reference goes and adds its block
+// even when nobody resolves it; equal content gives equal references once
+// resolved, and reads wait for the job.
+TEST(RvoDataReference, JobsAddTheirBlockAreCountedAndGiveEqualReferencesOnceResolved)
 {
     ManagerSetup setup;
     const int jobs = RvoBlockFuture::numHashJobs();
@@ -98,6 +77,26 @@ TEST(RvoDataReference, JobsAreCountedUntilTheirLastReferenceGoesAndAlwaysAddTheB
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
     EXPECT_EQ(manager().liveBytes(), 0);
     EXPECT_EQ(RvoBlockFuture::numHashJobs(), 0);
+
+    const QByteArray content = testContent(1, 300000);
+    const RvoDataReference sync1 = addBlock(content);
+    EXPECT_TRUE(sync1 == addBlock(content));
+
+    RvoDataReference async1 = addBlock(content, RvoModifyAccessor::CacheContent, false);
+    RvoDataReference async2 = addBlock(content, RvoModifyAccessor::CacheContent, false);
+    EXPECT_FALSE(async1.isNull());
+    EXPECT_FALSE(async1 == async2) << "two pending references differ until resolved";
+    EXPECT_EQ(bytesOf(async2), content);
+    EXPECT_EQ(async1.hash(), sync1.hash());
+    EXPECT_TRUE(async1 == async2);
+    EXPECT_TRUE(async1 == sync1);
+
+    // The user id lives on the digest, shared by every reference to it.
+    RvoDataReference(sync1).setUserId(42);
+    EXPECT_EQ(addBlock(content, RvoModifyAccessor::CacheContent, false).userId(), 42);
+    RvoDataReference null;
+    null.setUserId(7); // ignored
+    EXPECT_EQ(null.userId(), -1);
 }
 
 TEST(RvoDataReference, ChainsOfJobsAreFollowedToTheirEndAndNoBlockGivesNullAccessors)

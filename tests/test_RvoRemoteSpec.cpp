@@ -55,7 +55,7 @@ TEST(RvoRemoteSpec, EntriesGiveServersTimeoutsAndShardsInOrder)
     EXPECT_TRUE(parsed(QStringLiteral(" \t ")).isEmpty());
 }
 
-TEST(RvoRemoteSpec, AnInvalidEntryIsNamedWithItsCredentialsMasked)
+TEST(RvoRemoteSpec, AnInvalidEntryIsNamedMaskedAndTheManagerKeepsItsValidSetting)
 {
     const struct
     {
@@ -96,10 +96,7 @@ TEST(RvoRemoteSpec, AnInvalidEntryIsNamedWithItsCredentialsMasked)
         EXPECT_EQ(error, QLatin1String(c.error));
         EXPECT_EQ(remotes.size(), 1) << "untouched on failure";
     }
-}
-
-TEST(RvoRemoteSpec, TheManagerKeepsOnlyAValidSettingAndSaysWhatIsWrong)
-{
+    // The manager keeps only a valid setting and says what is wrong.
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     EXPECT_TRUE(manager.setRemoteStorage(QStringLiteral("redis://127.0.0.1:1")));
     StdoutCapture out;
