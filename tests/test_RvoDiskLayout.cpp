@@ -59,7 +59,7 @@ TEST(RvoDiskLayout, RootIsTheDigitSumOfTheFirstFourCharactersSeparatorsCountingM
     EXPECT_TRUE(manager().subCacheExists(QStringLiteral("S")));
 }
 
-TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsOrNoRootsAreRefused)
+TEST(RvoDiskLayout, OneRootTakesEveryDigestBadTextsOrNoRootsAreRefusedSeparatorsAreKept)
 {
     // Without a setup, or without roots, nothing is chosen.
     StdoutCapture unset;
@@ -79,10 +79,8 @@ TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsOrNoRootsAreRefused)
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("12")), -1);
     EXPECT_EQ(Access::cacheIndex(static_cast<const RvoDataHash *>(nullptr)), -1);
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Hash String is too Short 12")});
-}
 
-TEST(RvoDiskLayout, FileNameAndBucketDirectoryKeepTheirDoubledSeparators)
-{
+    // File name and bucket directory keep their doubled separators.
     const RvoDataHash hash(digestText({QStringLiteral("4150470588")}));
     QString directory = QStringLiteral("untouched");
     QString name;

@@ -212,43 +212,41 @@ TEST_P(RemoteServerTest, WrongOrMissingCredentialsAreUnauthorizedWithoutThePassw
     }
 }
 
+// Redis: the endpoint's path "/N" names the database the keys go to. HTTP:
+// a body announced larger than any block file is refused from its headers,
+// not read (the file is sparse: none of it is on disk).
+TEST_P(RemoteServerTest, RedisPathSelectsTheDatabaseAndAnOversizedHttpBodyIsRefusedUnread)
+{
+    START_SERVER();
+    Remote::Result result;
+    QByteArray fetched;
+    QElapsedTimer clock;
+    if (GetParam() == LocalServer::Redis) {
+        m_Endpoint.path = QStringLiteral("/3");
+        EXPECT_RESULT(client()->put(blockName(1), "bytes"), Stored);
+        EXPECT_EQ(askRedis(m_Server.port(), "GET", "rvoddi:" + blockName(1).toUtf8(), 3), "bytes");
+        EXPECT_EQ(stored(blockName(1)), std::nullopt) << "database 0";
+        m_Endpoint.path = QStringLiteral("/x");
+        clock.start();
+        result = client()->put(blockName(2), "b");
+    } else {
+        const QString path = m_Server.filePath(blockName(1));
+        ASSERT_TRUE(writeFile(path, QByteArray())
+                    && QFile::resize(path, Remote::kMaxValueSize + 1));
+        clock.start();
+        result = client()->get(blockName(1), &fetched);
+    }
+    EXPECT_EQ(result.status, Remote::Unavailable);
+    EXPECT_EQ(result.error,
+              GetParam() == LocalServer::Redis ? QStringLiteral("not a database number: /x")
+                                               : QStringLiteral("body too large"));
+    EXPECT_TRUE(fetched.isEmpty());
+    EXPECT_LT(clock.elapsed(), 1000);
+}
+
 INSTANTIATE_TEST_SUITE_P(Servers, RemoteServerTest,
                          ::testing::Values(LocalServer::Nginx, LocalServer::Redis),
                          [](const ::testing::TestParamInfo<LocalServer::Kind> &info) {
                              return std::string(info.param == LocalServer::Nginx ? "Nginx"
                                                                                  : "Redis");
                          });
-
-// The endpoint's path "/N" names the database the keys go to.
-TEST(RvoRedisRemoteServer, PathSelectsTheDatabase)
-{
-    LocalServer server(LocalServer::Redis);
-    START_OR_SKIP(server);
-    RvoRemoteEndpoint endpoint = server.endpoint();
-    endpoint.path = QStringLiteral("/3");
-    EXPECT_RESULT(Remote::create(endpoint)->put(blockName(1), "bytes"), Stored);
-    EXPECT_EQ(askRedis(server.port(), "GET", "rvoddi:" + blockName(1).toUtf8(), 3), "bytes");
-    EXPECT_EQ(askRedis(server.port(), "GET", "rvoddi:" + blockName(1).toUtf8()), std::nullopt);
-    endpoint.path = QStringLiteral("/x");
-    const Remote::Result result = Remote::create(endpoint)->put(blockName(2), "b");
-    EXPECT_EQ(result.status, Remote::Unavailable);
-    EXPECT_EQ(result.error, QStringLiteral("not a database number: /x"));
-}
-
-// A body announced larger than any block file is refused from its headers,
-// not read (the file is sparse: none of it is on disk).
-TEST(RvoHttpRemoteServer, OversizedBodyIsRefusedBeforeItIsRead)
-{
-    LocalServer server(LocalServer::Nginx);
-    START_OR_SKIP(server);
-    const QString path = server.filePath(blockName(1));
-    ASSERT_TRUE(writeFile(path, QByteArray()) && QFile::resize(path, Remote::kMaxValueSize + 1));
-    QElapsedTimer clock;
-    clock.start();
-    QByteArray fetched;
-    const Remote::Result result = Remote::create(server.endpoint())->get(blockName(1), &fetched);
-    EXPECT_EQ(result.status, Remote::Unavailable);
-    EXPECT_EQ(result.error, QStringLiteral("body too large"));
-    EXPECT_TRUE(fetched.isEmpty());
-    EXPECT_LT(clock.elapsed(), 1000);
-}

@@ -1,7 +1,6 @@
 #include "ManagerTestAccess.h"
 #include "RvoSelfCheckCache_p.h"
 
-#include <QDir>
 #include <QFileInfo>
 
 TEST(RvoSelfCheckCache, SetsUpOnFreshRootsCountsBlockFilesCleansUpAndReportsAnUnusableParent)

@@ -149,29 +149,6 @@ void LocalServer::kill()
     m_Process.waitForFinished(10000);
 }
 
-void LocalServer::pause()
-{
-    if (isRunning())
-        m_Process.signal(SIGSTOP);
-}
-
-void LocalServer::resume()
-{
-    if (isRunning())
-        m_Process.signal(SIGCONT);
-}
-
-bool LocalServer::restart()
-{
-    stop();
-    return start();
-}
-
-bool LocalServer::isRunning() const
-{
-    return m_Process.isRunning();
-}
-
 RvoRemoteEndpoint LocalServer::endpoint() const
 {
     RvoRemoteEndpoint endpoint;
@@ -182,11 +159,6 @@ RvoRemoteEndpoint LocalServer::endpoint() const
     endpoint.connectTimeoutMs = 100;
     endpoint.operationTimeoutMs = 2000;
     return endpoint;
-}
-
-QString LocalServer::url() const
-{
-    return endpoint().plainUrl();
 }
 
 void LocalServer::requirePassword(const QString &user, const QString &password)

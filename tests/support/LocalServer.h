@@ -25,6 +25,8 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <signal.h>
+
 class LocalServer
 {
 public:
@@ -51,12 +53,16 @@ public:
     // SIGSTOP and SIGCONT. A paused server's port still accepts connections
     // (the kernel queues them) but nothing answers: how a test provokes an
     // operation timeout.
-    void pause();
-    void resume();
+    void pause() { m_Process.signal(SIGSTOP); }
+    void resume() { m_Process.signal(SIGCONT); }
     // stop(), then start() on the same port.
-    bool restart();
+    bool restart()
+    {
+        stop();
+        return start();
+    }
 
-    bool isRunning() const;
+    bool isRunning() const { return m_Process.isRunning(); }
     int port() const { return m_Port; }
     // The server's process id while it runs (for its CPU time).
     qint64 pid() const { return m_Process.pid(); }
@@ -66,7 +72,7 @@ public:
 
     // The server as the remote-storage setting names it, without
     // credentials: "http://127.0.0.1:PORT/tiles", "redis://127.0.0.1:PORT".
-    QString url() const;
+    QString url() const { return endpoint().plainUrl(); }
     // The server for a client: 100 ms to connect, 2 s per operation.
     RvoRemoteEndpoint endpoint() const;
 
