@@ -19,7 +19,7 @@ void plantFile(const QString &root, const RvoDataHash *hash, const QByteArray &b
 
 } // namespace
 
-TEST(RvoDataBlockManagerReadThread, QueueOrdersByPriorityPromotesWhenEnabledAndDropsOnlyBackground)
+TEST(RvoDataBlockManagerReadThread, QueueOrdersPromotesAndDropsOnlyBackgroundAndLoadsAreCounted)
 {
     QTemporaryDir root;
     Reader reader(root.path(), 10, 50, nullptr);
@@ -77,13 +77,9 @@ TEST(RvoDataBlockManagerReadThread, QueueOrdersByPriorityPromotesWhenEnabledAndD
     EXPECT_EQ(reader.queuedRequests().at(1).second, second.data());
     reader.request(second.data(), RvoDataBlockManager::PreloadBackground);
     EXPECT_EQ(reader.queuedRequests().at(0), qMakePair(2 - 99, second.data()));
-}
 
-TEST(RvoDataBlockManagerReadThread, LoadedBlockIsRawCachedAndCounted)
-{
-    QTemporaryDir root;
-    Reader reader(root.path(), 10, 50, nullptr);
-    // An empty block's payload is the bare 4-byte length.
+    // A loaded block is raw, marked cached and counted; an empty block's
+    // payload is the bare 4-byte length.
     for (const QByteArray &content : {testContent(9, 123457), QByteArray()}) {
         const RvoSmartPointer<RvoDataHash> hash = digestOf(content);
         plantFile(root.path(), hash.data(), blockFile(content));

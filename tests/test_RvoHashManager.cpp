@@ -31,9 +31,35 @@ QStringList stats(int hits, int misses, int requests, int removes, int registere
 
 } // namespace
 
-TEST(RvoHashManager, GetHashAndAddHashKeepOneObjectPerDigestAndCountHits)
+// The text form finds the registered digest until the last reference goes;
+// content, text and addHash all keep one object per digest.
+TEST(RvoHashManager, TextContentAndAddHashFindOneObjectPerDigestUntilItsLastReferenceGoes)
 {
     RvoHashManager &registry = RvoHashManager::instance();
+    const int liveBefore = RvoDataHash::hashCount();
+    RvoSmartPointer<RvoDataHash> hash = registry.getHash(content(2));
+    const QString text = hash->toString();
+
+    EXPECT_TRUE(registry.isHashLive(text));
+    RvoSmartPointer<RvoDataHash> byText = registry.getHash(text);
+    EXPECT_TRUE(byText == hash);
+    byText.reset();
+    EXPECT_TRUE(registry.isHashLive(text));
+
+    registry.clearStats();
+    hash.reset();
+    EXPECT_FALSE(registry.isHashLive(text));
+    EXPECT_EQ(RvoDataHash::hashCount(), liveBefore);
+    EXPECT_EQ(statsLines(), stats(0, 0, 0, 1, 0)) << "one remove, none registered";
+
+    // Malformed text names no digest.
+    DebugCapture debug;
+    EXPECT_TRUE(registry.getHash(QStringLiteral("1-2-3")).isNull());
+    EXPECT_FALSE(registry.isHashLive(QStringLiteral("1-2-3")));
+    EXPECT_FALSE(registry.isHashLive(QString()));
+    EXPECT_EQ(registry.hashCount(), 0);
+    EXPECT_EQ(debug.count(QStringLiteral("Unknown Hash Bit Size 12")), 2);
+
     registry.clearStats();
     const RvoSmartPointer<RvoDataHash> a = registry.getHash(content(1));
     const QByteArray same = content(1);
@@ -64,34 +90,6 @@ TEST(RvoHashManager, GetHashAndAddHashKeepOneObjectPerDigestAndCountHits)
     EXPECT_EQ(registered->refCount(), 2);
     EXPECT_EQ(statsLines(), stats(1, 0, 0, 0, 2)) << "addHash is not a request";
     EXPECT_TRUE(registry.getHash(content(4)) == registered);
-}
-
-TEST(RvoHashManager, TextFormFindsTheRegisteredDigestUntilTheLastReferenceGoes)
-{
-    RvoHashManager &registry = RvoHashManager::instance();
-    const int liveBefore = RvoDataHash::hashCount();
-    RvoSmartPointer<RvoDataHash> hash = registry.getHash(content(2));
-    const QString text = hash->toString();
-
-    EXPECT_TRUE(registry.isHashLive(text));
-    RvoSmartPointer<RvoDataHash> byText = registry.getHash(text);
-    EXPECT_TRUE(byText == hash);
-    byText.reset();
-    EXPECT_TRUE(registry.isHashLive(text));
-
-    registry.clearStats();
-    hash.reset();
-    EXPECT_FALSE(registry.isHashLive(text));
-    EXPECT_EQ(RvoDataHash::hashCount(), liveBefore);
-    EXPECT_EQ(statsLines(), stats(0, 0, 0, 1, 0)) << "one remove, none registered";
-
-    // Malformed text names no digest.
-    DebugCapture debug;
-    EXPECT_TRUE(registry.getHash(QStringLiteral("1-2-3")).isNull());
-    EXPECT_FALSE(registry.isHashLive(QStringLiteral("1-2-3")));
-    EXPECT_FALSE(registry.isHashLive(QString()));
-    EXPECT_EQ(registry.hashCount(), 0);
-    EXPECT_EQ(debug.count(QStringLiteral("Unknown Hash Bit Size 12")), 2);
 }
 
 TEST(RvoHashManager, ValidateStateReportsCachedDigestsAndDebugInfoAndSnapshotListAll)

@@ -35,8 +35,7 @@ using Ptr = RvoSmartPointer<Counted>;
 
 TEST(RvoSmartPointer, CopiesAndMovesKeepTheCountTheLastReleaseDeletesAndHashIsOfThePointer)
 {
-    bool firstDead = false;
-    bool secondDead = false;
+    bool firstDead = false, secondDead = false;
     Ptr a(new Counted(&firstDead));
     Counted *first = a.data();
     {

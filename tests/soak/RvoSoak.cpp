@@ -6,9 +6,9 @@
 // reference is gone: the registry's digest count, the digest objects and the
 // live bytes must be back where they started, every read must have given the
 // bytes that were added, every unchanged copy its source's digest, and the
-// library must have printed no report line. Exits 0 when all
-// of that holds. Figures go to standard error; standard output is the
-// library's report channel and is captured.
+// library must have printed no report line. Exits 0 when all of that holds.
+// Figures go to standard error; standard output is the library's report
+// channel and is captured.
 
 #include "ManagerTestAccess.h"
 
@@ -133,14 +133,6 @@ int main(int argc, char **argv)
                 std::this_thread::sleep_for(std::chrono::milliseconds(500));
             }
         });
-        for (qint64 next = 60000; next < endMs; next += 60000) {
-            // A minute's progress, on standard error; bounded by the end.
-            while (clock.elapsed() < qMin(next, endMs))
-                std::this_thread::sleep_for(std::chrono::milliseconds(200));
-            std::fprintf(stderr, "soak: %lld s, %lld adds, %lld reads, %lld wrong\n",
-                         clock.elapsed() / 1000, qint64(counters.adds), qint64(counters.reads),
-                         qint64(counters.wrong));
-        }
         for (std::thread &thread : threads)
             thread.join();
 
