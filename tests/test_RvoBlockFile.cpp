@@ -73,8 +73,8 @@ TEST(RvoSubCacheLock, ExclusiveOnlyWithoutOtherHolders)
     RvoSubCacheLock first;
     RvoSubCacheLock second;
     ASSERT_TRUE(first.lockShared(subCache));
-    EXPECT_TRUE(QFile::exists(subCache + QStringLiteral("/.rvoddi-lock")));
-    EXPECT_TRUE(RvoSubCacheLock::isHeld(subCache));
+    EXPECT_TRUE(QFile::exists(subCache + QStringLiteral("/.rvoddi-lock"))
+                && RvoSubCacheLock::isHeld(subCache));
     ASSERT_TRUE(second.lockShared(subCache));
     EXPECT_FALSE(first.tryUpgrade());
     EXPECT_TRUE(first.isLocked());

@@ -36,8 +36,7 @@ TEST(RvoConstAccessor, PinCountsStayExactThroughCopiesHoldThroughEvictionAndNull
         EXPECT_EQ(onA.count(), 1);
         EXPECT_FALSE(evictable(b));
     }
-    EXPECT_TRUE(evictable(a));
-    EXPECT_TRUE(evictable(b));
+    EXPECT_TRUE(evictable(a) && evictable(b));
     EXPECT_TRUE(out.lines().isEmpty()) << "one pin, one unpin, no complaint";
 
     // A pinned block stays through eviction and reads its bytes.

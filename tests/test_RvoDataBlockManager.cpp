@@ -72,8 +72,8 @@ TEST(RvoDataBlockManager, SubCacheAndRequestPromotionReachTheThreads)
     manager().setRequestPromotionEnabled(true);
     EXPECT_EQ(debug.messages(),
               QStringList {QStringLiteral("RvoDDi Setting Request Promotion Enabled to TRUE 1")});
-    EXPECT_TRUE(Access::readThread(0)->requestPromotionEnabled());
-    EXPECT_TRUE(Access::readThread(1)->requestPromotionEnabled());
+    EXPECT_TRUE(Access::readThread(0)->requestPromotionEnabled()
+                && Access::readThread(1)->requestPromotionEnabled());
 }
 
 TEST(RvoDataBlockManager, StatisticsDumpsHaveTheirLinesInOrder)
@@ -132,8 +132,7 @@ TEST(RvoDataBlockManager, UncreatableRootIsServedAndCleanUpResetsEverythingForAN
     EXPECT_EQ(manager().managedBlocks(), 0);
     EXPECT_EQ(manager().maxDataCacheSize(), 0);
     EXPECT_EQ(manager().numBuckets(), 0);
-    EXPECT_TRUE(manager().cacheRoots().isEmpty());
-    EXPECT_TRUE(manager().subCache().isEmpty());
+    EXPECT_TRUE(manager().cacheRoots().isEmpty() && manager().subCache().isEmpty());
     EXPECT_FALSE(manager().garbageCollecting());
     EXPECT_EQ(Access::writeThreadCount(), 0);
 

@@ -86,8 +86,7 @@ TEST(RvoDataBlockManagerReadThread, QueueOrdersPromotesAndDropsOnlyBackgroundAnd
         RvoDataBlock *block = Reader::waitForBlock(reader.loadBlock(hash, false));
         ASSERT_NE(block, nullptr);
         EXPECT_EQ(bytesOf(block), content);
-        EXPECT_TRUE(block->cached());
-        EXPECT_FALSE(block->isCompressed());
+        EXPECT_TRUE(block->cached() && !block->isCompressed());
         delete block;
     }
     EXPECT_EQ(reader.bytesRead(), 123457);
@@ -168,8 +167,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         EXPECT_TRUE(waitUntil(
                 [&] { return Access::holdsBlock(goodHash.data()) && !QFile::exists(path); }));
         EXPECT_LT(timer.elapsed(), kPromptly);
-        EXPECT_FALSE(Access::holdsBlock(badHash.data()));
-        EXPECT_FALSE(goodHash->isPreloading());
+        EXPECT_FALSE(Access::holdsBlock(badHash.data()) || goodHash->isPreloading());
         EXPECT_EQ(manager().liveBytes(), good.size());
     }
     EXPECT_EQ(reader->requestsHandled(), 2 * int(std::size(cases)));

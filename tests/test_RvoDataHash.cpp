@@ -13,7 +13,7 @@ const char *const kEmpty256Text
 
 } // namespace
 
-TEST(RvoDataHash, EmptyInputNegativeLengthAndNullBufferAllHashAsEmpty)
+TEST(RvoDataHash, DigestIsSkeinsOfThatSizeTextRoundTripsAndBadInputHashesAsEmpty)
 {
     DebugCapture debug;
     const RvoDataHash empty512(QByteArray(), RvoDataHash::Skein512);
@@ -28,10 +28,8 @@ TEST(RvoDataHash, EmptyInputNegativeLengthAndNullBufferAllHashAsEmpty)
     EXPECT_EQ(negative.toString(), QLatin1String(kEmpty512Text));
     EXPECT_EQ(null.toString(), QLatin1String(kEmpty512Text));
     EXPECT_EQ(debug.messages().size(), 2);
-}
 
-TEST(RvoDataHash, DigestIsTheSkeinDigestOfThatSizeAndItsTextFormRoundTrips)
-{
+    // The digest is Skein's of that size, and its text form round-trips.
     const QByteArray data = testContent(3, 100000);
     for (RvoDataHash::Size size :
          {RvoDataHash::Skein256, RvoDataHash::Skein512, RvoDataHash::Skein1024}) {
@@ -93,8 +91,8 @@ TEST(RvoDataHash, EqualityIsBySizeAndBytesAndCopiesTakeTheUserIdButNotTheFlags)
     EXPECT_TRUE(a == b);
     EXPECT_EQ(a.qhash(), b.qhash());
     // The same leading bytes at another size.
-    EXPECT_TRUE(RvoDataHash(RvoDataHash::Skein256, a.data()) != a);
-    EXPECT_TRUE(RvoDataHash(testContent(2, 64), RvoDataHash::Skein512) != a);
+    EXPECT_TRUE(RvoDataHash(RvoDataHash::Skein256, a.data()) != a
+                && RvoDataHash(testContent(2, 64), RvoDataHash::Skein512) != a);
 
     const RvoSmartPointer<RvoDataHash> source(
             new RvoDataHash(testContent(1, 10), RvoDataHash::Skein1024));

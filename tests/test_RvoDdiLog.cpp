@@ -47,8 +47,8 @@ TEST(RvoDdiLog, EntriesAreOneLineEachAndNothingIsWrittenWhileDisabledClosedOrWit
 
     const QStringList lines = logText(nested).split(QLatin1Char('\n'));
     ASSERT_EQ(lines.size(), 5);
-    EXPECT_TRUE(lines.at(0).endsWith(QStringLiteral(" first - f.cpp:3")));
-    EXPECT_TRUE(lines.at(1).endsWith(QStringLiteral(" second - f.cpp:5")));
+    EXPECT_TRUE(lines.at(0).endsWith(QStringLiteral(" first - f.cpp:3"))
+                && lines.at(1).endsWith(QStringLiteral(" second - f.cpp:5")));
     const QRegularExpression info(
             QStringLiteral(R"(^\[ I \] \d\d:\d\d:\d\d hello - writer\.cpp:42$)"));
     const QRegularExpression warning(

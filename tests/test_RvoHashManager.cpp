@@ -55,8 +55,7 @@ TEST(RvoHashManager, TextContentAndAddHashFindOneObjectPerDigestUntilItsLastRefe
     // Malformed text names no digest.
     DebugCapture debug;
     EXPECT_TRUE(registry.getHash(QStringLiteral("1-2-3")).isNull());
-    EXPECT_FALSE(registry.isHashLive(QStringLiteral("1-2-3")));
-    EXPECT_FALSE(registry.isHashLive(QString()));
+    EXPECT_FALSE(registry.isHashLive(QStringLiteral("1-2-3")) || registry.isHashLive(QString()));
     EXPECT_EQ(registry.hashCount(), 0);
     EXPECT_EQ(debug.count(QStringLiteral("Unknown Hash Bit Size 12")), 2);
 

@@ -1,5 +1,3 @@
-#include "RvoOutputCapture_p.h"
-
 #include "OutputCapture.h"
 
 #include <QThread>

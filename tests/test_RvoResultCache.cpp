@@ -22,11 +22,11 @@ TEST(RvoResultCache, FirstResultWinsHitsAreCountedDisablingHidesEntriesAndEntrie
 
     RvoDataReference first = reference("first");
     RvoDataReference second = reference("second");
-    EXPECT_TRUE(cache->addResult(QStringLiteral("blur"), first));
-    EXPECT_TRUE(cache->addResult(QStringLiteral("blur"), second));
+    EXPECT_TRUE(cache->addResult(QStringLiteral("blur"), first)
+                && cache->addResult(QStringLiteral("blur"), second));
     EXPECT_EQ(cache->resultCount(), 1);
-    EXPECT_TRUE(cache->lookup(QStringLiteral("blur")) == first);
-    EXPECT_TRUE(cache->lookup(QStringLiteral("blur")) == first);
+    EXPECT_TRUE(cache->lookup(QStringLiteral("blur")) == first
+                && cache->lookup(QStringLiteral("blur")) == first);
     EXPECT_EQ(cache->cacheHits(), 2);
     EXPECT_FALSE(cache->contains(QStringLiteral("Blur"))) << "keys compare exactly";
     EXPECT_TRUE(cache->lookup(QStringLiteral("Blur")).isNull());

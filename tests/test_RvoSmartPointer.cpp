@@ -77,8 +77,7 @@ TEST(RvoSmartPointer, CopiesAndMovesKeepTheCountTheLastReleaseDeletesAndHashIsOf
     target.reset();
     EXPECT_FALSE(secondDead);
     adopted.reset();
-    EXPECT_TRUE(secondDead);
-    EXPECT_TRUE(adopted.isNull());
+    EXPECT_TRUE(secondDead && adopted.isNull());
 
     // Null pointers touch nothing.
     Ptr null;
