@@ -10,15 +10,6 @@
 using Access = RvoDataBlockManagerTestAccess;
 using Reader = RvoDataBlockManagerReadThread;
 
-namespace {
-
-void plantFile(const QString &root, const RvoDataHash *hash, const QByteArray &bytes)
-{
-    writeFile(blockPath(root, QString(), hash), bytes);
-}
-
-} // namespace
-
 TEST(RvoDataBlockManagerReadThread, QueueOrdersPromotesAndDropsOnlyBackgroundAndLoadsAreCounted)
 {
     QTemporaryDir root;
@@ -82,7 +73,7 @@ TEST(RvoDataBlockManagerReadThread, QueueOrdersPromotesAndDropsOnlyBackgroundAnd
     // payload is the bare 4-byte length.
     for (const QByteArray &content : {testContent(9, 123457), QByteArray()}) {
         const RvoSmartPointer<RvoDataHash> hash = digestOf(content);
-        plantFile(root.path(), hash.data(), blockFile(content));
+        writeFile(blockPath(root.path(), QString(), hash.data()), blockFile(content));
         RvoDataBlock *block = Reader::waitForBlock(reader.loadBlock(hash, false));
         ASSERT_NE(block, nullptr);
         EXPECT_EQ(bytesOf(block), content);
@@ -136,9 +127,9 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         SCOPED_TRACE(c.what);
         const QByteArray good = testContent(++seed, 20000);
         const RvoSmartPointer<RvoDataHash> goodHash = digestOf(good);
-        plantFile(setup.root(), goodHash.data(), blockFile(good));
+        writeFile(blockPath(setup.root(), QString(), goodHash.data()), blockFile(good));
         if (!c.file.isNull())
-            plantFile(setup.root(), badHash.data(), c.file);
+            writeFile(path, c.file);
         QStringList expected;
         if (!c.line.isEmpty())
             expected << c.line.arg(path);
@@ -158,7 +149,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         // On the root's own thread: the damaged file first, a sound one right
         // behind it. (A failed preload keeps its mark; clear it to ask again.)
         if (!c.file.isNull())
-            plantFile(setup.root(), badHash.data(), c.file);
+            writeFile(path, c.file);
         badHash->setPreloading(false);
         timer.restart();
         reader->request(badHash.data(), RvoDataBlockManager::PreloadFirst);

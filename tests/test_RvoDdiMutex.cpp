@@ -45,26 +45,7 @@ TEST(RvoDdiMutex, RecursiveMutexNestsForItsHolderAndAPlainOneRefusesIt)
     }
 }
 
-TEST(RvoDdiMutex, NestedLockingExcludesOtherThreads)
-{
-    RvoDdiMutex mutex(0, RvoDdiMutex::Recursive);
-    long counter = 0; // guarded by mutex
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 20000; ++i) {
-                RvoDdiMutexLocker outer(&mutex);
-                RvoDdiMutexLocker inner(&mutex);
-                ++counter;
-            }
-        });
-    }
-    for (std::thread &thread : threads)
-        thread.join();
-    EXPECT_EQ(counter, 4 * 20000);
-}
-
-TEST(RvoDdiMutexLocker, DestructorUnlocksOnlyWhatTheLockerHoldsAndAssignmentDoesNotLock)
+TEST(RvoDdiMutexLocker, UnlocksOnlyWhatItHoldsAssignmentDoesNotLockAndNestingExcludesOthers)
 {
     RvoDdiMutex mutex(0, RvoDdiMutex::Recursive);
     mutex.lock(); // the test's own hold, depth 1
@@ -99,4 +80,20 @@ TEST(RvoDdiMutexLocker, DestructorUnlocksOnlyWhatTheLockerHoldsAndAssignmentDoes
     held.unlock(); // one release for the one lock
     other = RvoDdiMutexLocker(nullptr);
     EXPECT_TRUE(freeForOtherThreads(plain));
+
+    // Nested lockers exclude other threads.
+    long counter = 0; // guarded by mutex
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20000; ++i) {
+                RvoDdiMutexLocker outer(&mutex);
+                RvoDdiMutexLocker inner(&mutex);
+                ++counter;
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(counter, 4 * 20000);
 }

@@ -41,9 +41,3 @@ QStringList DebugCapture::messages() const
     QMutexLocker locker(&g_Lock);
     return g_Messages;
 }
-
-int DebugCapture::count(const QString &message) const
-{
-    QMutexLocker locker(&g_Lock);
-    return int(g_Messages.count(message));
-}
