@@ -97,12 +97,11 @@ public:
     {
         ASSERT_FALSE(blocks.isEmpty());
         m_FirstBlock = blocks.first().hash();
-        if (m_Hold) // beyond the run
-            m_Held = blocks.first();
         if (m_LibraryReport) // a broken invariant while a check runs
             EXPECT_TRUE(RvoHashManager::instance().addHash(nullptr).isNull());
-        if (!m_CorruptBlockFile)
+        if (!m_CorruptAndHold)
             return;
+        m_Held = blocks.first(); // beyond the run
         const QString path = manager().getBlockDestination(QFileInfo(subCacheDirectory).fileName(),
                                                            m_FirstBlock);
         ASSERT_TRUE(path.startsWith(subCacheDirectory)) << path.toStdString();
@@ -111,9 +110,8 @@ public:
     }
 
     QList<int> m_WrongDigestBits;
-    bool m_Hold = false;
     bool m_LibraryReport = false;
-    bool m_CorruptBlockFile = false;
+    bool m_CorruptAndHold = false; // the first block's file, and a reference to it
     QMap<int, QString> m_Changed;
     QString m_FirstBlock;
     RvoDataReference m_Held;
@@ -189,8 +187,7 @@ TEST(DdiTester, EachBrokenPartFailsItsOwnCheckOnly)
     Breakage broken;
     // A whole-byte message at 1024 bits, a partial-byte one at 160.
     broken.m_WrongDigestBits = {1024, 160};
-    broken.m_CorruptBlockFile = true;
-    broken.m_Hold = true;
+    broken.m_CorruptAndHold = true;
     const TesterRun run = runTester(data.path(), &broken);
     EXPECT_EQ(run.failures, 5);
     const QStringList failed = failedLines(run);

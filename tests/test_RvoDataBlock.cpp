@@ -36,7 +36,7 @@ TEST(RvoDataBlock, ConstructorsGiveTheirBytesUncompressedAndRefuseImpossibleSize
     EXPECT_EQ(RvoDataBlock::maxBlockSize(), 0x7FFFFFFF);
 }
 
-TEST(RvoDataBlock, CompressKeepsTheSizeAndUncompressAndDataRestoreTheBytes)
+TEST(RvoDataBlock, CompressKeepsTheSizeUncompressRestoresEqualityNeedsTheSameForm)
 {
     const QByteArray content = testContent(2, 50000);
     RvoDataBlock block(content);
@@ -65,24 +65,22 @@ TEST(RvoDataBlock, CompressKeepsTheSizeAndUncompressAndDataRestoreTheBytes)
     bytes[0] ^= 0xff;
     block.uncompress();
     EXPECT_EQ(bytesOf(&block), content) << "writing through a copy leaves the original alone";
-}
 
-TEST(RvoDataBlock, EqualityNeedsTheSameFormAndHashIsAFreshDigest)
-{
-    const QByteArray content = testContent(4, 3000);
-    RvoDataBlock raw(content);
-    RvoDataBlock compressed(content);
+    // Equality needs the same form; hash() is a fresh digest.
+    const QByteArray tile = testContent(4, 3000);
+    RvoDataBlock raw(tile);
+    RvoDataBlock compressed(tile);
     compressed.compress(2);
     EXPECT_TRUE(raw != compressed);
     RvoDataBlock assigned(1, 0);
     assigned = compressed;
     EXPECT_TRUE(assigned == compressed);
     EXPECT_TRUE(assigned.isCompressed());
-    EXPECT_EQ(assigned.size(), content.size());
-    EXPECT_TRUE(RvoDataBlock(content) == raw && RvoDataBlock(testContent(5, 3000)) != raw);
+    EXPECT_EQ(assigned.size(), tile.size());
+    EXPECT_TRUE(RvoDataBlock(tile) == raw && RvoDataBlock(testContent(5, 3000)) != raw);
 
     const RvoSmartPointer<RvoDataHash> hash = raw.hash();
-    EXPECT_TRUE(*hash == RvoDataHash(content, RvoDataHash::Skein512));
+    EXPECT_TRUE(*hash == RvoDataHash(tile, RvoDataHash::Skein512));
     EXPECT_EQ(hash->refCount(), 1);
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0) << "hash() does not intern";
 }

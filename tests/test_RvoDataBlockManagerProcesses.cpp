@@ -74,9 +74,7 @@ bool stopWhileWriting(qint64 pid, const QStringList &roots, int ms, std::mt19937
 // alone, that is rare.
 TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
 {
-    const int kills = qEnvironmentVariableIsSet("RVODDI_KILLS")
-            ? qEnvironmentVariableIntValue("RVODDI_KILLS")
-            : 40;
+    const int kills = qEnvironmentVariable("RVODDI_KILLS", QStringLiteral("40")).toInt();
     QTemporaryDir dir;
     const QStringList roots {dir.filePath(QStringLiteral("a")), dir.filePath(QStringLiteral("b"))};
     const QString sideFile = dir.filePath(QStringLiteral("confirmed.txt"));

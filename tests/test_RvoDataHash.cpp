@@ -80,7 +80,7 @@ TEST(RvoDataHash, MalformedTextEmptyDigestsAndZeroSizeAreReported)
                             QStringLiteral("Result Length 0  Size 0")}));
 }
 
-TEST(RvoDataHash, EqualityIsBySizeAndBytesAndCopiesTakeTheUserIdButNotTheFlags)
+TEST(RvoDataHash, EqualityIsBySizeAndBytesCopiesTakeTheUserIdAndLiveObjectsAreCounted)
 {
     const QByteArray data = testContent(1, 64);
     RvoDataHash a(data, RvoDataHash::Skein512);
@@ -112,17 +112,15 @@ TEST(RvoDataHash, EqualityIsBySizeAndBytesAndCopiesTakeTheUserIdButNotTheFlags)
     EXPECT_EQ(assigned.size(), RvoDataHash::Skein1024);
     EXPECT_EQ(assigned.userId(), 5);
     EXPECT_TRUE(assigned.isDontCache()) << "assignment keeps the flags it had";
-}
 
-TEST(RvoDataHash, LiveObjectsAreCountedAndAReleaseWithoutACountIsReported)
-{
-    // Bookkeeping per block is budgeted; the digest object must stay small.
+    // Live objects are counted. Bookkeeping per block is budgeted: the digest
+    // object must stay small.
     EXPECT_LE(sizeof(RvoDataHash), 128u);
     const int before = RvoDataHash::hashCount();
     {
-        RvoDataHash a;
-        RvoDataHash b {QString(QLatin1String(kEmpty256Text))};
-        RvoDataHash c(b);
+        RvoDataHash empty;
+        RvoDataHash parsed {QString(QLatin1String(kEmpty256Text))};
+        RvoDataHash copied(parsed);
         EXPECT_EQ(RvoDataHash::hashCount(), before + 3);
     }
     EXPECT_EQ(RvoDataHash::hashCount(), before);

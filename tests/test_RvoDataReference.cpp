@@ -24,30 +24,6 @@ RvoDataReference pendingOn(const RvoDataReference &result)
 
 } // namespace
 
-TEST(RvoDataReference, DefaultReferencesAreNullAndEveryReferenceIsCounted)
-{
-    const int live = RvoDataReference::referenceCount();
-    const int heap = RvoDataReference::allocCount();
-    {
-        const RvoDataReference a;
-        const RvoDataReference b(a);
-        EXPECT_TRUE(a.isNull());
-        EXPECT_EQ(a.userId(), -1);
-        EXPECT_EQ(a.hash(), QStringLiteral("NULL"));
-        EXPECT_TRUE(a == b && a.hashPtr().isNull());
-        auto *c = new RvoDataReference(b);
-        EXPECT_EQ(RvoDataReference::referenceCount(), live + 3);
-        EXPECT_EQ(RvoDataReference::allocCount(), heap + 1);
-        delete c;
-        EXPECT_EQ(RvoDataReference::allocCount(), heap);
-        alignas(RvoDataReference) unsigned char place[sizeof(RvoDataReference)];
-        auto *placed = new (place) RvoDataReference();
-        EXPECT_EQ(RvoDataReference::allocCount(), heap) << "placement new counts nothing";
-        placed->~RvoDataReference();
-    }
-    EXPECT_EQ(RvoDataReference::referenceCount(), live);
-}
-
 // A hashing job is counted until its last reference goes and adds its block
 // even when nobody resolves it; equal content gives equal references once
 // resolved, and reads wait for the job.
@@ -98,7 +74,7 @@ TEST(RvoDataReference, JobsAddTheirBlockAreCountedAndGiveEqualReferencesOnceReso
     EXPECT_EQ(null.userId(), -1);
 }
 
-TEST(RvoDataReference, ChainsOfJobsAreFollowedToTheirEndAndNoBlockGivesNullAccessors)
+TEST(RvoDataReference, ChainsOfJobsAreFollowedNullReferencesGiveNullAccessorsAndAllAreCounted)
 {
     ManagerSetup setup;
     const RvoDataReference target = addBlock(testContent(5));
@@ -128,4 +104,26 @@ TEST(RvoDataReference, ChainsOfJobsAreFollowedToTheirEndAndNoBlockGivesNullAcces
     EXPECT_EQ(read.data(), nullptr);
     EXPECT_TRUE(orphan.modifyAccessor().isNull());
     EXPECT_GT(debug.messages().size(), 1) << "the failed loads are reported";
+
+    // Default references are null, and every reference is counted.
+    const int live = RvoDataReference::referenceCount();
+    const int heap = RvoDataReference::allocCount();
+    {
+        const RvoDataReference a;
+        const RvoDataReference b(a);
+        EXPECT_TRUE(a.isNull());
+        EXPECT_EQ(a.userId(), -1);
+        EXPECT_EQ(a.hash(), QStringLiteral("NULL"));
+        EXPECT_TRUE(a == b && a.hashPtr().isNull());
+        auto *c = new RvoDataReference(b);
+        EXPECT_EQ(RvoDataReference::referenceCount(), live + 3);
+        EXPECT_EQ(RvoDataReference::allocCount(), heap + 1);
+        delete c;
+        EXPECT_EQ(RvoDataReference::allocCount(), heap);
+        alignas(RvoDataReference) unsigned char place[sizeof(RvoDataReference)];
+        auto *placed = new (place) RvoDataReference();
+        EXPECT_EQ(RvoDataReference::allocCount(), heap) << "placement new counts nothing";
+        placed->~RvoDataReference();
+    }
+    EXPECT_EQ(RvoDataReference::referenceCount(), live);
 }

@@ -93,8 +93,7 @@ TEST(RvoGarbageCollectorThread, PassLeavesExactlyLiveFilesOddNamesAndYoungTempor
         writeFile(root + QStringLiteral("/3/") + name, "data");
         writeFile(dir + name, "data");
     }
-    ASSERT_TRUE(setAge(dir + old, 3600 * 2));
-    ASSERT_TRUE(setAge(root + QStringLiteral("/3/") + old, 3600 * 2));
+    ASSERT_TRUE(setAge(dir + old, 7200) && setAge(root + QStringLiteral("/3/") + old, 7200));
     collectOnce();
     EXPECT_EQ(filesUnder({root}).size(), 10) << "no sub-cache named: nothing is touched";
 

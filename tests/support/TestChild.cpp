@@ -1,6 +1,6 @@
 // rvoddi-test-child MODE ...: the other processes of the tests that need
-// more than one. The kill and share modes write a line "SEED SIZE DIGEST"
-// for every block they confirmed, testContent(SEED, SIZE) being its content.
+// more than one. The kill, share and remote modes write a line "SEED SIZE
+// DIGEST" per block they confirmed, testContent(SEED, SIZE) being its content.
 //
 // queue ROOT SUBCACHE BUCKETS SEED...: stores testContent(SEED), prints each
 //     digest's text form and returns from main with the saves still queued:
@@ -11,17 +11,15 @@
 //     collector first skips a pass because another process holds the
 //     sub-cache.
 // kill SIDEFILE ROOT...: writes blocks (sub-cache "Faults", 1 MiB budget)
-//     until it is killed, appending each batch's lines to SIDEFILE after
-//     flush(true, AllThreads).
+//     until killed, appending each batch's lines to SIDEFILE once flushed.
 // share DIR INDEX ROOT...: one of three writers (sub-cache "Shared"): waits
 //     for the other two, adds shared and own content, flushes, publishes its
 //     lines as DIR/INDEX.txt, lets its blocks go, then reads every block of
 //     the three files back from disk; exit code 1 and a line on standard
 //     error per block that differs.
-// remote SIDEFILE COUNT ROOT: the first machine of the remote tier tests.
-//     Adds COUNT blocks with the remote tier of RVODDI_REMOTE_STORAGE,
-//     flushes (every block on disk and uploaded) and writes their lines to
-//     SIDEFILE.
+// remote SIDEFILE COUNT ROOT: the first machine of the remote tier tests:
+//     adds COUNT blocks with the remote tier of RVODDI_REMOTE_STORAGE and
+//     writes their lines to SIDEFILE once they are on disk and uploaded.
 
 #include "ManagerTestAccess.h"
 
@@ -197,20 +195,19 @@ int main(int argc, char **argv)
     QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=false"));
     if (mode == QLatin1String("queue"))
         return args.size() >= 6 ? queueMode(args) : 2;
+    int result = 2;
     if (mode == QLatin1String("remote") && args.size() == 5) {
-        // 64 MiB: adding is never held back by the writes.
-        manager().setup({args.at(4)}, 64 << 20, 10);
-        const int result = remoteMode(args.at(2), args.at(3).toInt());
-        manager().cleanUp();
-        return result;
+        manager().setup({args.at(4)}, 64 << 20, 10); // adding is never held back by the writes
+        result = remoteMode(args.at(2), args.at(3).toInt());
+    } else if (mode == QLatin1String("kill") && args.size() >= 4) {
+        manager().setup(args.mid(3), 1 << 20, 7);
+        manager().setSubCache(QStringLiteral("Faults"));
+        result = killMode(args.at(2));
+    } else if (mode == QLatin1String("share") && args.size() >= 5) {
+        manager().setup(args.mid(4), 1 << 20, 7);
+        manager().setSubCache(QStringLiteral("Shared"));
+        result = shareMode(args.at(2), args.at(3).toInt());
     }
-    const bool kill = mode == QLatin1String("kill") && args.size() >= 4;
-    const bool share = mode == QLatin1String("share") && args.size() >= 5;
-    if (!kill && !share)
-        return 2;
-    manager().setup(args.mid(kill ? 3 : 4), 1 << 20, 7);
-    manager().setSubCache(kill ? QStringLiteral("Faults") : QStringLiteral("Shared"));
-    const int result = kill ? killMode(args.at(2)) : shareMode(args.at(2), args.at(3).toInt());
     manager().cleanUp();
     return result;
 }
