@@ -29,7 +29,7 @@ int filesIn(const QString &directory)
 // The jobs' bytes exist only inside the jobs (the submitters' copies are
 // gone); they are finished in the reverse order of submission from another
 // thread, so that most are pulled to the front or waited for while running.
-TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderOfFinishing)
+TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderAndGoWhereFinishAsks)
 {
     QTemporaryDir dir;
     const QString directory = dir.filePath(QStringLiteral("bucket"));
@@ -58,17 +58,12 @@ TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderOfFinishing)
     for (int i = 0; i < kJobs; ++i)
         EXPECT_EQ(blockIn(directory + "/" + fileName(i)), jobBytes(i)) << "job " << i;
     EXPECT_EQ(filesIn(directory), kJobs) << "no temporary file is left";
-}
 
-// The sub-cache changed between queueing and the save's turn: the file goes
-// where the write thread asks, whatever the worker did meanwhile.
-TEST(RvoBlockSaver, JobForAnotherDirectoryIsSavedWhereFinishAsks)
-{
-    QTemporaryDir dir;
+    // The sub-cache changed between queueing and the save's turn: the file
+    // goes where the write thread asks, whatever the worker did meanwhile.
+    RvoBlockCodec codec;
     const QString before = dir.filePath(QStringLiteral("before"));
     const QString now = dir.filePath(QStringLiteral("now"));
-    RvoBlockSaver &saver = RvoBlockSaver::instance();
-    RvoBlockCodec codec;
     for (int i = 0; i < 8; ++i) {
         const RvoBlockSaver::JobPtr job = saver.submit(jobBytes(i), before, fileName(i));
         if (i % 2 == 0) // half of them finished by a worker first

@@ -49,9 +49,9 @@ TEST(RvoDataBlockManager, SetupCreatesRootsAndStartsThreadsPerRootAndTheBudgetIs
     manager().cleanUp();
 }
 
-TEST(RvoDataBlockManager, SubCacheAndRequestPromotionReachTheThreads)
+TEST(RvoDataBlockManager, SubCacheAndRequestPromotionReachTheThreadsAndStatisticsAreInOrder)
 {
-    ManagerSetup setup(2);
+    ManagerSetup setup(2, QString(), 10, 3 * 1048576);
     manager().setSubCache(QStringLiteral("Project"));
     EXPECT_EQ(manager().subCache(), QStringLiteral("Project"));
     for (int i = 0; i < 2; ++i) {
@@ -74,14 +74,11 @@ TEST(RvoDataBlockManager, SubCacheAndRequestPromotionReachTheThreads)
               QStringList {QStringLiteral("RvoDDi Setting Request Promotion Enabled to TRUE 1")});
     EXPECT_TRUE(Access::readThread(0)->requestPromotionEnabled()
                 && Access::readThread(1)->requestPromotionEnabled());
-}
 
-TEST(RvoDataBlockManager, StatisticsDumpsHaveTheirLinesInOrder)
-{
-    ManagerSetup setup(2, QString(), 10, 3 * 1048576);
-    DebugCapture debug;
+    // The statistics dumps have their lines in order.
+    DebugCapture stats;
     manager().dumpStats();
-    const QStringList lines = debug.messages();
+    const QStringList lines = stats.messages();
     ASSERT_EQ(lines.size(), 7 + 8 + 5);
     // Lines joined with '|'; the registry's own part is checked in its suite.
     EXPECT_EQ(lines.mid(0, 8).join(QLatin1Char('|')),

@@ -24,28 +24,7 @@ bool freeForOtherThreads(RvoDdiMutex &mutex)
 
 } // namespace
 
-// A recursive mutex is released only by its holder's last unlock; a plain
-// one (the default) refuses its holder, at once and after a timeout.
-TEST(RvoDdiMutex, RecursiveMutexNestsForItsHolderAndAPlainOneRefusesIt)
-{
-    for (const bool recursive : {true, false}) {
-        const auto mutex = recursive ? std::make_unique<RvoDdiMutex>(9, RvoDdiMutex::Recursive)
-                                     : std::make_unique<RvoDdiMutex>();
-        mutex->lock();
-        EXPECT_EQ(mutex->tryLock(), recursive);
-        EXPECT_EQ(mutex->tryLock(5), recursive);
-        if (recursive) {
-            mutex->unlock();
-            mutex->unlock();
-            std::thread([&] { mutex->unlock(); }).join(); // not the holder: ignored
-        }
-        EXPECT_FALSE(freeForOtherThreads(*mutex));
-        mutex->unlock();
-        EXPECT_TRUE(freeForOtherThreads(*mutex));
-    }
-}
-
-TEST(RvoDdiMutexLocker, UnlocksOnlyWhatItHoldsAssignmentDoesNotLockAndNestingExcludesOthers)
+TEST(RvoDdiMutex, LockersUnlockOnlyWhatTheyHoldNestingExcludesOthersAPlainMutexRefusesItsHolder)
 {
     RvoDdiMutex mutex(0, RvoDdiMutex::Recursive);
     mutex.lock(); // the test's own hold, depth 1
@@ -96,4 +75,22 @@ TEST(RvoDdiMutexLocker, UnlocksOnlyWhatItHoldsAssignmentDoesNotLockAndNestingExc
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(counter, 4 * 20000);
+
+    // A recursive mutex is released only by its holder's last unlock; a plain
+    // one (the default) refuses its holder, at once and after a timeout.
+    for (const bool recursive : {true, false}) {
+        const auto mutex = recursive ? std::make_unique<RvoDdiMutex>(9, RvoDdiMutex::Recursive)
+                                     : std::make_unique<RvoDdiMutex>();
+        mutex->lock();
+        EXPECT_EQ(mutex->tryLock(), recursive);
+        EXPECT_EQ(mutex->tryLock(5), recursive);
+        if (recursive) {
+            mutex->unlock();
+            mutex->unlock();
+            std::thread([&] { mutex->unlock(); }).join(); // not the holder: ignored
+        }
+        EXPECT_FALSE(freeForOtherThreads(*mutex));
+        mutex->unlock();
+        EXPECT_TRUE(freeForOtherThreads(*mutex));
+    }
 }

@@ -1,6 +1,6 @@
 #include "ManagerTestAccess.h"
 
-TEST(RvoModifyAccessor, WritingAndReleasingMakesANewBlockAndLeavesTheOldOne)
+TEST(RvoModifyAccessor, ReleasingMakesANewBlockLeavingTheOldAndCopiesShareTheirsUntilTheLastGoes)
 {
     ManagerSetup setup;
     const QByteArray content = testContent(1);
@@ -32,11 +32,8 @@ TEST(RvoModifyAccessor, WritingAndReleasingMakesANewBlockAndLeavesTheOldOne)
     EXPECT_EQ(null.data(), nullptr);
     EXPECT_EQ(null.count(), 0);
     EXPECT_TRUE(null.release(RvoModifyAccessor::CacheContent, true).isNull());
-}
 
-TEST(RvoModifyAccessor, CopiesShareTheBlockUntilTheLastGoesAndAReleaseHandsOverACopy)
-{
-    ManagerSetup setup;
+    // Copies share the block until the last goes.
     RvoModifyAccessor first = manager().createNewBlock(1000, 0x11);
     EXPECT_EQ(first.count(), 1);
     {
@@ -55,11 +52,11 @@ TEST(RvoModifyAccessor, CopiesShareTheBlockUntilTheLastGoesAndAReleaseHandsOverA
 
     // Releasing one of several copies used to hand the manager the shared
     // block, which the remaining copies then deleted under it.
-    QByteArray expected(1000, '\x11');
-    expected[5] = 0x22;
+    QByteArray shared(1000, '\x11');
+    shared[5] = 0x22;
     const RvoDataReference added = first.release(RvoModifyAccessor::CacheContent, true);
     EXPECT_EQ(other.count(), 1);
     other.data()[0] = 0x44; // the copy's block is its own again
     other = RvoModifyAccessor(); // deletes it
-    EXPECT_EQ(bytesOf(added), expected);
+    EXPECT_EQ(bytesOf(added), shared);
 }

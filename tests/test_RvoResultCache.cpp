@@ -13,7 +13,7 @@ RvoDataReference reference(const char *content)
 
 } // namespace
 
-TEST(RvoResultCache, FirstResultWinsHitsAreCountedDisablingHidesEntriesAndEntriesAreHeld)
+TEST(RvoResultCache, FirstResultWinsHitsAreCountedDisablingHidesEntriesAreHeldEvenUnderThreads)
 {
     auto cache = std::make_unique<RvoResultCache>();
     EXPECT_TRUE(cache->isEnabled());
@@ -49,25 +49,23 @@ TEST(RvoResultCache, FirstResultWinsHitsAreCountedDisablingHidesEntriesAndEntrie
     EXPECT_TRUE(RvoHashManager::instance().isHashLive(text));
     cache.reset();
     EXPECT_FALSE(RvoHashManager::instance().isHashLive(text));
-}
 
-TEST(RvoResultCache, ConcurrentAddsAndLookupsKeepOneResultPerKey)
-{
-    RvoResultCache cache;
+    // Concurrent adds and lookups keep one result per key.
+    RvoResultCache shared;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&cache, t] {
+        threads.emplace_back([&shared, t] {
             for (int i = 0; i < 500; ++i) {
                 RvoDataReference mine = reference(t % 2 ? "odd" : "even");
                 const QString key = QString::number(i % 50);
-                cache.addResult(key, mine);
-                EXPECT_FALSE(cache.lookup(key).isNull());
+                shared.addResult(key, mine);
+                EXPECT_FALSE(shared.lookup(key).isNull());
             }
         });
     }
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_EQ(cache.resultCount(), 50);
-    EXPECT_GT(cache.cacheHits(), 0);
-    EXPECT_LE(cache.cacheHits(), 2000);
+    EXPECT_EQ(shared.resultCount(), 50);
+    EXPECT_GT(shared.cacheHits(), 0);
+    EXPECT_LE(shared.cacheHits(), 2000);
 }
