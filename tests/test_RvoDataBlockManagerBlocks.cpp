@@ -162,8 +162,7 @@ TEST(RvoDataBlockManagerBlocks, EvictionGivesUpWhenEveryCandidateIsLockedElsewhe
     // Saves done first: a save lets go of its digest under the delete lock,
     // and would wait for the holder below like anyone else touching them.
     manager().flush(false, RvoDataBlockManager::WriteThreads);
-    std::promise<void> locked;
-    std::promise<void> release;
+    std::promise<void> locked, release;
     std::thread holder([&] {
         for (const RvoDataReference &ref : refs)
             hashOf(ref)->tryLock();

@@ -20,9 +20,7 @@ TEST(RvoHashHandle, HandlesCompareAndHashTheDigestsTheyPointAt)
     EXPECT_EQ(qHash(RvoHashHandle(&a), 99), qHash(RvoHashHandle(&b), 99));
     EXPECT_EQ(qHash(RvoHashHandle()), RvoQHashType(0));
 
-    QSet<RvoHashHandle> set;
-    set.insert(RvoHashHandle(&a));
-    set.insert(RvoHashHandle(&b));
+    const QSet<RvoHashHandle> set {RvoHashHandle(&a), RvoHashHandle(&b)};
     EXPECT_EQ(set.size(), 1);
     EXPECT_EQ(set.constBegin()->data(), &a) << "the first inserted stays";
 }

@@ -13,8 +13,7 @@ TEST(RvoOutputCapture, NestedCapturesOfAnyThreadEachRestoreWhatTheyFound)
 {
     RvoOutputCapture outer;
     EXPECT_TRUE(RvoOutputCapture().lines().isEmpty()) << "nothing printed, no line";
-    QStringList inner;
-    QStringList middle;
+    QStringList inner, middle;
     {
         RvoOutputCapture first;
         std::printf("one\n");

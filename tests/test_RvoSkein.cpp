@@ -108,8 +108,7 @@ std::string stagedHex(int bits, const std::vector<unsigned char> &msg, quint64 m
 // fed byte by byte; a message of exactly one block stays buffered until Final.
 TEST(RvoSkein, KnownAnswerVectorsMatch)
 {
-    int partialVectors = 0;
-    int oneBlockStateSizes = 0;
+    int partialVectors = 0, oneBlockStateSizes = 0;
     for (const KnownAnswer &v : kKnownAnswers) {
         SCOPED_TRACE(testing::Message() << "bits " << v.bits << ", message bits " << v.msgBits);
         std::vector<unsigned char> msg = messageOf(v);
@@ -189,8 +188,7 @@ TEST(RvoSkein, HashLengthSetsStateSizeAndBytesWrittenStatusCodesAndInitialValues
     // remaining words), and the stored table equal to the computed values.
     const struct
     {
-        int stateBits;
-        int hashBits;
+        int stateBits, hashBits;
         bool stored;
         quint64 word0;
     } initialValues[]

@@ -17,8 +17,7 @@ namespace {
 struct Outcome
 {
     int status = -1;
-    QString out;
-    QString err;
+    QString out, err;
     // The standard output as JSON, to index with [] by key or position.
     QJsonValue json() const { return QJsonDocument::fromJson(out.toUtf8()).object(); }
 };
@@ -102,9 +101,8 @@ TEST(rvoddi, VerifyDrawsProgressOnATerminalListsEachBadFileAndDeletesThem)
 
     // One file per fault: cut short by a byte, a payload byte changed,
     // another block's file under this name, and a file shorter than a header.
-    QByteArray bytes = readFile(paths[0]);
-    ASSERT_TRUE(writeFile(paths[0], bytes.left(bytes.size() - 1)));
-    bytes = readFile(paths[1]);
+    ASSERT_TRUE(QFile::resize(paths[0], QFileInfo(paths[0]).size() - 1));
+    QByteArray bytes = readFile(paths[1]);
     bytes[bytes.size() / 2] = char(bytes[bytes.size() / 2] ^ 0x5a);
     ASSERT_TRUE(writeFile(paths[1], bytes));
     ASSERT_TRUE(writeFile(paths[2], readFile(paths[3])));

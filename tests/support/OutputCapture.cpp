@@ -1,7 +1,6 @@
 #include "OutputCapture.h"
 
 #include <QMutex>
-#include <QMutexLocker>
 
 #include <cstring>
 

@@ -87,8 +87,7 @@ int holdMode(const QStringList &args)
 
 struct Added
 {
-    int seed;
-    int size;
+    int seed, size;
     RvoDataReference ref;
 };
 
