@@ -20,7 +20,9 @@
 //       process getting every tile's URL in turn over one connection, and one
 //       redis-cli process sending GET for every key in turn.
 //
-// Figures: tiles per second (the same tiles in every phase), and MB/s of the
+// Figures: tiles per second (the same tiles in every phase); the CPU per tile
+// of the reading or fetching program (all its threads) and of the server;
+// and MB/s of the
 // tiles' bytes (ingest, read) or of their block files' bytes (fetch). A
 // read's share of its server's raw fetch rate is the ratio of the two
 // tiles-per-second figures.
@@ -57,6 +59,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
@@ -70,6 +73,30 @@ int g_Tiles = 2048;
 double secondsSince(Clock::time_point start)
 {
     return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// CPU seconds (user and system) of this process and of its waited-for
+// children so far.
+double cpuSeconds(int who)
+{
+    rusage usage {};
+    getrusage(who, &usage);
+    auto seconds = [](const timeval &t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+// CPU seconds a running process has used so far (0 when it cannot be read).
+double processCpuSeconds(qint64 pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray line = stat.readAll();
+    // After the parenthesised name: state (field 3) ... utime 14, stime 15.
+    const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
+    if (fields.size() <= 12)
+        return 0;
+    return (fields[11].toDouble() + fields[12].toDouble()) / double(sysconf(_SC_CLK_TCK));
 }
 
 // The servers and the tiles, made once for the whole run.
@@ -87,6 +114,23 @@ Fixture &fixture()
 {
     static Fixture f;
     return f;
+}
+
+const LocalServer *serverOf(const std::string &name)
+{
+    if (name == "nginx")
+        return &fixture().nginx;
+    if (name == "redis")
+        return &fixture().redis;
+    return nullptr;
+}
+
+// The CPU per tile of the program and of the server during the iterations.
+void setCpu(benchmark::State &state, double program, double server)
+{
+    const double tiles = double(fixture().tiles.size()) * double(state.iterations());
+    state.counters["cpu_ms_per_tile"] = program * 1000 / tiles;
+    state.counters["server_cpu_ms_per_tile"] = server * 1000 / tiles;
 }
 
 QString specOf(const std::string &server)
@@ -191,22 +235,30 @@ void BM_Read(benchmark::State &state, const std::string &source)
     file.open(QIODevice::WriteOnly);
     file.write(f.names.join(QLatin1Char('\n')).toLatin1());
     file.close();
+    const LocalServer *server = serverOf(source);
+    double programCpu = 0;
+    double serverCpu = 0;
     for (auto _ : state) {
         QTemporaryDir empty;
         const QString root = source == "disk" ? f.filled.path() : empty.path();
         const QString timing = dir.filePath(QStringLiteral("seconds.txt"));
+        const double serverBefore = server ? processCpuSeconds(server->pid()) : 0;
         const double wall = runTimed(QCoreApplication::applicationFilePath(),
                                      {QStringLiteral("--read"), specOf(source), root, names},
                                      QString(), timing);
         QFile seconds(timing);
         seconds.open(QIODevice::ReadOnly);
-        const double reading = seconds.readAll().trimmed().toDouble();
+        const QList<QByteArray> figures = seconds.readAll().trimmed().split(' ');
+        const double reading = figures.value(0).toDouble();
         if (wall < 0 || reading <= 0) {
             state.SkipWithError("the reading process failed");
             return;
         }
         state.SetIterationTime(reading);
+        programCpu += figures.value(1).toDouble();
+        serverCpu += server ? processCpuSeconds(server->pid()) - serverBefore : 0;
     }
+    setCpu(state, programCpu, serverCpu);
     setRates(state, double(f.names.size()) * 262144);
 }
 
@@ -226,7 +278,11 @@ void BM_Fetch(benchmark::State &state, const std::string &server)
             file.write(QStringLiteral("GET rvoddi:%1\n").arg(name).toLatin1());
     }
     file.close();
+    double programCpu = 0;
+    double serverCpu = 0;
     for (auto _ : state) {
+        const double childrenBefore = cpuSeconds(RUSAGE_CHILDREN);
+        const double serverBefore = processCpuSeconds(serverOf(server)->pid());
         const double seconds = server == "nginx"
                 ? runTimed(QStringLiteral("/usr/bin/curl"),
                            {QStringLiteral("-sf"), QStringLiteral("-K"), commands}, QString())
@@ -237,7 +293,10 @@ void BM_Fetch(benchmark::State &state, const std::string &server)
             return;
         }
         state.SetIterationTime(seconds);
+        programCpu += cpuSeconds(RUSAGE_CHILDREN) - childrenBefore;
+        serverCpu += processCpuSeconds(serverOf(server)->pid()) - serverBefore;
     }
+    setCpu(state, programCpu, serverCpu);
     setRates(state, double(f.fileBytes));
 }
 
@@ -277,7 +336,7 @@ int readMode(const QString &spec, const QString &root, const QString &namesFile)
     const double seconds = secondsSince(start);
     refs.clear();
     m.cleanUp();
-    std::printf("%.6f\n", wrong == 0 ? seconds : -1.0);
+    std::printf("%.6f %.6f\n", wrong == 0 ? seconds : -1.0, cpuSeconds(RUSAGE_SELF));
     return wrong == 0 ? 0 : 1;
 }
 

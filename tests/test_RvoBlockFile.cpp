@@ -1,24 +1,13 @@
+#include "ManagerTestAccess.h"
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockFile_p.h"
 #include "RvoSubCacheLock_p.h"
 
 #include <QFile>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
 
 namespace {
-
-QByteArray tile()
-{
-    QByteArray bytes(40000, Qt::Uninitialized);
-    for (int i = 0; i < bytes.size(); ++i)
-        bytes[i] = char((i * 31) ^ (i >> 7));
-    return bytes;
-}
 
 // A sound block file of `block`.
 QByteArray blockFile(const QByteArray &block)
@@ -34,7 +23,7 @@ QByteArray blockFile(const QByteArray &block)
 
 TEST(RvoBlockFile, EveryKindOfDamageIsNamedAndYieldsNoBytes)
 {
-    const QByteArray block = tile();
+    const QByteArray block = testContent(1, 40000);
     const QByteArray sound = blockFile(block);
     const QString name = RvoBlockFile::digestText(block.constData(), block.size());
     const auto withSize = [&](qint64 size) {
@@ -81,12 +70,9 @@ TEST(RvoBlockFile, EveryKindOfDamageIsNamedAndYieldsNoBytes)
 TEST(RvoBlockFile, VerifyFileChecksTheFileAgainstItsOwnName)
 {
     QTemporaryDir dir;
-    const QByteArray block = tile();
+    const QByteArray block = testContent(1, 40000);
     const QString path = dir.filePath(RvoBlockFile::digestText(block.constData(), block.size()));
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(blockFile(block));
-    file.close();
+    ASSERT_TRUE(writeFile(path, blockFile(block)));
     RvoBlockCodec codec;
     RvoBlockFile::Header header;
     EXPECT_EQ(RvoBlockFile::verifyFile(codec, path, nullptr, &header), RvoBlockFile::Sound);

@@ -1,44 +1,22 @@
 #include "ManagerTestAccess.h"
 #include "RvoBlockCodec_p.h"
-#include "RvoBlockFile_p.h"
 #include "RvoBlockSaver_p.h"
 
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
 #include <QThread>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <thread>
-#include <vector>
 
 namespace {
 
 // Distinct, compressible bytes for job i.
 QByteArray jobBytes(int i)
 {
-    QByteArray bytes(64 * 1024 + i, Qt::Uninitialized);
-    for (int k = 0; k < bytes.size(); ++k)
-        bytes[k] = char((k / 7 + i * 31) & 0xFF);
-    return bytes;
+    return testContent(i, 64 * 1024 + i);
 }
 
 QString fileName(int i)
 {
     return QStringLiteral("block-%1").arg(i);
-}
-
-// What the block file at `path` holds, or a null array when it is not a
-// sound block file.
-QByteArray blockIn(const QString &path)
-{
-    const QByteArray file = readFile(path);
-    RvoBlockCodec codec;
-    QByteArray content;
-    RvoBlockFile::decode(codec, file.constData(), file.size(), &content);
-    return content;
 }
 
 int filesIn(const QString &directory)

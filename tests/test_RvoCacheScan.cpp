@@ -5,9 +5,6 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -20,10 +17,7 @@ QString blockName(int first)
 // Writes `bytes` bytes to `path`, last modified `ageSeconds` ago.
 bool writeFile(const QString &path, int bytes, qint64 ageSeconds = 0)
 {
-    QFile file(path);
-    return ::writeFile(path, QByteArray(bytes, 'x')) && file.open(QIODevice::ReadWrite)
-            && file.setFileTime(QDateTime::currentDateTime().addSecs(-ageSeconds),
-                                QFileDevice::FileModificationTime);
+    return ::writeFile(path, QByteArray(bytes, 'x')) && setAge(path, ageSeconds);
 }
 
 qint64 modifiedSeconds(const QString &path)

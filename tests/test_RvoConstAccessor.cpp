@@ -1,7 +1,4 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
-
-#include <gtest/gtest.h>
 
 using Access = RvoDataBlockManagerTestAccess;
 
@@ -16,9 +13,9 @@ bool evictable(const RvoDataReference &ref)
 
 // Assignment used to copy the pointer alone: the assigned-to accessor then
 // released a pin it never took and let a block be evicted under a reader.
-TEST(RvoConstAccessor, PinCountsStayExactThroughCopiesAndAssignments)
+TEST(RvoConstAccessor, PinCountsStayExactThroughCopiesAndAssignmentsAndHoldThroughEviction)
 {
-    ManagerSetup setup;
+    ManagerSetup setup(1, QString(), 10, 3 * 100000);
     const RvoDataReference a = addBlock(testContent(2));
     const RvoDataReference b = addBlock(testContent(3));
     StdoutCapture out;
@@ -42,11 +39,8 @@ TEST(RvoConstAccessor, PinCountsStayExactThroughCopiesAndAssignments)
     EXPECT_TRUE(evictable(a));
     EXPECT_TRUE(evictable(b));
     EXPECT_TRUE(out.lines().isEmpty()) << "one pin, one unpin, no complaint";
-}
 
-TEST(RvoConstAccessor, PinnedBlockStaysThroughEvictionAndReadsItsBytes)
-{
-    ManagerSetup setup(1, QString(), 10, 3 * 100000);
+    // A pinned block stays through eviction and reads its bytes.
     const QByteArray content = testContent(4, 100000);
     const RvoDataReference ref = addBlock(content);
     const RvoConstAccessor pinned = ref.constAccessor();

@@ -1,9 +1,4 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
-#include "RvoDataBlock.h"
-#include "RvoHashManager.h"
-
-#include <gtest/gtest.h>
 
 TEST(RvoDataBlock, ConstructorsGiveTheirBytesUncompressedAndRefuseImpossibleSizes)
 {

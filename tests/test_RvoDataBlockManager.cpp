@@ -1,61 +1,52 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 #include "RvoDdiLog.h"
-#include "RvoHashManager.h"
 
 #include <QDir>
 #include <QFile>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 using Access = RvoDataBlockManagerTestAccess;
 
-TEST(RvoDataBlockManager, ConstructionAndTheBudgetSetterLogTheBudget)
+// The write limit is a quarter of the budget, divided toward zero; every
+// change of the budget is logged.
+TEST(RvoDataBlockManager, SetupCreatesRootsAndStartsThreadsPerRootAndTheBudgetIsLogged)
 {
     DebugCapture debug;
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     EXPECT_EQ(manager.maxDataCacheSize(), RvoDataBlockManager::defaultCacheSize());
     EXPECT_EQ(manager.numBuckets(), 10);
     EXPECT_FALSE(manager.isInitialized());
-    // The write limit is a quarter of the budget, divided toward zero.
-    manager.setMaxDataCacheSize(7);
-    EXPECT_EQ(manager.maxWritePendingSize(), 1);
-    manager.setMaxDataCacheSize(-5);
-    EXPECT_EQ(manager.maxWritePendingSize(), -1);
-    EXPECT_EQ(debug.messages().filter(QStringLiteral("[DDI] Max")).mid(0, 4),
-              (QStringList {
-                      QStringLiteral("[DDI] Max data cache size    = 2147483648 bytes (2048 MB)"),
-                      QStringLiteral("[DDI] Max write pending size = 536870912 bytes (512 MB)"),
-                      QStringLiteral("[DDI] Max data cache size    = 7 bytes (0 MB)"),
-                      QStringLiteral("[DDI] Max write pending size = 1 bytes (0 MB)")}));
-}
-
-TEST(RvoDataBlockManager, SetupCreatesRootsAndStartsThreadsPerRoot)
-{
     QTemporaryDir dir;
     const QStringList roots {dir.path() + QStringLiteral("/a/b"),
                              dir.path() + QStringLiteral("/c")};
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     EXPECT_TRUE(manager.setup(roots, -1, 4));
-    EXPECT_TRUE(QDir(roots.at(0)).exists());
-    EXPECT_TRUE(QDir(roots.at(1)).exists());
+    EXPECT_TRUE(QDir(roots.at(0)).exists() && QDir(roots.at(1)).exists());
     EXPECT_TRUE(manager.isInitialized());
     EXPECT_EQ(manager.cacheRoots(), roots);
     EXPECT_EQ(manager.numBuckets(), 4);
     EXPECT_EQ(manager.maxDataCacheSize(), 2147483648LL) << "-1 keeps the budget";
-    EXPECT_EQ(manager.maxWritePendingSize(), 536870912LL);
     EXPECT_EQ(Access::writeThreadCount(), 2);
     EXPECT_EQ(Access::readThreadCount(), 2);
-    EXPECT_TRUE(Access::writeThread(0)->isRunning());
-    EXPECT_TRUE(Access::readThread(1)->isRunning());
+    EXPECT_TRUE(Access::writeThread(0)->isRunning() && Access::readThread(1)->isRunning());
 
     StdoutCapture out;
     EXPECT_TRUE(manager.setup(roots, 1000, 4));
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Setup called twice on DataBlock Manager")});
     EXPECT_EQ(Access::writeThreadCount(), 4) << "a second setup adds a further set of threads";
-    EXPECT_EQ(manager.maxDataCacheSize(), 1000);
     EXPECT_EQ(manager.maxWritePendingSize(), 250);
+    manager.setMaxDataCacheSize(7);
+    EXPECT_EQ(manager.maxWritePendingSize(), 1);
+    manager.setMaxDataCacheSize(-5);
+    EXPECT_EQ(manager.maxWritePendingSize(), -1);
+    EXPECT_EQ(debug.messages().filter(QStringLiteral("[DDI] Max")),
+              (QStringList {
+                      QStringLiteral("[DDI] Max data cache size    = 2147483648 bytes (2048 MB)"),
+                      QStringLiteral("[DDI] Max write pending size = 536870912 bytes (512 MB)"),
+                      QStringLiteral("[DDI] Max data cache size    = 1000 bytes (0 MB)"),
+                      QStringLiteral("[DDI] Max write pending size = 250 bytes (0 MB)"),
+                      QStringLiteral("[DDI] Max data cache size    = 7 bytes (0 MB)"),
+                      QStringLiteral("[DDI] Max write pending size = 1 bytes (0 MB)"),
+                      QStringLiteral("[DDI] Max data cache size    = -5 bytes (0 MB)"),
+                      QStringLiteral("[DDI] Max write pending size = -1 bytes (0 MB)")}));
     manager.cleanUp();
 }
 

@@ -1,13 +1,11 @@
 // Real processes on shared roots: a writer killed at random moments, and
-// three writers at once. The other processes are rvoddi-test-fault-child.
+// three writers at once. The other processes are rvoddi-test-child.
 
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h" // prints QString in failure messages
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockFile_p.h"
 #include "RvoDiskLayout_p.h"
 #include "RvoGarbageCollectorThread_p.h"
-#include "RvoHashManager.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -15,22 +13,16 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
-#include <QTemporaryDir>
 #include <QThread>
-
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <random>
 
 #include <signal.h>
-#include <sys/time.h>
 
 namespace {
 
-using Manager = RvoDataBlockManager;
-
-const QString kChild = QStringLiteral(RVODDI_FAULT_CHILD);
+const QString kChild = QStringLiteral(RVODDI_TEST_CHILD);
 
 struct DiskState
 {
@@ -66,24 +58,6 @@ DiskState checkDisk(const QStringList &roots)
 QStringList twoRoots(const QTemporaryDir &dir)
 {
     return {dir.filePath(QStringLiteral("a")), dir.filePath(QStringLiteral("b"))};
-}
-
-// Loads each "SEED SIZE DIGEST" line's block through the manager and
-// returns the digests whose bytes are not testContent(SEED, SIZE).
-QStringList lostBlocks(const QByteArray &lines)
-{
-    QStringList lost;
-    for (const QByteArray &line : lines.split('\n')) {
-        const QList<QByteArray> fields = line.split(' ');
-        if (fields.size() != 3)
-            continue;
-        const QString text = QString::fromLatin1(fields.at(2));
-        const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(text);
-        const RvoDataReference ref = Manager::instance().getReference(hash.data());
-        if (bytesOf(ref) != testContent(fields.at(0).toInt(), fields.at(1).toInt()))
-            lost.append(text);
-    }
-    return lost;
 }
 
 // The state letter of process `pid` ('T' when stopped).
@@ -166,7 +140,7 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
     const DiskState before = checkDisk(roots);
     EXPECT_EQ(before.corrupt, QStringList());
 
-    Manager &manager = Manager::instance();
+    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     manager.setup(roots, -1, 7);
     manager.setSubCache(QStringLiteral("Faults"));
     const QStringList lost = lostBlocks(confirmed);
@@ -174,13 +148,9 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
 
     // The collector takes temporary files only once they are old enough
     // not to be a write in progress.
-    for (const QString &path : before.temporaries) {
-        struct timeval times[2];
-        gettimeofday(&times[0], nullptr);
-        times[0].tv_sec -= RvoGarbageCollectorThread::kStrayFileAgeSeconds + 60;
-        times[1] = times[0];
-        ASSERT_EQ(utimes(QFile::encodeName(path).constData(), times), 0) << qPrintable(path);
-    }
+    for (const QString &path : before.temporaries)
+        ASSERT_TRUE(setAge(path, RvoGarbageCollectorThread::kStrayFileAgeSeconds + 60))
+                << qPrintable(path);
     manager.startGarbageCollection();
     manager.collectGarbage(nullptr);
     manager.stopGarbageCollection();

@@ -1,15 +1,7 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
-#include "RvoDiskLayout_p.h"
-#include "RvoHashManager.h"
-#include "RvoTsan_p.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QProcess>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
@@ -20,22 +12,9 @@ using Reader = RvoDataBlockManagerReadThread;
 
 namespace {
 
-RvoSmartPointer<RvoDataHash> digestOf(const QByteArray &content)
-{
-    return RvoHashManager::instance().getHash(content);
-}
-
-// Where the reader looks for `hash` under `root`, as it spells the path.
-QString blockPath(const QString &root, const RvoDataHash *hash)
-{
-    QString directory, name;
-    buildFilename(hash, root, QString(), 10, directory, name);
-    return directory + QLatin1Char('/') + name;
-}
-
 void plantFile(const QString &root, const RvoDataHash *hash, const QByteArray &bytes)
 {
-    writeFile(blockPath(root, hash), bytes);
+    writeFile(blockPath(root, QString(), hash), bytes);
 }
 
 QByteArray soundFile(const QByteArray &content)
@@ -45,7 +24,7 @@ QByteArray soundFile(const QByteArray &content)
 
 } // namespace
 
-TEST(RvoDataBlockManagerReadThread, QueueOrdersByPriorityAndDropsOnlyBackgroundWhenLong)
+TEST(RvoDataBlockManagerReadThread, QueueOrdersByPriorityPromotesWhenEnabledAndDropsOnlyBackground)
 {
     QTemporaryDir root;
     Reader reader(root.path(), 10, 50, nullptr);
@@ -79,12 +58,8 @@ TEST(RvoDataBlockManagerReadThread, QueueOrdersByPriorityAndDropsOnlyBackgroundW
     reader.killRequests();
     EXPECT_EQ(reader.requests(), 0);
     EXPECT_TRUE(normal->isPreloading()) << "dropped requests keep their mark";
-}
 
-TEST(RvoDataBlockManagerReadThread, PromotionMovesAQueuedRequestOneStepOnlyWhenEnabled)
-{
-    QTemporaryDir root;
-    Reader reader(root.path(), 10, 50, nullptr);
+    // Promotion moves a queued request one step, only when enabled.
     const RvoSmartPointer<RvoDataHash> first = digestOf(QByteArray("first"));
     const RvoSmartPointer<RvoDataHash> second = digestOf(QByteArray("second"));
     reader.request(first.data(), RvoDataBlockManager::PreloadNormal);
@@ -170,7 +145,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
     ManagerSetup setup(1);
     Reader *reader = Access::readThread(0);
     const RvoSmartPointer<RvoDataHash> badHash = digestOf(bad);
-    const QString path = blockPath(setup.root(), badHash.data());
+    const QString path = blockPath(setup.root(), QString(), badHash.data());
     int seed = 50;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
@@ -219,7 +194,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
 TEST(RvoDataBlockManagerReadThread, SavesQueuedWhenAProcessExitsAreWritten)
 {
     QTemporaryDir root;
-    QStringList args {QStringLiteral("--exit-queued"), root.path(), QStringLiteral("Shared"),
+    QStringList args {QStringLiteral("queue"), root.path(), QStringLiteral("Shared"),
                       QStringLiteral("7")};
     for (int seed = 300; seed < 340; ++seed)
         args << QString::number(seed);

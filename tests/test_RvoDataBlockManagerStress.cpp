@@ -1,12 +1,8 @@
 #include "ManagerTestAccess.h"
-#include "RvoHashManager.h"
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <random>
 #include <thread>
-#include <vector>
 
 namespace {
 

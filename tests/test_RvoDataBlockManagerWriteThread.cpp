@@ -1,54 +1,12 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
-#include "RvoBlockCodec_p.h"
-#include "RvoBlockFile_p.h"
-#include "RvoDiskLayout_p.h"
-#include "RvoHashManager.h"
 
-#include <QDir>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
-#include <memory>
 
 using Access = RvoDataBlockManagerTestAccess;
 using Writer = RvoDataBlockManagerWriteThread;
-
-namespace {
-
-RvoSmartPointer<RvoDataHash> digestOf(const QByteArray &content)
-{
-    return RvoHashManager::instance().getHash(content);
-}
-
-// The block file of `content` under `root` and `subCache`, with 10 buckets.
-QString blockPath(const QString &root, const QString &subCache, const QByteArray &content)
-{
-    const RvoDataHash hash(content, RvoDataHash::Skein512);
-    QString directory;
-    QString name;
-    buildFilename(&hash, root, subCache, 10, directory, name);
-    return QDir::cleanPath(directory + QLatin1Char('/') + name);
-}
-
-// Checks a block file byte for byte against the block it holds.
-void expectBlockFile(const QString &path, const QByteArray &content)
-{
-    const QByteArray file = readFile(path);
-    RvoBlockCodec codec;
-    QByteArray decoded;
-    EXPECT_EQ(RvoBlockFile::decode(codec, file.constData(), file.size(), &decoded),
-              RvoBlockFile::Sound)
-            << qPrintable(path);
-    EXPECT_EQ(decoded, content);
-}
-
-} // namespace
 
 TEST(RvoDataBlockManagerWriteThread, QueueServesAscendingPrioritiesFirstComeFirstServed)
 {
@@ -68,41 +26,21 @@ TEST(RvoDataBlockManagerWriteThread, QueueServesAscendingPrioritiesFirstComeFirs
         EXPECT_EQ(writer.bytesInQueue(), queued);
     }
     EXPECT_FALSE(writer.canServiceRequests());
-    const QList<QPair<int, RvoDataHash *>> queue = writer.queuedRequests();
-    ASSERT_EQ(queue.size(), 4);
-    EXPECT_EQ(queue.at(0), qMakePair(0, hashes.at(1).data()));
-    EXPECT_EQ(queue.at(1), qMakePair(1, hashes.at(3).data()));
-    EXPECT_EQ(queue.at(2), qMakePair(2, hashes.at(0).data()));
-    EXPECT_EQ(queue.at(3), qMakePair(2, hashes.at(2).data()));
+    const QList<QPair<int, RvoDataHash *>> expected {{0, hashes.at(1).data()},
+                                                     {1, hashes.at(3).data()},
+                                                     {2, hashes.at(0).data()},
+                                                     {2, hashes.at(2).data()}};
+    EXPECT_EQ(writer.queuedRequests(), expected);
 
     writer.start();
     writer.flush();
     EXPECT_EQ(writer.requests(), 0);
     EXPECT_EQ(writer.bytesInQueue(), 0);
     EXPECT_EQ(writer.requestsHandled(), 4);
-    for (const QByteArray &content : contents)
-        expectBlockFile(blockPath(root.path(), QString(), content), content);
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(blockIn(blockPath(root.path(), QString(), hashes.at(i).data())), contents.at(i));
     writer.closeDown();
     writer.wait();
-}
-
-TEST(RvoDataBlockManagerWriteThread, BlockAlreadyOnDiskIsNotQueued)
-{
-    QTemporaryDir root;
-    Writer writer(root.path(), 10, 10, nullptr);
-    bool deleted[2] = {false, false};
-    TrackedBlock *blocks[2];
-    for (int i = 0; i < 2; ++i) {
-        blocks[i] = new TrackedBlock(testContent(i, 100), &deleted[i]);
-        blocks[i]->markCached();
-        writer.writeBlock(RvoDataBlockManager::PreloadNormal, digestOf(testContent(i, 100)),
-                          blocks[i], i == 1);
-    }
-    EXPECT_EQ(writer.requests(), 0);
-    EXPECT_EQ(writer.bytesInQueue(), 0);
-    EXPECT_FALSE(deleted[0]);
-    EXPECT_TRUE(deleted[1]) << "deleteAfterWrite deletes a cached block at once";
-    delete blocks[0];
 }
 
 TEST(RvoDataBlockManagerWriteThread, EachRootReceivesItsOwnBlockFiles)
@@ -114,14 +52,14 @@ TEST(RvoDataBlockManagerWriteThread, EachRootReceivesItsOwnBlockFiles)
         RvoSmartPointer<RvoDataHash> hash = digestOf(content);
         auto *block = new RvoDataBlock(content);
         Access::makeBlockLive(hash.data(), block);
-        RvoDataBlockManager::instance().flush(false, RvoDataBlockManager::WriteThreads);
+        manager().flush(false, RvoDataBlockManager::WriteThreads);
         EXPECT_TRUE(block->cached());
         EXPECT_FALSE(block->isCompressed()) << "the block in memory is not changed";
         for (int r = 0; r < 3; ++r) {
-            const QString path = blockPath(setup.root(r), QStringLiteral("S"), content);
+            const QString path = blockPath(setup.root(r), QStringLiteral("S"), hash.data());
             ASSERT_EQ(QFile::exists(path), r == Access::cacheIndex(hash.data())) << i;
             if (QFile::exists(path)) {
-                expectBlockFile(path, content);
+                EXPECT_EQ(blockIn(path), content);
                 written += QFileInfo(path).size() - 12;
             }
         }
@@ -131,12 +69,26 @@ TEST(RvoDataBlockManagerWriteThread, EachRootReceivesItsOwnBlockFiles)
               written);
 }
 
-// A compressed block goes to its file as it is; a second save of its digest
-// finds the file and leaves it alone.
-TEST(RvoDataBlockManagerWriteThread, SecondWriteOfADigestLeavesTheFileAlone)
+// A block marked cached is not queued (and, when its save owns it, deleted
+// at once); a compressed block goes to its file as it is; a second save of
+// its digest finds the file and leaves it alone.
+TEST(RvoDataBlockManagerWriteThread, BlocksAlreadyOnDiskAreNeverWrittenAgain)
 {
     QTemporaryDir root;
     Writer writer(root.path(), 10, 10, nullptr);
+    bool deleted[2] = {false, false};
+    std::unique_ptr<TrackedBlock> kept(new TrackedBlock(testContent(0, 100), &deleted[0]));
+    auto *owned = new TrackedBlock(testContent(1, 100), &deleted[1]);
+    for (TrackedBlock *block : {kept.get(), owned}) {
+        block->markCached();
+        writer.writeBlock(RvoDataBlockManager::PreloadNormal, digestOf(bytesOf(block)), block,
+                          block == owned);
+    }
+    EXPECT_EQ(writer.requests(), 0);
+    EXPECT_EQ(writer.bytesInQueue(), 0);
+    EXPECT_FALSE(deleted[0]);
+    EXPECT_TRUE(deleted[1]) << "deleteAfterWrite deletes a cached block at once";
+
     writer.start();
     const QByteArray content = testContent(3, 70000);
     RvoSmartPointer<RvoDataHash> hash = digestOf(content);
@@ -144,19 +96,18 @@ TEST(RvoDataBlockManagerWriteThread, SecondWriteOfADigestLeavesTheFileAlone)
     block->compress(9);
     writer.writeBlock(RvoDataBlockManager::PreloadNormal, hash, block, true);
     writer.flush();
-    const QString path = blockPath(root.path(), QString(), content);
+    const QString path = blockPath(root.path(), QString(), hash.data());
     const QByteArray file = readFile(path);
     EXPECT_EQ(file.mid(12), qCompress(content, 9));
-    expectBlockFile(path, content);
+    EXPECT_EQ(blockIn(path), content);
     ASSERT_TRUE(writeFile(path, file + "marker"));
 
-    auto *again = new RvoDataBlock(content);
-    writer.writeBlock(RvoDataBlockManager::PreloadNormal, hash, again, false);
+    std::unique_ptr<RvoDataBlock> again(new RvoDataBlock(content));
+    writer.writeBlock(RvoDataBlockManager::PreloadNormal, hash, again.get(), false);
     writer.flush();
     EXPECT_EQ(readFile(path), file + "marker");
     EXPECT_EQ(writer.requestsHandled(), 1);
     EXPECT_TRUE(again->cached()) << "the file that is there holds the same content";
-    delete again;
     writer.closeDown();
     writer.wait();
 }
@@ -182,8 +133,9 @@ TEST(RvoDataBlockManagerWriteThread, RefusedSavesWaitAndAreRetriedUntilTheDiskTa
         writer.writeBlock(RvoDataBlockManager::PreloadNormal, hashes.last(),
                           new TrackedBlock(contents.last(), &deleted[i]), true);
     }
-    auto *kept = new RvoDataBlock(contents.at(0)); // live, not owned by its save
-    writer.writeBlock(RvoDataBlockManager::PreloadNormal, hashes.at(0), kept, false);
+    // Live, not owned by its save.
+    std::unique_ptr<RvoDataBlock> kept(new RvoDataBlock(contents.at(0)));
+    writer.writeBlock(RvoDataBlockManager::PreloadNormal, hashes.at(0), kept.get(), false);
     StdoutCapture out;
     DebugCapture debug;
     QElapsedTimer timer;
@@ -212,10 +164,9 @@ TEST(RvoDataBlockManagerWriteThread, RefusedSavesWaitAndAreRetriedUntilTheDiskTa
     EXPECT_EQ(writer.requests(), 0);
     EXPECT_TRUE(kept->cached() && deleted[0] && deleted[1]);
     for (int i = 0; i < 2; ++i)
-        expectBlockFile(blockPath(root, QString(), contents.at(i)), contents.at(i));
+        EXPECT_EQ(blockIn(blockPath(root, QString(), hashes.at(i).data())), contents.at(i));
     writer.closeDown();
     writer.wait();
-    delete kept;
     EXPECT_EQ(out.lines(),
               QStringList {QStringLiteral("Cannot Open File ") + hashes.at(0)->toString()});
     EXPECT_EQ(debug.messages().filter(root),

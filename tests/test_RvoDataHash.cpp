@@ -1,11 +1,5 @@
-#include "OutputCapture.h"
-#include "RvoDataHash.h"
-#include "RvoHashManager.h"
+#include "ManagerTestAccess.h"
 #include "RvoSkein.h"
-
-#include <QByteArray>
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -20,14 +14,6 @@ QByteArray digestBytes(const RvoDataHash &hash)
     return QByteArray(reinterpret_cast<const char *>(hash.data()), hash.byteCount());
 }
 
-QByteArray pattern(int size, int seed)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    for (int i = 0; i < size; ++i)
-        bytes[i] = char((i * 31 + seed * 7) & 0xff);
-    return bytes;
-}
-
 } // namespace
 
 TEST(RvoDataHash, EmptyInputNegativeLengthAndNullBufferAllHashAsEmpty)
@@ -37,9 +23,6 @@ TEST(RvoDataHash, EmptyInputNegativeLengthAndNullBufferAllHashAsEmpty)
     const RvoDataHash empty256(nullptr, 0, RvoDataHash::Skein256);
     EXPECT_EQ(empty512.toString(), QLatin1String(kEmpty512Text));
     EXPECT_EQ(empty256.toString(), QLatin1String(kEmpty256Text));
-    EXPECT_EQ(digestBytes(empty512).toHex(),
-              QByteArray("d3f7263a09837f4ce5c8ef70a5ddffac7b92d6c2ace5a12265bd5b593260a3ff"
-                         "20d8b4b4c5494e945448b37abb1fc526f6b46089208fde938d7f23724c4bdfb7"));
     EXPECT_TRUE(debug.messages().isEmpty());
 
     const RvoDataHash negative(reinterpret_cast<const unsigned char *>("abc"), -5,
@@ -52,7 +35,7 @@ TEST(RvoDataHash, EmptyInputNegativeLengthAndNullBufferAllHashAsEmpty)
 
 TEST(RvoDataHash, DigestIsTheSkeinDigestOfThatSizeAndItsTextFormRoundTrips)
 {
-    const QByteArray data = pattern(100000, 3);
+    const QByteArray data = testContent(3, 100000);
     for (RvoDataHash::Size size :
          {RvoDataHash::Skein256, RvoDataHash::Skein512, RvoDataHash::Skein1024}) {
         unsigned char expected[128];
@@ -73,48 +56,41 @@ TEST(RvoDataHash, DigestIsTheSkeinDigestOfThatSizeAndItsTextFormRoundTrips)
     }
 }
 
-TEST(RvoDataHash, MalformedTextLeavesAnEmptyDigestWithAMessage)
+// Malformed text, an empty digest and a zero size: each is said.
+TEST(RvoDataHash, MalformedTextEmptyDigestsAndZeroSizeAreReported)
 {
     DebugCapture debug;
+    StdoutCapture out;
     RvoDataHash hash(QByteArray("x"), RvoDataHash::Skein512);
     hash.fromString(QStringLiteral("1-2-3"));
     EXPECT_TRUE(hash.isEmpty());
     EXPECT_EQ(hash.size(), RvoDataHash::Skein512) << "the size stays as it was";
-    EXPECT_EQ(debug.messages(), QStringList {QStringLiteral("Unknown Hash Bit Size 12")});
-
-    hash.fromString(QStringLiteral("---"));
+    hash.fromString(QStringLiteral("---")); // no words at all: silent
     EXPECT_TRUE(hash.isEmpty());
-    EXPECT_EQ(debug.messages().size(), 1) << "no words at all is silent";
-
     // Words that are not 32-bit decimal numbers read as zero.
     hash.fromString(QStringLiteral("x-4294967295-4294967296-3-4-5-6-7"));
     ASSERT_EQ(hash.byteCount(), 32);
     EXPECT_EQ(hash.toString(), QStringLiteral("0-4294967295-0-3-4-5-6-7"));
-}
 
-TEST(RvoDataHash, EmptyDigestAndZeroSizeAreReported)
-{
-    DebugCapture debug;
-    StdoutCapture out;
     const RvoDataHash empty;
     EXPECT_EQ(empty.size(), RvoDataHash::Skein256);
     EXPECT_TRUE(empty.toString().isEmpty());
     const RvoDataHash zero(QByteArray("abc"), RvoDataHash::Size(0));
     EXPECT_TRUE(zero.isEmpty());
     zero.toString();
-    const QStringList lines = out.lines();
-    EXPECT_EQ(lines,
+    EXPECT_EQ(out.lines(),
               (QStringList {QStringLiteral("Size of data is incorrect is 0, should be 32"),
                             QStringLiteral("Hash Size is Zero"),
                             QStringLiteral("m_Size is Zero or less")}));
     EXPECT_EQ(debug.messages(),
-              (QStringList {QStringLiteral("Result Length 0  Size 32"),
+              (QStringList {QStringLiteral("Unknown Hash Bit Size 12"),
+                            QStringLiteral("Result Length 0  Size 32"),
                             QStringLiteral("Result Length 0  Size 0")}));
 }
 
 TEST(RvoDataHash, EqualityIsBySizeAndBytesAndCopiesTakeTheUserIdButNotTheFlags)
 {
-    const QByteArray data = pattern(64, 1);
+    const QByteArray data = testContent(1, 64);
     RvoDataHash a(data, RvoDataHash::Skein512);
     RvoDataHash b(data, RvoDataHash::Skein512);
     b.setUserId(17);
@@ -124,21 +100,20 @@ TEST(RvoDataHash, EqualityIsBySizeAndBytesAndCopiesTakeTheUserIdButNotTheFlags)
     EXPECT_EQ(a.qhash(), b.qhash());
     // The same leading bytes at another size.
     EXPECT_TRUE(RvoDataHash(RvoDataHash::Skein256, a.data()) != a);
-    EXPECT_TRUE(RvoDataHash(pattern(64, 2), RvoDataHash::Skein512) != a);
+    EXPECT_TRUE(RvoDataHash(testContent(2, 64), RvoDataHash::Skein512) != a);
 
     const RvoSmartPointer<RvoDataHash> source(
-            new RvoDataHash(pattern(10, 1), RvoDataHash::Skein1024));
+            new RvoDataHash(testContent(1, 10), RvoDataHash::Skein1024));
     source->setUserId(5);
     source->setDontCache(true);
     source->setPreloading(true);
     const RvoDataHash copy(*source);
     EXPECT_TRUE(copy == *source);
     EXPECT_EQ(copy.userId(), 5);
-    EXPECT_FALSE(copy.isDontCache());
-    EXPECT_FALSE(copy.isPreloading());
+    EXPECT_FALSE(copy.isDontCache() || copy.isPreloading()) << "a copy takes no flags";
     EXPECT_EQ(copy.refCount(), 0);
 
-    RvoDataHash assigned(pattern(3, 3), RvoDataHash::Skein256);
+    RvoDataHash assigned(testContent(3, 3), RvoDataHash::Skein256);
     assigned.setDontCache(true);
     assigned = *source;
     EXPECT_TRUE(assigned == *source);
@@ -160,7 +135,7 @@ TEST(RvoDataHash, LiveObjectsAreCountedAndTheLastReferenceDeletes)
     }
     EXPECT_EQ(RvoDataHash::hashCount(), before);
     {
-        RvoSmartPointer<RvoDataHash> a(new RvoDataHash(pattern(5, 5), RvoDataHash::Skein512));
+        RvoSmartPointer<RvoDataHash> a(new RvoDataHash(testContent(5, 5), RvoDataHash::Skein512));
         RvoSmartPointer<RvoDataHash> b(a);
         EXPECT_EQ(a->refCount(), 2);
         a.reset();
@@ -169,7 +144,7 @@ TEST(RvoDataHash, LiveObjectsAreCountedAndTheLastReferenceDeletes)
     }
     EXPECT_EQ(RvoDataHash::hashCount(), before);
 
-    auto *hash = new RvoDataHash(pattern(5, 5), RvoDataHash::Skein512);
+    auto *hash = new RvoDataHash(testContent(5, 5), RvoDataHash::Skein512);
     StdoutCapture out;
     RvoSmartPointer<RvoDataHash>::adopt(hash).reset(); // a count nobody took
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("No Positive Ref Count in Dec Ref")});

@@ -67,7 +67,7 @@ TEST(RvoDdiMutex, NestedLockingExcludesOtherThreads)
     EXPECT_EQ(counter, 4 * 20000);
 }
 
-TEST(RvoDdiMutexLocker, DestructorUnlocksOnlyWhatTheLockerHolds)
+TEST(RvoDdiMutexLocker, DestructorUnlocksOnlyWhatTheLockerHoldsAndAssignmentDoesNotLock)
 {
     RvoDdiMutex mutex(0, RvoDdiMutex::Recursive);
     mutex.lock(); // the test's own hold, depth 1
@@ -87,12 +87,10 @@ TEST(RvoDdiMutexLocker, DestructorUnlocksOnlyWhatTheLockerHolds)
     EXPECT_FALSE(freeForOtherThreads(mutex));
     mutex.unlock();
     EXPECT_TRUE(freeForOtherThreads(mutex));
-}
 
-TEST(RvoDdiMutexLocker, AssignmentCopiesTheFieldsWithoutLockingAndANullMutexIsInert)
-{
-    RvoDdiMutex mutex;
-    RvoDdiMutexLocker held(&mutex);
+    // Assignment copies the fields without locking; a null mutex is inert.
+    RvoDdiMutex plain;
+    RvoDdiMutexLocker held(&plain);
     RvoDdiMutexLocker other(nullptr);
     EXPECT_FALSE(other.isHeld());
     other.relock();
@@ -100,8 +98,8 @@ TEST(RvoDdiMutexLocker, AssignmentCopiesTheFieldsWithoutLockingAndANullMutexIsIn
     other.unlock(); // must not crash
     other = held;
     EXPECT_TRUE(other.isHeld());
-    EXPECT_EQ(other.mutex(), &mutex);
+    EXPECT_EQ(other.mutex(), &plain);
     held.unlock(); // one release for the one lock
     other = RvoDdiMutexLocker(nullptr);
-    EXPECT_TRUE(freeForOtherThreads(mutex));
+    EXPECT_TRUE(freeForOtherThreads(plain));
 }

@@ -1,10 +1,7 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 #include "RvoDiskLayout_p.h"
 
 #include <QDir>
-
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
@@ -25,6 +22,8 @@ QString digestText(const QStringList &firstWords)
 
 } // namespace
 
+// The root is the digit sum of the first four characters (separators count
+// -1) modulo the root count; the destination names root, bucket and file.
 TEST(RvoDiskLayout, RootIsTheDigitSumOfTheFirstFourCharactersSeparatorsCountingMinusOne)
 {
     ManagerSetup setup(2);
@@ -34,15 +33,45 @@ TEST(RvoDiskLayout, RootIsTheDigitSumOfTheFirstFourCharactersSeparatorsCountingM
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("9999-1")), 0); // 36
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("9998-1")), 1); // 35
 
+    // The destination names the root, the bucket and the file; the first
+    // root holds the sub-caches.
+    manager().setSubCache(QStringLiteral("SubCache"));
+    const QString even = digestText({QStringLiteral("4150470588")}); // 4+1+5+0 = 10 -> root 0
+    const QString odd = digestText({QStringLiteral("7"), QStringLiteral("12")}); // 9 -> root 1
+    EXPECT_EQ(QDir::cleanPath(manager().getBlockDestination(QStringLiteral("SubCache"), even)),
+              setup.root(0) + QStringLiteral("/SubCache/8/") + even);
+    EXPECT_EQ(QDir::cleanPath(manager().getBlockDestination(QString(), odd)),
+              setup.root(1) + QStringLiteral("/7/") + odd);
+
     StdoutCapture out;
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("1-0-3")), -1); // -1+0-1+1 = -1
-    EXPECT_EQ(
-            out.lines(),
-            QStringList {QStringLiteral("Cannot find suitable cache reading thread -1 for 1-0-3")});
+    const QString none = digestText({QStringLiteral("1"), QStringLiteral("0")});
+    EXPECT_EQ(manager().getBlockDestination(QString(), none), QString());
+    EXPECT_EQ(out.lines(),
+              (QStringList {
+                      QStringLiteral("Cannot find suitable cache reading thread -1 for 1-0-3"),
+                      QStringLiteral("Cannot find suitable cache reading thread -1 for ") + none}));
+
+    // Whether a sub-cache exists is asked of the first root.
+    ASSERT_TRUE(QDir(setup.root(1)).mkpath(QStringLiteral("S")));
+    EXPECT_FALSE(manager().subCacheExists(QStringLiteral("S")));
+    ASSERT_TRUE(QDir(setup.root(0)).mkpath(QStringLiteral("S")));
+    EXPECT_TRUE(manager().subCacheExists(QStringLiteral("S")));
 }
 
-TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsAreRefused)
+TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsOrNoRootsAreRefused)
 {
+    // Without a setup, or without roots, nothing is chosen.
+    StdoutCapture unset;
+    EXPECT_EQ(Access::cacheIndex(QStringLiteral("4150-1")), -1);
+    EXPECT_EQ(RvoDataBlockManager::instance().getBlockDestination(
+                      QString(), digestText({QStringLiteral("1")})),
+              QString());
+    const QStringList lines = unset.lines();
+    ASSERT_FALSE(lines.isEmpty());
+    EXPECT_EQ(lines.first(), QStringLiteral("Number of cache paths is zero"));
+    EXPECT_TRUE(lines.contains(QStringLiteral("Data Block Manager Not Initialized. Aborting")));
+
     ManagerSetup setup(1);
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("1-0-3")), 0);
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("9999")), 0);
@@ -51,19 +80,6 @@ TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsAreRefused)
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("12")), -1);
     EXPECT_EQ(Access::cacheIndex(static_cast<const RvoDataHash *>(nullptr)), -1);
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Hash String is too Short 12")});
-}
-
-TEST(RvoDiskLayout, NoRootsAndNoSetupAreReportedAndChooseNothing)
-{
-    StdoutCapture out;
-    EXPECT_EQ(Access::cacheIndex(QStringLiteral("4150-1")), -1);
-    EXPECT_EQ(RvoDataBlockManager::instance().getBlockDestination(
-                      QString(), digestText({QStringLiteral("1")})),
-              QString());
-    const QStringList lines = out.lines();
-    ASSERT_FALSE(lines.isEmpty());
-    EXPECT_EQ(lines.first(), QStringLiteral("Number of cache paths is zero"));
-    EXPECT_TRUE(lines.contains(QStringLiteral("Data Block Manager Not Initialized. Aborting")));
 }
 
 TEST(RvoDiskLayout, FileNameAndBucketDirectoryKeepTheirDoubledSeparators)
@@ -83,29 +99,6 @@ TEST(RvoDiskLayout, FileNameAndBucketDirectoryKeepTheirDoubledSeparators)
     EXPECT_EQ(directory, QStringLiteral("/r///%1/").arg(4150470588u % 7)) << "outputs untouched";
     EXPECT_EQ(debug.messages(),
               QStringList {QStringLiteral("Null Hash Passed to Filename Builder")});
-}
-
-TEST(RvoDiskLayout, DestinationNamesTheRootBucketAndFileAndTheFirstRootHoldsSubCaches)
-{
-    ManagerSetup setup(2, QStringLiteral("SubCache"));
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    const QString even = digestText({QStringLiteral("4150470588")}); // 4+1+5+0 = 10 -> root 0
-    const QString odd = digestText({QStringLiteral("7"), QStringLiteral("12")}); // 9 -> root 1
-    EXPECT_EQ(QDir::cleanPath(manager.getBlockDestination(QStringLiteral("SubCache"), even)),
-              setup.root(0) + QStringLiteral("/SubCache/8/") + even);
-    EXPECT_EQ(QDir::cleanPath(manager.getBlockDestination(QString(), odd)),
-              setup.root(1) + QStringLiteral("/7/") + odd);
-
-    StdoutCapture out;
-    EXPECT_EQ(manager.getBlockDestination(QString(),
-                                          digestText({QStringLiteral("1"), QStringLiteral("0")})),
-              QString());
-
-    // Whether a sub-cache exists is asked of the first root.
-    ASSERT_TRUE(QDir(setup.root(1)).mkpath(QStringLiteral("S")));
-    EXPECT_FALSE(manager.subCacheExists(QStringLiteral("S")));
-    ASSERT_TRUE(QDir(setup.root(0)).mkpath(QStringLiteral("S")));
-    EXPECT_TRUE(manager.subCacheExists(QStringLiteral("S")));
 }
 
 TEST(RvoDiskLayout, RandomBlocksSpreadEvenlyOverTheBucketsUnderBlockFileNames)

@@ -1,16 +1,11 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 #include "RvoCacheScan_p.h"
-#include "RvoDataReference.h"
 #include "RvoGarbageCollectorThread_p.h"
 
-#include <QDateTime>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QProcess>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -19,11 +14,6 @@
 #include <thread>
 
 namespace {
-
-RvoDataBlockManager &manager()
-{
-    return RvoDataBlockManager::instance();
-}
 
 RvoDataReference add(int seed)
 {
@@ -53,15 +43,6 @@ QStringList filesUnder(const QStringList &directories)
             files.append(QFileInfo(it.next()).fileName());
     files.sort();
     return files;
-}
-
-// Sets a file's modification time (its last use) `hours` back.
-void setAge(const QString &path, int hours)
-{
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::ReadWrite)
-                && file.setFileTime(QDateTime::currentDateTime().addSecs(-3600 * hours),
-                                    QFileDevice::FileModificationTime));
 }
 
 QString destination(const QString &subCache, const QString &hashText)
@@ -112,8 +93,8 @@ TEST(RvoGarbageCollectorThread, PassLeavesExactlyLiveFilesOddNamesAndYoungTempor
         writeFile(root + QStringLiteral("/3/") + name, "data");
         writeFile(dir + name, "data");
     }
-    setAge(dir + old, 2);
-    setAge(root + QStringLiteral("/3/") + old, 2);
+    ASSERT_TRUE(setAge(dir + old, 3600 * 2));
+    ASSERT_TRUE(setAge(root + QStringLiteral("/3/") + old, 3600 * 2));
     collectOnce();
     EXPECT_EQ(filesUnder({root}).size(), 10) << "no sub-cache named: nothing is touched";
 
@@ -212,8 +193,9 @@ TEST(RvoGarbageCollectorThread, ProcessesSharingASubCacheCollectOnlyWhenAlone)
     writeFile(dead, "data");
     DebugCapture debug;
     QProcess other;
-    other.start(QStringLiteral(RVODDI_TEST_HOLDER),
-                {setup.root(), shared, QStringLiteral("11"), QStringLiteral("12")});
+    other.start(QStringLiteral(RVODDI_TEST_CHILD),
+                {QStringLiteral("hold"), setup.root(), shared, QStringLiteral("11"),
+                 QStringLiteral("12")});
     QStringList lines;
     auto readLines = [&] {
         other.waitForReadyRead(50);
@@ -257,7 +239,7 @@ TEST(RvoGarbageCollectorThread, DiskBudgetTrimsLeastRecentlyUsedDeadFilesToNinet
     qint64 liveBytes = 0;
     for (const RvoDataReference &ref : live) {
         liveFiles.append(destination(mine, ref.hash()));
-        setAge(liveFiles.last(), 1000);
+        ASSERT_TRUE(setAge(liveFiles.last(), 3600 * 1000));
         liveBytes += QFileInfo(liveFiles.last()).size();
     }
     // Dead files of 1000 bytes, one hour apart, alternately here and in a
@@ -271,7 +253,7 @@ TEST(RvoGarbageCollectorThread, DiskBudgetTrimsLeastRecentlyUsedDeadFilesToNinet
                                    : QStringLiteral("/Mine/%1/").arg(i % 10))
                 + deadName(i);
         writeFile(path, QByteArray(1000, 'x'));
-        setAge(path, i < 40 ? 500 - i : 2000);
+        ASSERT_TRUE(setAge(path, 3600 * (i < 40 ? 500 - i : 2000)));
         (i < 40 ? dead : held).append(path);
     }
     RvoSubCacheLock otherHolder;

@@ -1,9 +1,4 @@
-#include "OutputCapture.h"
-#include "RvoHashManager.h"
-
-#include <QByteArray>
-
-#include <gtest/gtest.h>
+#include "ManagerTestAccess.h"
 
 #include <atomic>
 #include <random>
@@ -27,7 +22,7 @@ QStringList statsLines()
 
 } // namespace
 
-TEST(RvoHashManager, GetHashOnEqualBytesReturnsOneObjectAndIsCounted)
+TEST(RvoHashManager, GetHashAndAddHashKeepOneObjectPerDigestAndCountHits)
 {
     RvoHashManager &registry = RvoHashManager::instance();
     registry.clearStats();
@@ -58,6 +53,26 @@ TEST(RvoHashManager, GetHashOnEqualBytesReturnsOneObjectAndIsCounted)
     expected[3] = QStringLiteral("Requests 0");
     EXPECT_EQ(statsLines(), expected);
     EXPECT_EQ(registry.hashCount(), 1);
+
+    // addHash registers a new digest object and deletes one it knows.
+    auto *fresh = new RvoDataHash(content(4), RvoDataHash::Skein512);
+    const RvoSmartPointer<RvoDataHash> registered = registry.addHash(fresh);
+    EXPECT_EQ(registered.data(), fresh);
+    EXPECT_EQ(fresh->refCount(), 1);
+    EXPECT_TRUE(registry.addHash(nullptr).isNull());
+
+    const int live = RvoDataHash::hashCount();
+    registry.clearStats();
+    auto *duplicate = new RvoDataHash(RvoDataHash::Skein512, registered->data());
+    EXPECT_EQ(RvoDataHash::hashCount(), live + 1);
+    const RvoSmartPointer<RvoDataHash> result = registry.addHash(duplicate);
+    EXPECT_TRUE(result == registered);
+    EXPECT_EQ(RvoDataHash::hashCount(), live);
+    EXPECT_EQ(registered->refCount(), 2);
+    const QStringList stats = statsLines();
+    EXPECT_EQ(stats.value(1), QStringLiteral("Cache Hits 1"));
+    EXPECT_EQ(stats.value(3), QStringLiteral("Requests 0")) << "addHash is not a request";
+    EXPECT_TRUE(registry.getHash(content(4)) == registered);
 }
 
 TEST(RvoHashManager, TextFormFindsTheRegisteredDigestUntilTheLastReferenceGoes)
@@ -89,45 +104,7 @@ TEST(RvoHashManager, TextFormFindsTheRegisteredDigestUntilTheLastReferenceGoes)
     EXPECT_EQ(debug.count(QStringLiteral("Unknown Hash Bit Size 12")), 2);
 }
 
-TEST(RvoHashManager, AddHashRegistersANewDigestAndDeletesAKnownOne)
-{
-    RvoHashManager &registry = RvoHashManager::instance();
-    auto *fresh = new RvoDataHash(content(4), RvoDataHash::Skein512);
-    const RvoSmartPointer<RvoDataHash> registered = registry.addHash(fresh);
-    EXPECT_EQ(registered.data(), fresh);
-    EXPECT_EQ(fresh->refCount(), 1);
-    EXPECT_TRUE(registry.addHash(nullptr).isNull());
-
-    const int live = RvoDataHash::hashCount();
-    registry.clearStats();
-    auto *duplicate = new RvoDataHash(RvoDataHash::Skein512, registered->data());
-    EXPECT_EQ(RvoDataHash::hashCount(), live + 1);
-    const RvoSmartPointer<RvoDataHash> result = registry.addHash(duplicate);
-    EXPECT_TRUE(result == registered);
-    EXPECT_EQ(RvoDataHash::hashCount(), live);
-    EXPECT_EQ(registered->refCount(), 2);
-    const QStringList stats = statsLines();
-    EXPECT_EQ(stats.value(1), QStringLiteral("Cache Hits 1"));
-    EXPECT_EQ(stats.value(3), QStringLiteral("Requests 0")) << "addHash is not a request";
-    EXPECT_TRUE(registry.getHash(content(4)) == registered);
-}
-
-TEST(RvoHashManager, SnapshotAppendsACountedPointerToEveryDigest)
-{
-    RvoHashManager &registry = RvoHashManager::instance();
-    const RvoSmartPointer<RvoDataHash> a = registry.getHash(content(7));
-    const RvoSmartPointer<RvoDataHash> b = registry.getHash(content(8));
-    QList<RvoSmartPointer<RvoDataHash>> out {RvoSmartPointer<RvoDataHash>()};
-    registry.snapshot(out);
-    ASSERT_EQ(out.size(), 3);
-    EXPECT_TRUE(out.first().isNull()) << "out is not cleared";
-    EXPECT_TRUE((out.at(1) == a && out.at(2) == b) || (out.at(1) == b && out.at(2) == a));
-    EXPECT_EQ(a->refCount(), 2);
-    out.clear();
-    EXPECT_EQ(a->refCount(), 1);
-}
-
-TEST(RvoHashManager, ValidateStateReportsCachedDigestsAndPrintDebugInfoListsAll)
+TEST(RvoHashManager, ValidateStateReportsCachedDigestsAndDebugInfoAndSnapshotListAll)
 {
     RvoHashManager &registry = RvoHashManager::instance();
     const RvoSmartPointer<RvoDataHash> cached = registry.getHash(content(9));
@@ -154,6 +131,16 @@ TEST(RvoHashManager, ValidateStateReportsCachedDigestsAndPrintDebugInfoListsAll)
                                      .arg(c.first->toString());
         EXPECT_TRUE(lines.contains(line)) << qPrintable(line);
     }
+
+    // A snapshot appends a counted pointer to every digest.
+    QList<RvoSmartPointer<RvoDataHash>> all {RvoSmartPointer<RvoDataHash>()};
+    registry.snapshot(all);
+    ASSERT_EQ(all.size(), 3);
+    EXPECT_TRUE(all.first().isNull()) << "the list is not cleared";
+    EXPECT_TRUE(all.contains(cached) && all.contains(dontCache));
+    EXPECT_EQ(dontCache->refCount(), 2);
+    all.clear();
+    EXPECT_EQ(dontCache->refCount(), 1);
 }
 
 // Several threads intern, copy and drop the same few digests, re-add them

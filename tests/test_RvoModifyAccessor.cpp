@@ -1,9 +1,4 @@
 #include "ManagerTestAccess.h"
-#include "RvoConstAccessor.h"
-#include "RvoDataReference.h"
-#include "RvoModifyAccessor.h"
-
-#include <gtest/gtest.h>
 
 TEST(RvoModifyAccessor, WritingAndReleasingMakesANewBlockAndLeavesTheOldOne)
 {
@@ -24,6 +19,20 @@ TEST(RvoModifyAccessor, WritingAndReleasingMakesANewBlockAndLeavesTheOldOne)
     EXPECT_EQ(bytesOf(original), content);
     EXPECT_TRUE(changed != original);
     EXPECT_TRUE(source == original);
+
+    // A don't-cache release names the block at once; a null accessor gives a
+    // null reference.
+    RvoModifyAccessor fresh = RvoDataBlockManager::instance().createNewBlock(100, 1);
+    const RvoDataReference ref = fresh.release(RvoModifyAccessor::DontCache, false);
+    EXPECT_TRUE(ref.hashPtr()->isDontCache());
+    EXPECT_EQ(bytesOf(ref), QByteArray(100, '\x01'));
+
+    RvoModifyAccessor null;
+    EXPECT_TRUE(null.isNull());
+    EXPECT_EQ(null.size(), 0);
+    EXPECT_EQ(null.data(), nullptr);
+    EXPECT_EQ(null.count(), 0);
+    EXPECT_TRUE(null.release(RvoModifyAccessor::CacheContent, true).isNull());
 }
 
 TEST(RvoModifyAccessor, CopiesShareTheBlockUntilTheLastGoes)
@@ -58,20 +67,4 @@ TEST(RvoModifyAccessor, ReleasingASharedAccessorHandsTheManagerACopy)
     copy.data()[0] = 0x44; // the copy's block is its own again
     copy = RvoModifyAccessor(); // deletes it
     EXPECT_EQ(bytesOf(added), QByteArray(4096, '\x33'));
-}
-
-TEST(RvoModifyAccessor, DontCacheReleaseNamesTheBlockAtOnceAndANullOneGivesANullReference)
-{
-    ManagerSetup setup;
-    RvoModifyAccessor accessor = RvoDataBlockManager::instance().createNewBlock(100, 1);
-    const RvoDataReference ref = accessor.release(RvoModifyAccessor::DontCache, false);
-    EXPECT_TRUE(ref.hashPtr()->isDontCache());
-    EXPECT_EQ(bytesOf(ref), QByteArray(100, '\x01'));
-
-    RvoModifyAccessor null;
-    EXPECT_TRUE(null.isNull());
-    EXPECT_EQ(null.size(), 0);
-    EXPECT_EQ(null.data(), nullptr);
-    EXPECT_EQ(null.count(), 0);
-    EXPECT_TRUE(null.release(RvoModifyAccessor::CacheContent, true).isNull());
 }

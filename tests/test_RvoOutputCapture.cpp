@@ -9,49 +9,38 @@
 
 #include <gtest/gtest.h>
 
-TEST(RvoOutputCapture, CapturesWhatTheProcessPrintsUntilLinesIsCalled)
-{
-    StdoutCapture outer;
-    EXPECT_TRUE(RvoOutputCapture().lines().isEmpty()) << "nothing printed, no line";
-    {
-        RvoOutputCapture capture;
-        std::printf("first\n");
-        std::printf("second, without a newline");
-        const QStringList lines = capture.lines();
-        EXPECT_EQ(lines,
-                  (QStringList {QStringLiteral("first"),
-                                QStringLiteral("second, without a newline")}));
-        std::printf("after\n");
-        // Ended once: a second call gives the same lines.
-        EXPECT_EQ(capture.lines(), lines);
-    }
-    EXPECT_EQ(outer.lines(), QStringList {QStringLiteral("after")});
-}
-
+// Captures nest, each restoring what it found, and take every thread's
+// output; lines() ends a capture once.
 TEST(RvoOutputCapture, NestedCapturesOfAnyThreadEachRestoreWhatTheyFound)
 {
-    StdoutCapture outer;
+    RvoOutputCapture outer;
+    EXPECT_TRUE(RvoOutputCapture().lines().isEmpty()) << "nothing printed, no line";
     QStringList inner;
     QStringList middle;
     {
         RvoOutputCapture first;
         std::printf("one\n");
         {
-            // Another thread's output is captured too.
             RvoOutputCapture second;
             std::unique_ptr<QThread> thread(QThread::create([] {
                 std::printf("two\n");
+                std::printf("three, without a newline");
                 std::fflush(stdout);
             }));
             thread->start();
             thread->wait();
             inner = second.lines();
+            std::printf("four\n");
+            EXPECT_EQ(second.lines(), inner) << "ended once: the same lines again";
         }
-        std::printf("three\n");
+        std::printf("five\n");
         middle = first.lines();
     }
-    std::printf("four\n");
-    EXPECT_EQ(inner, QStringList {QStringLiteral("two")});
-    EXPECT_EQ(middle, (QStringList {QStringLiteral("one"), QStringLiteral("three")}));
-    EXPECT_EQ(outer.lines(), QStringList {QStringLiteral("four")});
+    std::printf("six\n");
+    EXPECT_EQ(inner,
+              (QStringList {QStringLiteral("two"), QStringLiteral("three, without a newline")}));
+    EXPECT_EQ(
+            middle,
+            (QStringList {QStringLiteral("one"), QStringLiteral("four"), QStringLiteral("five")}));
+    EXPECT_EQ(outer.lines(), QStringList {QStringLiteral("six")});
 }

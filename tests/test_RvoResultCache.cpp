@@ -1,11 +1,7 @@
 #include "ManagerTestAccess.h"
-#include "RvoHashManager.h"
 #include "RvoResultCache.h"
 
-#include <gtest/gtest.h>
-
 #include <thread>
-#include <vector>
 
 namespace {
 

@@ -1,15 +1,10 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
-#include "RvoDataBlockManager.h"
 #include "RvoSelfCheckCache_p.h"
 
 #include <QDir>
 #include <QFileInfo>
-#include <QTemporaryDir>
 
-#include <gtest/gtest.h>
-
-TEST(RvoSelfCheckCache, SetsTheManagerUpOnFreshRootsAndCleansUpWhenItGoes)
+TEST(RvoSelfCheckCache, SetsTheManagerUpOnFreshRootsCountsItsBlockFilesAndCleansUpWhenItGoes)
 {
     QTemporaryDir parent;
     QStringList roots;
@@ -27,25 +22,20 @@ TEST(RvoSelfCheckCache, SetsTheManagerUpOnFreshRootsAndCleansUpWhenItGoes)
         for (const QString &root : roots)
             EXPECT_EQ(QFileInfo(root).absolutePath(), QFileInfo(parent.path()).absoluteFilePath());
         EXPECT_EQ(cache.subCacheDirectory(1), roots.at(1) + QStringLiteral("/sub"));
+
+        // Only files named like blocks under the sub-cache are counted: not
+        // a temporary file, the log, nor a block file outside the sub-cache.
+        const QString block = QStringLiteral("1-2-3-4-5-6-7-8-9-10-11-12-13-14-15-16");
+        ASSERT_TRUE(writeFile(cache.subCacheDirectory(0) + QStringLiteral("/3/") + block, "x"));
+        ASSERT_TRUE(writeFile(cache.subCacheDirectory(1) + QStringLiteral("/0/") + block, "x"));
+        ASSERT_TRUE(
+                writeFile(cache.subCacheDirectory(0) + QStringLiteral("/3/write-1-2.tmp"), "x"));
+        ASSERT_TRUE(writeFile(roots.at(0) + QStringLiteral("/other/0/") + block, "x"));
+        EXPECT_EQ(cache.blockFileCount(), 2);
     }
     EXPECT_FALSE(RvoDataBlockManager::instance().isInitialized());
     for (const QString &root : roots)
         EXPECT_FALSE(QFileInfo::exists(root)) << root.toStdString();
-}
-
-TEST(RvoSelfCheckCache, CountsOnlyFilesNamedLikeBlocksUnderTheSubCache)
-{
-    QTemporaryDir parent;
-    const RvoSelfCheckCache cache(parent.path(), 2, -1, 10);
-    ASSERT_EQ(cache.error(), QString());
-    const QString block = QStringLiteral("1-2-3-4-5-6-7-8-9-10-11-12-13-14-15-16");
-    ASSERT_TRUE(writeFile(cache.subCacheDirectory(0) + QStringLiteral("/3/") + block, "x"));
-    ASSERT_TRUE(writeFile(cache.subCacheDirectory(1) + QStringLiteral("/0/") + block, "x"));
-    // Not block files: a temporary file, the log, and a block file
-    // outside the sub-cache.
-    ASSERT_TRUE(writeFile(cache.subCacheDirectory(0) + QStringLiteral("/3/write-1-2.tmp"), "x"));
-    ASSERT_TRUE(writeFile(cache.roots().at(0) + QStringLiteral("/other/0/") + block, "x"));
-    EXPECT_EQ(cache.blockFileCount(), 2);
 }
 
 TEST(RvoSelfCheckCache, ParentThatCannotBeADirectoryIsReportedAndNothingIsSetUp)
@@ -58,5 +48,5 @@ TEST(RvoSelfCheckCache, ParentThatCannotBeADirectoryIsReportedAndNothingIsSetUp)
     EXPECT_EQ(cache.error(),
               QStringLiteral("expected a cache directory at %1, saw none could be made").arg(file));
     EXPECT_FALSE(RvoDataBlockManager::instance().isInitialized());
-    EXPECT_EQ(output.text(), QString());
+    EXPECT_EQ(output.lines(), QStringList());
 }

@@ -1,40 +1,25 @@
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
 #include "RvoSampleImages_p.h"
 #include "RvoSelfCheckSamples_p.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QImage>
-#include <QTemporaryDir>
 
 #include <cstring>
 
-#include <gtest/gtest.h>
-
-namespace {
-
-QByteArray pattern(int size, int seed)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    for (int i = 0; i < size; ++i)
-        bytes[i] = char((i * 31 + seed) & 0xff);
-    return bytes;
-}
-
-} // namespace
-
+// Subdirectories and empty files give no block.
 TEST(RvoSelfCheckSamples, FilesAreCutIntoBlocksOf256KiBInNameOrder)
 {
     QTemporaryDir data;
-    const QByteArray big = pattern(600000, 1);
-    const QByteArray small = pattern(1000, 2);
+    const QByteArray big = testContent(1, 600000);
+    const QByteArray small = testContent(2, 1000);
     ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("b-big.bin")), big));
     ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("a-small.bin")), small));
+    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("c-empty")), QByteArray()));
+    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("nested/deeper")), small));
 
     RvoSelfCheckSamples samples;
     EXPECT_EQ(samples.load(data.path()), QString());
+    EXPECT_EQ(samples.files().size(), 3);
     ASSERT_EQ(samples.blocks().size(), 4);
     EXPECT_EQ(samples.blocks().at(0), small);
     EXPECT_EQ(samples.blocks().at(1), big.left(262144));
@@ -44,23 +29,12 @@ TEST(RvoSelfCheckSamples, FilesAreCutIntoBlocksOf256KiBInNameOrder)
     EXPECT_EQ(samples.largestBlock(), 262144);
     EXPECT_EQ(samples.origin(3), QStringLiteral("b-big.bin, block 2"));
     EXPECT_TRUE(samples.generatedFiles().isEmpty());
-}
 
-TEST(RvoSelfCheckSamples, SubdirectoriesAndEmptyFilesGiveNoBlock)
-{
-    QTemporaryDir data;
-    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("empty")), QByteArray()));
-    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("nested/deeper")), pattern(10, 4)));
-    RvoSelfCheckSamples samples;
-    EXPECT_EQ(samples.load(data.path()),
-              QStringLiteral("expected sample bytes in %1, saw only empty files").arg(data.path()));
-
-    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("one")), pattern(10, 3)));
-    RvoSelfCheckSamples withOne;
-    EXPECT_EQ(withOne.load(data.path()), QString());
-    EXPECT_EQ(withOne.files().size(), 2);
-    ASSERT_EQ(withOne.blocks().size(), 1);
-    EXPECT_EQ(withOne.blocks().first(), pattern(10, 3));
+    QTemporaryDir empty;
+    ASSERT_TRUE(writeFile(empty.filePath(QStringLiteral("empty")), QByteArray()));
+    EXPECT_EQ(
+            RvoSelfCheckSamples().load(empty.path()),
+            QStringLiteral("expected sample bytes in %1, saw only empty files").arg(empty.path()));
 }
 
 TEST(RvoSelfCheckSamples, EmptyDirectoryIsFilledWithGeneratedImagesFirst)
@@ -97,7 +71,9 @@ TEST(RvoSampleImages, RawFileHoldsThePngPixelsRowAfterRow)
     EXPECT_TRUE(image.hasAlphaChannel());
 }
 
-TEST(RvoSampleImages, RawFileThatDisagreesWithItsPngIsReported)
+// A raw file is compared with the PNG of its name, which verifyImages reads
+// first: one that does not decode is reported.
+TEST(RvoSampleImages, RawFileThatDisagreesWithItsPngAndAnUnreadablePngAreReported)
 {
     QTemporaryDir data;
     QImage image(4, 3, QImage::Format_ARGB32);
@@ -122,11 +98,7 @@ TEST(RvoSampleImages, RawFileThatDisagreesWithItsPngIsReported)
         ASSERT_TRUE(writeFile(raw, QByteArray(c.bytes, 'x')));
         EXPECT_EQ(RvoSampleImages::compareRawWithPng(raw), c.expected);
     }
-}
 
-TEST(RvoSelfCheckSamples, UnreadablePngIsReportedByVerifyImages)
-{
-    QTemporaryDir data;
     ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("broken.png")), QByteArray("\x89PNG not")));
     RvoSelfCheckSamples samples;
     ASSERT_EQ(samples.load(data.path()), QString());

@@ -33,70 +33,56 @@ using Ptr = RvoSmartPointer<Counted>;
 
 } // namespace
 
-TEST(RvoSmartPointer, CopiesCountAndDestroyedCopiesReleaseButNullsTouchNothing)
-{
-    bool dead = false;
-    Ptr first(new Counted(&dead));
-    EXPECT_EQ(first->refs(), 1);
-    {
-        Ptr copy(first);
-        EXPECT_EQ(first->refs(), 2);
-        EXPECT_TRUE(copy == first);
-    }
-    EXPECT_EQ(first->refs(), 1);
-    first.reset();
-    EXPECT_TRUE(dead);
-    EXPECT_TRUE(first.isNull());
-
-    Ptr null;
-    Ptr copy(null);
-    Ptr assigned;
-    assigned = null;
-    EXPECT_TRUE(copy.isNull());
-    EXPECT_TRUE(assigned.isNull());
-    EXPECT_TRUE(copy == assigned);
-}
-
-TEST(RvoSmartPointer, AssignmentReleasesTheOldObjectButNeverTheSameOne)
+TEST(RvoSmartPointer, CopiesAssignmentsAndMovesKeepTheCountAndOnlyTheLastReleaseDeletes)
 {
     bool firstDead = false;
     bool secondDead = false;
     Ptr a(new Counted(&firstDead));
-    Counted *object = a.data();
+    Counted *first = a.data();
+    {
+        Ptr copy(a);
+        EXPECT_EQ(first->refs(), 2);
+        EXPECT_TRUE(copy == a);
+    }
+    EXPECT_EQ(first->refs(), 1);
     a = a;
     Ptr b(a);
     a = b; // both already hold it
-    EXPECT_FALSE(firstDead);
-    EXPECT_EQ(object->refs(), 2);
+    EXPECT_EQ(first->refs(), 2);
 
     Ptr c(new Counted(&secondDead));
+    Counted *second = c.data();
     a = c;
+    EXPECT_FALSE(firstDead);
     b = c;
     EXPECT_TRUE(firstDead);
-    EXPECT_FALSE(secondDead);
-    EXPECT_EQ(c->refs(), 3);
-    EXPECT_TRUE(a == c.data());
-}
+    EXPECT_EQ(second->refs(), 3);
+    EXPECT_TRUE(a == second);
 
-TEST(RvoSmartPointer, MovesTransferTheCountAndAdoptTakesOneAlreadyRaised)
-{
-    bool dead = false;
-    Ptr a(new Counted(&dead));
-    Counted *object = a.data();
+    // Moves hand the count over; adopt takes one the caller raised.
     Ptr moved(std::move(a));
     EXPECT_TRUE(a.isNull());
     Ptr target;
     target = std::move(moved);
     EXPECT_TRUE(moved.isNull());
-    EXPECT_EQ(object->refs(), 1);
-
-    object->raise();
-    Ptr adopted = Ptr::adopt(object);
-    EXPECT_EQ(object->refs(), 2);
+    EXPECT_EQ(second->refs(), 3);
+    second->raise();
+    Ptr adopted = Ptr::adopt(second);
+    EXPECT_EQ(second->refs(), 4);
+    b.reset();
+    c.reset();
     target.reset();
-    EXPECT_FALSE(dead);
+    EXPECT_FALSE(secondDead);
     adopted.reset();
-    EXPECT_TRUE(dead);
+    EXPECT_TRUE(secondDead);
+    EXPECT_TRUE(adopted.isNull());
+
+    // Null pointers touch nothing.
+    Ptr null;
+    Ptr copy(null);
+    Ptr assigned;
+    assigned = null;
+    EXPECT_TRUE(copy.isNull() && assigned.isNull() && copy == assigned);
 }
 
 TEST(RvoSmartPointer, HashIsOfThePointerValue)

@@ -9,13 +9,10 @@
 // library's report channel and is captured.
 
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
-#include "RvoHashManager.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QLoggingCategory>
-#include <QTemporaryDir>
 #include <QThreadPool>
 
 #include <atomic>
@@ -24,7 +21,6 @@
 #include <random>
 #include <thread>
 #include <utility>
-#include <vector>
 
 namespace {
 

@@ -49,6 +49,8 @@ public:
 
     bool isRunning() const;
     int port() const { return m_Port; }
+    // The server's process id while it runs (for its CPU time).
+    qint64 pid() const { return m_Process.pid(); }
     // The temporary directory: configuration, logs, data.
     QString dir() const { return m_Dir.path(); }
     // What the server printed on its standard output and error.

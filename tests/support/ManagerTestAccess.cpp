@@ -1,8 +1,12 @@
 #include "ManagerTestAccess.h"
 
+#include "RvoBlockCodec_p.h"
+#include "RvoBlockFile_p.h"
 #include "RvoBlockTable_p.h"
 #include "RvoDdiMutexLocker.h"
+#include "RvoDiskLayout_p.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -80,6 +84,22 @@ QByteArray bytesOf(const RvoDataReference &ref)
     return bytesOf(ref.constAccessor());
 }
 
+QStringList lostBlocks(const QByteArray &lines)
+{
+    QStringList lost;
+    for (const QByteArray &line : lines.split('\n')) {
+        const QList<QByteArray> fields = line.split(' ');
+        if (fields.size() != 3)
+            continue;
+        const QString text = QString::fromLatin1(fields.at(2));
+        const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(text);
+        const RvoDataReference ref = manager().getReference(hash.data());
+        if (bytesOf(ref) != testContent(fields.at(0).toInt(), fields.at(1).toInt()))
+            lost.append(text);
+    }
+    return lost;
+}
+
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload)
 {
     QByteArray bytes(12, '\0');
@@ -87,6 +107,23 @@ QByteArray blockFileBytes(qint64 size, const QByteArray &payload)
     std::memcpy(bytes.data(), &size, 8);
     std::memcpy(bytes.data() + 8, &blockSize, 4);
     return bytes + payload;
+}
+
+QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,
+                  int buckets)
+{
+    QString directory, name;
+    buildFilename(hash, root, subCache, quint32(buckets), directory, name);
+    return directory + QLatin1Char('/') + name;
+}
+
+QByteArray blockIn(const QString &path)
+{
+    const QByteArray file = readFile(path);
+    RvoBlockCodec codec;
+    QByteArray content;
+    RvoBlockFile::decode(codec, file.constData(), file.size(), &content);
+    return content;
 }
 
 bool writeFile(const QString &path, const QByteArray &bytes)
@@ -101,4 +138,12 @@ QByteArray readFile(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool setAge(const QString &path, qint64 seconds)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadWrite)
+            && file.setFileTime(QDateTime::currentDateTime().addSecs(-seconds),
+                                QFileDevice::FileModificationTime);
 }

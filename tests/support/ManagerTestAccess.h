@@ -1,21 +1,26 @@
 #ifndef MANAGERTESTACCESS_H
 #define MANAGERTESTACCESS_H
 
-// Reaches the block manager's and the IO threads' internals for tests, and
-// sets the manager up on temporary roots.
+// What the tests share: reaching the block manager's and the IO threads'
+// internals, setting the manager up on temporary roots, test content and
+// files; it brings GoogleTest and the output captures along.
 
+#include "OutputCapture.h"
 #include "RvoConstAccessor.h"
 #include "RvoDataBlock.h"
 #include "RvoDataBlockManager.h"
 #include "RvoDataBlockManagerReadThread_p.h"
 #include "RvoDataBlockManagerWriteThread_p.h"
 #include "RvoDataReference.h"
+#include "RvoHashManager.h"
 #include "RvoWaitUntil_p.h"
 
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
+
+#include <gtest/gtest.h>
 
 #include <memory>
 #include <vector>
@@ -81,6 +86,17 @@ private:
     QStringList m_Roots;
 };
 
+inline RvoDataBlockManager &manager()
+{
+    return RvoDataBlockManager::instance();
+}
+
+// The registry's digest of `content`.
+inline RvoSmartPointer<RvoDataHash> digestOf(const QByteArray &content)
+{
+    return RvoHashManager::instance().getHash(content);
+}
+
 // Adds content through the manager, hashed on the calling thread unless
 // `sync` is false.
 RvoDataReference addBlock(const QByteArray &content,
@@ -100,9 +116,22 @@ QByteArray bytesOf(const RvoDataBlock *block);
 QByteArray bytesOf(const RvoConstAccessor &accessor);
 QByteArray bytesOf(const RvoDataReference &ref);
 
+// Reads back, through the manager, the blocks of lines "SEED SIZE DIGEST"
+// (testContent(SEED, SIZE) being the content); the digests that differ.
+QStringList lostBlocks(const QByteArray &lines);
+
 // The raw bytes of a block file.
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload);
+// Where the block file of `hash` lies, spelt as the IO threads spell it.
+QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,
+                  int buckets = 10);
+// The block that the block file at `path` holds; null unless it is sound.
+QByteArray blockIn(const QString &path);
+
+// Writes a file, making its directory first.
 bool writeFile(const QString &path, const QByteArray &bytes);
 QByteArray readFile(const QString &path);
+// Sets a file's modification time (its last use) `seconds` back.
+bool setAge(const QString &path, qint64 seconds);
 
 #endif // MANAGERTESTACCESS_H

@@ -1,65 +1,9 @@
 #include "OutputCapture.h"
 
-#include <QByteArray>
 #include <QMutex>
 #include <QMutexLocker>
-#include <QtGlobal>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <unistd.h>
-
-StdoutCapture::StdoutCapture()
-{
-    std::fflush(stdout);
-    char path[] = "/tmp/rvoddi-stdout-XXXXXX";
-    m_FileFd = mkstemp(path);
-    if (m_FileFd < 0)
-        return;
-    unlink(path);
-    m_SavedFd = dup(1);
-    dup2(m_FileFd, 1);
-}
-
-StdoutCapture::~StdoutCapture()
-{
-    stop();
-}
-
-void StdoutCapture::stop()
-{
-    if (m_SavedFd < 0)
-        return;
-    std::fflush(stdout);
-    dup2(m_SavedFd, 1);
-    close(m_SavedFd);
-    m_SavedFd = -1;
-
-    QByteArray bytes;
-    lseek(m_FileFd, 0, SEEK_SET);
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(m_FileFd, buffer, sizeof buffer)) > 0)
-        bytes.append(buffer, int(n));
-    close(m_FileFd);
-    m_FileFd = -1;
-    m_Text = QString::fromLocal8Bit(bytes);
-}
-
-QString StdoutCapture::text()
-{
-    stop();
-    return m_Text;
-}
-
-QStringList StdoutCapture::lines()
-{
-    QStringList result = text().split(QLatin1Char('\n'));
-    if (!result.isEmpty() && result.last().isEmpty())
-        result.removeLast();
-    return result;
-}
 
 namespace {
 
