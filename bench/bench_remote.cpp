@@ -7,8 +7,9 @@
 //       (asynchronous adds, waiting in 1 ms steps while the write queue is
 //       full), then flush(true, WriteThreads): the time until every block is
 //       on disk, while the uploads run beside. uploaded_s: the time until
-//       flush(true, AllThreads) returns as well, every block uploaded. Each
-//       run starts with an empty root and an empty server. The cost of the
+//       flush(true, AllThreads) returns as well, every block uploaded;
+//       upload_cpu_ms_per_tile: the CPU of the upload threads. Each run
+//       starts with an empty root and an empty server. The cost of the
 //       uploads is ingest/<server> against ingest/none.
 //   read/disk, read/nginx, read/redis
 //       A second process reads every tile back through const accessors,
@@ -84,10 +85,11 @@ double cpuSeconds(int who)
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-// CPU seconds a running process has used so far (0 when it cannot be read).
-double processCpuSeconds(qint64 pid)
+// CPU seconds that the process or thread whose /proc stat file is `path` has
+// used so far (0 when it cannot be read).
+double statCpuSeconds(const QString &path)
 {
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    QFile stat(path);
     if (!stat.open(QIODevice::ReadOnly))
         return 0;
     const QByteArray line = stat.readAll();
@@ -151,11 +153,41 @@ void emptyServer(const std::string &server)
         QDir(f.nginx.documentRoot()).removeRecursively();
 }
 
-// Adds every tile into `root` with the remote tier `spec`. Returns the
-// seconds until every block is on disk; *uploaded gets those until every
-// block is uploaded as well.
-double ingest(const QString &root, const QString &spec, QStringList *names,
-              double *uploaded = nullptr)
+double processCpuSeconds(qint64 pid)
+{
+    return statCpuSeconds(QStringLiteral("/proc/%1/stat").arg(pid));
+}
+
+// The CPU seconds that this process's threads named `name` have used so
+// far.
+double threadsCpuSeconds(const QByteArray &name)
+{
+    double total = 0;
+    const QDir tasks(QStringLiteral("/proc/self/task"));
+    for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile comm(tasks.filePath(task + QStringLiteral("/comm")));
+        if (comm.open(QIODevice::ReadOnly) && comm.readAll().trimmed() == name)
+            total += statCpuSeconds(tasks.filePath(task + QStringLiteral("/stat")));
+    }
+    return total;
+}
+
+// What an ingest took: seconds until every block was on disk, and until
+// every block was uploaded as well; the CPU seconds of the whole process,
+// of its upload threads and of the server meanwhile.
+struct Ingest
+{
+    double onDisk = 0;
+    double uploaded = 0;
+    double cpu = 0;
+    double uploadCpu = 0;
+    double serverCpu = 0;
+};
+
+// Adds every tile into `root` with the remote tier `spec` (of `server`,
+// null for none).
+Ingest ingest(const QString &root, const QString &spec, const LocalServer *server,
+              QStringList *names = nullptr)
 {
     RvoDataBlockManager &m = RvoDataBlockManager::instance();
     m.setRemoteStorage(spec);
@@ -163,6 +195,9 @@ double ingest(const QString &root, const QString &spec, QStringList *names,
     std::vector<RvoDataReference> refs;
     refs.reserve(fixture().tiles.size());
     ::sync(); // no dirty pages of an earlier run to write meanwhile
+    Ingest result;
+    const double cpuBefore = cpuSeconds(RUSAGE_SELF);
+    const double serverBefore = server ? processCpuSeconds(server->pid()) : 0;
     const Clock::time_point start = Clock::now();
     for (const QByteArray &tile : fixture().tiles) {
         refs.push_back(m.addBlock(tile, RvoModifyAccessor::CacheContent, false));
@@ -174,17 +209,19 @@ double ingest(const QString &root, const QString &spec, QStringList *names,
     for (const RvoDataReference &ref : refs)
         ref.hashPtr();
     m.flush(true, RvoDataBlockManager::WriteThreads);
-    const double seconds = secondsSince(start);
+    result.onDisk = secondsSince(start);
     m.flush(true, RvoDataBlockManager::AllThreads);
-    if (uploaded)
-        *uploaded = secondsSince(start);
+    result.uploaded = secondsSince(start);
+    result.cpu = cpuSeconds(RUSAGE_SELF) - cpuBefore;
+    result.uploadCpu = threadsCpuSeconds("rvoddi-upload"); // started by this ingest
+    result.serverCpu = server ? processCpuSeconds(server->pid()) - serverBefore : 0;
     if (names) {
         for (const RvoDataReference &ref : refs)
             names->append(ref.hash());
     }
     refs.clear();
     m.cleanUp();
-    return seconds;
+    return result;
 }
 
 void setRates(benchmark::State &state, double bytes)
@@ -198,14 +235,22 @@ void setRates(benchmark::State &state, double bytes)
 void BM_Ingest(benchmark::State &state, const std::string &server)
 {
     Fixture &f = fixture();
-    double uploaded = 0;
+    Ingest total;
     for (auto _ : state) {
         emptyServer(server);
         QTemporaryDir root;
-        state.SetIterationTime(ingest(root.path(), specOf(server), nullptr, &uploaded));
+        const Ingest run = ingest(root.path(), specOf(server), serverOf(server));
+        state.SetIterationTime(run.onDisk);
+        total.uploaded += run.uploaded;
+        total.cpu += run.cpu;
+        total.uploadCpu += run.uploadCpu;
+        total.serverCpu += run.serverCpu;
     }
     setRates(state, double(f.tiles.size()) * 262144);
-    state.counters["uploaded_s"] = uploaded;
+    setCpu(state, total.cpu, total.serverCpu);
+    const double tiles = double(f.tiles.size()) * double(state.iterations());
+    state.counters["uploaded_s"] = total.uploaded / double(state.iterations());
+    state.counters["upload_cpu_ms_per_tile"] = total.uploadCpu * 1000 / tiles;
 }
 
 // Runs a program to its end with `input` on its standard input; returns its
@@ -368,7 +413,7 @@ int main(int argc, char **argv)
     std::iota(indexes.begin(), indexes.end(), 0);
     QtConcurrent::blockingMap(indexes, [&f](int k) { f.tiles[size_t(k)] = makeImageLikeTile(k); });
     // The first ingest fills the disk root of read/disk and both servers.
-    ingest(f.filled.path(), f.nginx.url() + QLatin1Char(' ') + f.redis.url(), &f.names);
+    ingest(f.filled.path(), f.nginx.url() + QLatin1Char(' ') + f.redis.url(), nullptr, &f.names);
     QDirIterator files(f.filled.path(), QDir::Files, QDirIterator::Subdirectories);
     while (files.hasNext())
         f.fileBytes += QFileInfo(files.next()).size();

@@ -113,8 +113,7 @@ RvoBlockCodec::Encoder RvoBlockCodec::defaultEncoder()
 }
 
 RvoBlockCodec::RvoBlockCodec(Encoder encoder)
-    : m_Encoder(encoder)
-    , m_Decompressor(libdeflate_alloc_decompressor())
+    : m_Decompressor(libdeflate_alloc_decompressor())
 {
     if (encoder == Encoder::IsaL)
         m_Isal.reset(new (std::nothrow) IsalEncoder());

@@ -33,8 +33,6 @@ public:
     explicit RvoBlockCodec(Encoder encoder = defaultEncoder());
     ~RvoBlockCodec();
 
-    Encoder encoder() const { return m_Encoder; }
-
     // The payload for size bytes at data, or a null array when there is none:
     // size negative, beyond the 32-bit length field or beyond what a
     // QByteArray holds, or no memory for the compressor.
@@ -64,9 +62,8 @@ private:
     qint64 deflate(const char *data, qint64 size, uchar *out, qint64 capacity);
     bool decode(const char *payload, qint64 length, qint64 expectedSize, QByteArray *out);
 
-    const Encoder m_Encoder;
-    // Exactly one of the two writers exists, the one m_Encoder names; null
-    // when there was no memory for it.
+    // Exactly one of the two writers exists, the one the constructor was
+    // asked for; null when there was no memory for it.
     std::unique_ptr<IsalEncoder> m_Isal;
     libdeflate_compressor *m_Compressor = nullptr;
     libdeflate_decompressor *m_Decompressor;
