@@ -100,10 +100,8 @@ QByteArray lines(const QList<Added> &blocks)
 {
     QByteArray text;
     for (const Added &block : blocks)
-        text += QStringLiteral("%1 %2 %3\n")
-                        .arg(block.seed)
-                        .arg(block.size)
-                        .arg(block.ref.hash())
+        text += QString::asprintf("%d %d %s\n", block.seed, block.size,
+                                  qPrintable(block.ref.hash()))
                         .toLatin1();
     return text;
 }
