@@ -31,8 +31,7 @@
 // bench_remote [--tiles N] [benchmark options]
 // bench_remote --read SPEC ROOT NAMES   the second process (internal)
 
-#include "LocalNginx.h"
-#include "LocalRedis.h"
+#include "LocalServer.h"
 #include "RvoConstAccessor.h"
 #include "RvoDataBlockManager.h"
 #include "RvoDataReference.h"
@@ -104,8 +103,8 @@ double statCpuSeconds(const QString &path)
 // The servers and the tiles, made once for the whole run.
 struct Fixture
 {
-    LocalNginx nginx;
-    LocalRedis redis;
+    LocalServer nginx {LocalServer::Nginx};
+    LocalServer redis {LocalServer::Redis};
     std::vector<QByteArray> tiles;
     QStringList names; // the tiles' block file names, from the first ingest
     QTemporaryDir filled; // a root that holds every tile's block file

@@ -97,23 +97,21 @@ public:
     {
         ASSERT_FALSE(blocks.isEmpty());
         m_FirstBlock = blocks.first().hash();
-        if (m_Hold) // beyond the run
-            m_Held = blocks.first();
         if (m_LibraryReport) // a broken invariant while a check runs
             EXPECT_TRUE(RvoHashManager::instance().addHash(nullptr).isNull());
-        if (!m_CorruptBlockFile)
+        if (!m_CorruptAndHold)
             return;
-        const QString path = RvoDataBlockManager::instance().getBlockDestination(
-                QFileInfo(subCacheDirectory).fileName(), m_FirstBlock);
+        m_Held = blocks.first(); // beyond the run
+        const QString path = manager().getBlockDestination(QFileInfo(subCacheDirectory).fileName(),
+                                                           m_FirstBlock);
         ASSERT_TRUE(path.startsWith(subCacheDirectory)) << path.toStdString();
         // In the middle of the compressed payload: the file stays as long.
         flipByte(path, 12 + (QFileInfo(path).size() - 12) / 2);
     }
 
     QList<int> m_WrongDigestBits;
-    bool m_Hold = false;
     bool m_LibraryReport = false;
-    bool m_CorruptBlockFile = false;
+    bool m_CorruptAndHold = false; // the first block's file, and a reference to it
     QMap<int, QString> m_Changed;
     QString m_FirstBlock;
     RvoDataReference m_Held;
@@ -137,7 +135,7 @@ TEST(DdiTester, MissingDataDirectoryIsFilledWithSamplesAndEveryCheckPasses)
     }
     EXPECT_EQ(failedLines(run), QStringList());
     // The manager is left as it was found.
-    EXPECT_FALSE(RvoDataBlockManager::instance().isInitialized());
+    EXPECT_FALSE(manager().isInitialized());
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
 
     // The samples, each raw file holding its PNG's pixels (the sample check
@@ -161,10 +159,7 @@ TEST(DdiTester, DataDirectoryWithFilesIsUsedAsItIsAndLeftUnchanged)
 {
     QTemporaryDir data;
     // 600,000 bytes: two full blocks and a short one; a second file of one.
-    QByteArray tiles(600000, Qt::Uninitialized);
-    for (int i = 0; i < tiles.size(); ++i)
-        tiles[i] = char((i * 7 + i / 1000) & 0xff);
-    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("tiles.bin")), tiles));
+    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("tiles.bin")), testContent(1, 600000)));
     ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("notes.txt")), QByteArray("host data\n")));
     QDir(data.path()).mkdir(QStringLiteral("subdirectory"));
     const QMap<QString, QByteArray> before = snapshot(data.path());
@@ -192,8 +187,7 @@ TEST(DdiTester, EachBrokenPartFailsItsOwnCheckOnly)
     Breakage broken;
     // A whole-byte message at 1024 bits, a partial-byte one at 160.
     broken.m_WrongDigestBits = {1024, 160};
-    broken.m_CorruptBlockFile = true;
-    broken.m_Hold = true;
+    broken.m_CorruptAndHold = true;
     const TesterRun run = runTester(data.path(), &broken);
     EXPECT_EQ(run.failures, 5);
     const QStringList failed = failedLines(run);
@@ -218,25 +212,24 @@ TEST(DdiTester, EachBrokenPartFailsItsOwnCheckOnly)
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
 }
 
-TEST(DdiTester, LibraryInUseStopsTheRunAtItsFirstCheck)
+// A library in use stops the run at its first check; a cache directory that
+// cannot be made fails the checks that need it.
+TEST(DdiTester, LibraryInUseOrCacheDirectoryThatCannotBeMadeFailsOnlyTheChecksConcerned)
 {
     QTemporaryDir data;
-    ManagerSetup setup;
-    const TesterRun run = runTester(data.path());
-    EXPECT_EQ(run.failures, 1);
-    EXPECT_EQ(run.lines,
-              QStringList {QStringLiteral("[!!] Library idle before the run: expected the block "
-                                          "manager not set up, saw it set up on %1")
-                                   .arg(setup.root())});
-    // The host's configuration is untouched, and no sample was made.
-    EXPECT_TRUE(RvoDataBlockManager::instance().isInitialized());
-    EXPECT_EQ(RvoDataBlockManager::instance().cacheRoots(), setup.roots());
-    EXPECT_TRUE(QDir(data.path()).isEmpty());
-}
-
-TEST(DdiTester, CacheDirectoryThatCannotBeMadeFailsTheChecksThatNeedIt)
-{
-    QTemporaryDir data;
+    {
+        ManagerSetup setup;
+        const TesterRun run = runTester(data.path());
+        EXPECT_EQ(run.failures, 1);
+        EXPECT_EQ(run.lines,
+                  QStringList {QStringLiteral("[!!] Library idle before the run: expected the "
+                                              "block manager not set up, saw it set up on %1")
+                                       .arg(setup.root())});
+        // The host's configuration is untouched, and no sample was made.
+        EXPECT_TRUE(manager().isInitialized());
+        EXPECT_EQ(manager().cacheRoots(), setup.roots());
+        EXPECT_TRUE(QDir(data.path()).isEmpty());
+    }
     QTemporaryDir parent;
     const QString notADirectory = parent.filePath(QStringLiteral("file"));
     ASSERT_TRUE(writeFile(notADirectory, QByteArray("x")));

@@ -29,7 +29,7 @@ int filesIn(const QString &directory)
 // The jobs' bytes exist only inside the jobs (the submitters' copies are
 // gone); they are finished in the reverse order of submission from another
 // thread, so that most are pulled to the front or waited for while running.
-TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderOfFinishing)
+TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderAndGoWhereFinishAsks)
 {
     QTemporaryDir dir;
     const QString directory = dir.filePath(QStringLiteral("bucket"));
@@ -58,35 +58,12 @@ TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderOfFinishing)
     for (int i = 0; i < kJobs; ++i)
         EXPECT_EQ(blockIn(directory + "/" + fileName(i)), jobBytes(i)) << "job " << i;
     EXPECT_EQ(filesIn(directory), kJobs) << "no temporary file is left";
-}
 
-// A write thread waiting for a save must not wait for the whole backlog
-// queued before it.
-TEST(RvoBlockSaver, FinishPullsAQueuedJobAheadOfTheBacklog)
-{
-    QTemporaryDir dir;
-    RvoBlockSaver &saver = RvoBlockSaver::instance();
-    const QByteArray bytes = jobBytes(5).repeated(4);
-    constexpr int kJobs = 200;
-    std::vector<RvoBlockSaver::JobPtr> jobs;
-    for (int i = 0; i < kJobs; ++i)
-        jobs.push_back(saver.submit(bytes, dir.path(), fileName(i)));
+    // The sub-cache changed between queueing and the save's turn: the file
+    // goes where the write thread asks, whatever the worker did meanwhile.
     RvoBlockCodec codec;
-    EXPECT_TRUE(saver.finish(jobs.back(), bytes, dir.path(), fileName(kJobs - 1), codec).onDisk);
-    EXPECT_GT(saver.pendingJobs(), kJobs / 2);
-    for (const RvoBlockSaver::JobPtr &job : jobs)
-        saver.cancel(job);
-}
-
-// The sub-cache changed between queueing and the save's turn: the file goes
-// where the write thread asks, whatever the worker did meanwhile.
-TEST(RvoBlockSaver, JobForAnotherDirectoryIsSavedWhereFinishAsks)
-{
-    QTemporaryDir dir;
     const QString before = dir.filePath(QStringLiteral("before"));
     const QString now = dir.filePath(QStringLiteral("now"));
-    RvoBlockSaver &saver = RvoBlockSaver::instance();
-    RvoBlockCodec codec;
     for (int i = 0; i < 8; ++i) {
         const RvoBlockSaver::JobPtr job = saver.submit(jobBytes(i), before, fileName(i));
         if (i % 2 == 0) // half of them finished by a worker first
@@ -98,23 +75,26 @@ TEST(RvoBlockSaver, JobForAnotherDirectoryIsSavedWhereFinishAsks)
     }
 }
 
-// After cancel() no worker writes the job's file: the caller may remove the
-// directory at once. A save in progress is finished first.
-TEST(RvoBlockSaver, NoFileAppearsAfterItsJobIsCancelled)
+// A write thread waiting for a save must not wait for the whole backlog
+// queued before it. After cancel() no worker writes the job's file: the
+// caller may remove the directory at once. A save in progress is finished
+// first.
+TEST(RvoBlockSaver, FinishPullsAJobAheadOfTheBacklogAndNoFileAppearsAfterCancel)
 {
     QTemporaryDir dir;
     RvoBlockSaver &saver = RvoBlockSaver::instance();
-    std::vector<QByteArray> bytes;
-    for (int i = 0; i < 200; ++i)
-        bytes.push_back(jobBytes(i));
     // About 16 MiB: a worker takes tens of milliseconds over it.
     const QByteArray large = jobBytes(9).repeated(256);
     const RvoBlockSaver::JobPtr running = saver.submit(large, dir.path(), QStringLiteral("large"));
     ASSERT_TRUE(waitUntil([&] { return saver.pendingJobs() == 0; })) << "a worker starts it";
+    const QByteArray bytes = jobBytes(5).repeated(4);
+    constexpr int kJobs = 200;
     std::vector<RvoBlockSaver::JobPtr> jobs;
-    for (int i = 0; i < 200; ++i)
-        jobs.push_back(saver.submit(bytes[size_t(i)], dir.path(), fileName(i)));
-    bytes.clear();
+    for (int i = 0; i < kJobs; ++i)
+        jobs.push_back(saver.submit(bytes, dir.path(), fileName(i)));
+    RvoBlockCodec codec;
+    EXPECT_TRUE(saver.finish(jobs.back(), bytes, dir.path(), fileName(kJobs - 1), codec).onDisk);
+    EXPECT_GT(saver.pendingJobs(), kJobs / 2);
     saver.cancel(running);
     EXPECT_EQ(blockIn(dir.filePath(QStringLiteral("large"))), large)
             << "cancel() returned while the save was still being written";

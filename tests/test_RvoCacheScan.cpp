@@ -3,8 +3,6 @@
 #include "RvoSubCacheLock_p.h"
 
 #include <QDateTime>
-#include <QDir>
-#include <QFile>
 
 namespace {
 

@@ -27,11 +27,8 @@ TEST(RvoDataBlockManagerBlocks, EvictionTakesLeastRecentlyUsedDownToNinetyPercen
     refs.append(addBlock(testContent(10, 10000)));
     // 110000 > 100000: evicted down to 90000, the two least recently used.
     EXPECT_EQ(manager().liveBytes(), 90000);
-    EXPECT_TRUE(inMemory(refs.at(0)));
-    EXPECT_FALSE(inMemory(refs.at(1)));
-    EXPECT_FALSE(inMemory(refs.at(2)));
-    for (int i = 3; i < 11; ++i)
-        EXPECT_TRUE(inMemory(refs.at(i))) << i;
+    for (int i = 0; i < 11; ++i)
+        EXPECT_EQ(inMemory(refs.at(i)), i != 1 && i != 2) << i;
 
     // Evicted blocks are listed and sized still, and come back from disk
     // with their bytes when read or preloaded.
@@ -62,8 +59,7 @@ TEST(RvoDataBlockManagerBlocks, EqualContentIsStoredOnceButDontCacheBlocksAreEac
 
     const RvoDataReference c = addBlock(content, RvoModifyAccessor::DontCache);
     const RvoDataReference d = addBlock(content, RvoModifyAccessor::DontCache);
-    EXPECT_TRUE(c != d);
-    EXPECT_TRUE(c != a);
+    EXPECT_TRUE(c != d && c != a);
     EXPECT_TRUE(hashOf(c)->isDontCache());
     EXPECT_EQ(manager().liveBytes(), 3000);
 
@@ -85,10 +81,8 @@ TEST(RvoDataBlockManagerBlocks, EqualContentIsStoredOnceButDontCacheBlocksAreEac
                                           "size %1 / %2")
                                    .arg((1 << 20) + 1)
                                    .arg(1 << 20)});
-    EXPECT_TRUE(inMemory(keep1));
-    EXPECT_TRUE(inMemory(keep2));
-    EXPECT_FALSE(inMemory(old1));
-    EXPECT_FALSE(inMemory(old2));
+    EXPECT_TRUE(inMemory(keep1) && inMemory(keep2));
+    EXPECT_FALSE(inMemory(old1) || inMemory(old2));
     EXPECT_TRUE(inMemory(big)) << "a block is never its own victim";
     EXPECT_TRUE(Access::blockIsLocked(hashOf(keep1))) << "don't-cache blocks read as locked";
     manager().flush(true, RvoDataBlockManager::AllThreads);
@@ -173,8 +167,7 @@ TEST(RvoDataBlockManagerBlocks, EvictionGivesUpWhenEveryCandidateIsLockedElsewhe
     // Saves done first: a save lets go of its digest under the delete lock,
     // and would wait for the holder below like anyone else touching them.
     manager().flush(false, RvoDataBlockManager::WriteThreads);
-    std::promise<void> locked;
-    std::promise<void> release;
+    std::promise<void> locked, release;
     std::thread holder([&] {
         for (const RvoDataReference &ref : refs)
             hashOf(ref)->tryLock();

@@ -15,7 +15,7 @@ QByteArray header(qint64 magic, qint32 digestSize, qint32 count)
 
 } // namespace
 
-TEST(RvoDataBlockManagerGroups, MembersComeBackInOrderFromTheExactLayoutThatNamesTheGroup)
+TEST(RvoDataBlockManagerGroups, MembersComeBackInOrderFromTheExactLayoutAndMalformedOnesDoNot)
 {
     ManagerSetup setup;
     const QVector<RvoDataReference> members {
@@ -37,11 +37,8 @@ TEST(RvoDataBlockManagerGroups, MembersComeBackInOrderFromTheExactLayoutThatName
     const RvoDataReference empty = manager().makeGroupBlock({});
     EXPECT_EQ(bytesOf(empty), header(1337, 0, 0));
     EXPECT_TRUE(manager().extractGroupBlock(empty).isEmpty());
-}
 
-TEST(RvoDataBlockManagerGroups, MalformedPayloadsGiveNoMembersAndNullMembersAreRefused)
-{
-    ManagerSetup setup;
+    // Malformed payloads give no members; a null member is refused.
     const QByteArray digest(64, '\x05');
     const QList<QByteArray> payloads {
             QByteArray("not a group"), // shorter than a header

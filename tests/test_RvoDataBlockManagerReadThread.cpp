@@ -10,21 +10,7 @@
 using Access = RvoDataBlockManagerTestAccess;
 using Reader = RvoDataBlockManagerReadThread;
 
-namespace {
-
-void plantFile(const QString &root, const RvoDataHash *hash, const QByteArray &bytes)
-{
-    writeFile(blockPath(root, QString(), hash), bytes);
-}
-
-QByteArray soundFile(const QByteArray &content)
-{
-    return blockFileBytes(content.size(), qCompress(content, 2));
-}
-
-} // namespace
-
-TEST(RvoDataBlockManagerReadThread, QueueOrdersByPriorityPromotesWhenEnabledAndDropsOnlyBackground)
+TEST(RvoDataBlockManagerReadThread, QueueOrdersPromotesAndDropsOnlyBackgroundAndLoadsAreCounted)
 {
     QTemporaryDir root;
     Reader reader(root.path(), 10, 50, nullptr);
@@ -82,21 +68,16 @@ TEST(RvoDataBlockManagerReadThread, QueueOrdersByPriorityPromotesWhenEnabledAndD
     EXPECT_EQ(reader.queuedRequests().at(1).second, second.data());
     reader.request(second.data(), RvoDataBlockManager::PreloadBackground);
     EXPECT_EQ(reader.queuedRequests().at(0), qMakePair(2 - 99, second.data()));
-}
 
-TEST(RvoDataBlockManagerReadThread, LoadedBlockIsRawCachedAndCounted)
-{
-    QTemporaryDir root;
-    Reader reader(root.path(), 10, 50, nullptr);
-    // An empty block's payload is the bare 4-byte length.
+    // A loaded block is raw, marked cached and counted; an empty block's
+    // payload is the bare 4-byte length.
     for (const QByteArray &content : {testContent(9, 123457), QByteArray()}) {
         const RvoSmartPointer<RvoDataHash> hash = digestOf(content);
-        plantFile(root.path(), hash.data(), soundFile(content));
+        writeFile(blockPath(root.path(), QString(), hash.data()), blockFile(content));
         RvoDataBlock *block = Reader::waitForBlock(reader.loadBlock(hash, false));
         ASSERT_NE(block, nullptr);
         EXPECT_EQ(bytesOf(block), content);
-        EXPECT_TRUE(block->cached());
-        EXPECT_FALSE(block->isCompressed());
+        EXPECT_TRUE(block->cached() && !block->isCompressed());
         delete block;
     }
     EXPECT_EQ(reader.bytesRead(), 123457);
@@ -111,15 +92,12 @@ constexpr qint64 kPromptly = 2000;
 TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsLoading)
 {
     const QByteArray bad = testContent(41, 20000);
-    const QByteArray sound = soundFile(bad);
+    const QByteArray sound = blockFile(bad);
     const auto with = [&](int offset, auto value) {
         QByteArray file = sound;
         std::memcpy(file.data() + offset, &value, sizeof value);
         return file;
     };
-    // A stream one byte short under a length field that agrees with Size.
-    QByteArray shortStream = qCompress(bad.left(bad.size() - 1), 2);
-    shortStream[3] = char(shortStream.at(3) + 1);
     const QString data = QStringLiteral("Cannot read all Data from File '%1'");
     const struct
     {
@@ -138,9 +116,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
             {"negative BlockSize", with(8, qint32(-1)), {}, "lengths"},
             {"byte appended", sound + 'x', {}, "lengths"},
             {"Size disagrees with the payload", with(0, qint64(bad.size() + 1)), {}, "payload"},
-            {"garbage payload", blockFileBytes(bad.size(), testContent(7, 900)), {}, "payload"},
             {"stream damaged", with(99, char(sound.at(99) ^ 0x55)), {}, "payload"},
-            {"stream short", blockFileBytes(bad.size(), shortStream), {}, "payload"},
     };
     ManagerSetup setup(1);
     Reader *reader = Access::readThread(0);
@@ -151,9 +127,9 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         SCOPED_TRACE(c.what);
         const QByteArray good = testContent(++seed, 20000);
         const RvoSmartPointer<RvoDataHash> goodHash = digestOf(good);
-        plantFile(setup.root(), goodHash.data(), soundFile(good));
+        writeFile(blockPath(setup.root(), QString(), goodHash.data()), blockFile(good));
         if (!c.file.isNull())
-            plantFile(setup.root(), badHash.data(), c.file);
+            writeFile(path, c.file);
         QStringList expected;
         if (!c.line.isEmpty())
             expected << c.line.arg(path);
@@ -173,7 +149,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         // On the root's own thread: the damaged file first, a sound one right
         // behind it. (A failed preload keeps its mark; clear it to ask again.)
         if (!c.file.isNull())
-            plantFile(setup.root(), badHash.data(), c.file);
+            writeFile(path, c.file);
         badHash->setPreloading(false);
         timer.restart();
         reader->request(badHash.data(), RvoDataBlockManager::PreloadFirst);
@@ -182,9 +158,8 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         EXPECT_TRUE(waitUntil(
                 [&] { return Access::holdsBlock(goodHash.data()) && !QFile::exists(path); }));
         EXPECT_LT(timer.elapsed(), kPromptly);
-        EXPECT_FALSE(Access::holdsBlock(badHash.data()));
-        EXPECT_FALSE(goodHash->isPreloading());
-        EXPECT_EQ(RvoDataBlockManager::instance().liveBytes(), good.size());
+        EXPECT_FALSE(Access::holdsBlock(badHash.data()) || goodHash->isPreloading());
+        EXPECT_EQ(manager().liveBytes(), good.size());
     }
     EXPECT_EQ(reader->requestsHandled(), 2 * int(std::size(cases)));
 }
@@ -193,7 +168,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
 // clean-up at exit writes them all, and another process reads them back.
 TEST(RvoDataBlockManagerReadThread, SavesQueuedWhenAProcessExitsAreWritten)
 {
-    QTemporaryDir root;
+    QTemporaryDir root; // set up here only after the child: no fork with threads running
     QStringList args {QStringLiteral("queue"), root.path(), QStringLiteral("Shared"),
                       QStringLiteral("7")};
     for (int seed = 300; seed < 340; ++seed)
@@ -205,11 +180,8 @@ TEST(RvoDataBlockManagerReadThread, SavesQueuedWhenAProcessExitsAreWritten)
     const QStringList texts = QString::fromLocal8Bit(child.readAllStandardOutput())
                                       .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     ASSERT_EQ(texts.size(), 40);
-
-    ManagerSetup setup(0);
-    Access::manager().cleanUp();
-    Access::manager().setup({root.path()}, -1, 7);
-    Access::manager().setSubCache(QStringLiteral("Shared"));
+    manager().setup({root.path()}, -1, 7);
+    manager().setSubCache(QStringLiteral("Shared"));
     for (int i = 0; i < texts.size(); ++i) {
         const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(texts.at(i));
         ASSERT_FALSE(hash.isNull());
@@ -218,6 +190,7 @@ TEST(RvoDataBlockManagerReadThread, SavesQueuedWhenAProcessExitsAreWritten)
         EXPECT_EQ(bytesOf(block), testContent(300 + i)) << i;
         delete block;
     }
+    manager().cleanUp();
 }
 
 // A reader asking for a block while its write is queued or under way gets

@@ -8,10 +8,26 @@
 using Access = RvoDataBlockManagerTestAccess;
 using Writer = RvoDataBlockManagerWriteThread;
 
-TEST(RvoDataBlockManagerWriteThread, QueueServesAscendingPrioritiesFirstComeFirstServed)
+// Ascending priorities, first come first served. A block marked cached is
+// not queued (and, when its save owns it, deleted at once); a compressed
+// block goes to its file as it is; a second save of its digest finds the
+// file and leaves it alone.
+TEST(RvoDataBlockManagerWriteThread, QueueServesPrioritiesInOrderAndNoBlockOnDiskIsWrittenAgain)
 {
     QTemporaryDir root;
     Writer writer(root.path(), 10, 4, nullptr);
+    bool deleted[2] = {false, false};
+    std::unique_ptr<TrackedBlock> kept(new TrackedBlock(testContent(0, 100), &deleted[0]));
+    auto *owned = new TrackedBlock(testContent(1, 100), &deleted[1]);
+    for (TrackedBlock *block : {kept.get(), owned}) {
+        block->markCached();
+        writer.writeBlock(RvoDataBlockManager::PreloadNormal, digestOf(bytesOf(block)), block,
+                          block == owned);
+    }
+    EXPECT_EQ(writer.requests(), 0);
+    EXPECT_FALSE(deleted[0]);
+    EXPECT_TRUE(deleted[1]) << "deleteAfterWrite deletes a cached block at once";
+
     QVector<RvoSmartPointer<RvoDataHash>> hashes;
     QVector<QByteArray> contents;
     const int priorities[] = {2, 0, 2, 1};
@@ -39,6 +55,24 @@ TEST(RvoDataBlockManagerWriteThread, QueueServesAscendingPrioritiesFirstComeFirs
     EXPECT_EQ(writer.requestsHandled(), 4);
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(blockIn(blockPath(root.path(), QString(), hashes.at(i).data())), contents.at(i));
+
+    const QByteArray content = testContent(3, 70000);
+    RvoSmartPointer<RvoDataHash> hash = digestOf(content);
+    auto *block = new RvoDataBlock(content);
+    block->compress(9);
+    writer.writeBlock(RvoDataBlockManager::PreloadNormal, hash, block, true);
+    writer.flush();
+    const QString path = blockPath(root.path(), QString(), hash.data());
+    const QByteArray file = readFile(path);
+    EXPECT_EQ(file.mid(12), qCompress(content, 9));
+    EXPECT_EQ(blockIn(path), content);
+    ASSERT_TRUE(writeFile(path, file + "marker"));
+    std::unique_ptr<RvoDataBlock> again(new RvoDataBlock(content));
+    writer.writeBlock(RvoDataBlockManager::PreloadNormal, hash, again.get(), false);
+    writer.flush();
+    EXPECT_EQ(readFile(path), file + "marker");
+    EXPECT_EQ(writer.requestsHandled(), 5);
+    EXPECT_TRUE(again->cached()) << "the file that is there holds the same content";
     writer.closeDown();
     writer.wait();
 }
@@ -53,8 +87,7 @@ TEST(RvoDataBlockManagerWriteThread, EachRootReceivesItsOwnBlockFiles)
         auto *block = new RvoDataBlock(content);
         Access::makeBlockLive(hash.data(), block);
         manager().flush(false, RvoDataBlockManager::WriteThreads);
-        EXPECT_TRUE(block->cached());
-        EXPECT_FALSE(block->isCompressed()) << "the block in memory is not changed";
+        EXPECT_TRUE(block->cached() && !block->isCompressed()) << "saved, unchanged in memory";
         for (int r = 0; r < 3; ++r) {
             const QString path = blockPath(setup.root(r), QStringLiteral("S"), hash.data());
             ASSERT_EQ(QFile::exists(path), r == Access::cacheIndex(hash.data())) << i;
@@ -67,49 +100,6 @@ TEST(RvoDataBlockManagerWriteThread, EachRootReceivesItsOwnBlockFiles)
     EXPECT_EQ(Access::writeThread(0)->bytesWritten() + Access::writeThread(1)->bytesWritten()
                       + Access::writeThread(2)->bytesWritten(),
               written);
-}
-
-// A block marked cached is not queued (and, when its save owns it, deleted
-// at once); a compressed block goes to its file as it is; a second save of
-// its digest finds the file and leaves it alone.
-TEST(RvoDataBlockManagerWriteThread, BlocksAlreadyOnDiskAreNeverWrittenAgain)
-{
-    QTemporaryDir root;
-    Writer writer(root.path(), 10, 10, nullptr);
-    bool deleted[2] = {false, false};
-    std::unique_ptr<TrackedBlock> kept(new TrackedBlock(testContent(0, 100), &deleted[0]));
-    auto *owned = new TrackedBlock(testContent(1, 100), &deleted[1]);
-    for (TrackedBlock *block : {kept.get(), owned}) {
-        block->markCached();
-        writer.writeBlock(RvoDataBlockManager::PreloadNormal, digestOf(bytesOf(block)), block,
-                          block == owned);
-    }
-    EXPECT_EQ(writer.requests(), 0);
-    EXPECT_EQ(writer.bytesInQueue(), 0);
-    EXPECT_FALSE(deleted[0]);
-    EXPECT_TRUE(deleted[1]) << "deleteAfterWrite deletes a cached block at once";
-
-    writer.start();
-    const QByteArray content = testContent(3, 70000);
-    RvoSmartPointer<RvoDataHash> hash = digestOf(content);
-    auto *block = new RvoDataBlock(content);
-    block->compress(9);
-    writer.writeBlock(RvoDataBlockManager::PreloadNormal, hash, block, true);
-    writer.flush();
-    const QString path = blockPath(root.path(), QString(), hash.data());
-    const QByteArray file = readFile(path);
-    EXPECT_EQ(file.mid(12), qCompress(content, 9));
-    EXPECT_EQ(blockIn(path), content);
-    ASSERT_TRUE(writeFile(path, file + "marker"));
-
-    std::unique_ptr<RvoDataBlock> again(new RvoDataBlock(content));
-    writer.writeBlock(RvoDataBlockManager::PreloadNormal, hash, again.get(), false);
-    writer.flush();
-    EXPECT_EQ(readFile(path), file + "marker");
-    EXPECT_EQ(writer.requestsHandled(), 1);
-    EXPECT_TRUE(again->cached()) << "the file that is there holds the same content";
-    writer.closeDown();
-    writer.wait();
 }
 
 // A root the file system refuses (a path through a file: ENOTDIR) until it is

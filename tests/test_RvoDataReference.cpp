@@ -24,34 +24,35 @@ RvoDataReference pendingOn(const RvoDataReference &result)
 
 } // namespace
 
-TEST(RvoDataReference, DefaultReferencesAreNullAndEveryReferenceIsCounted)
-{
-    const int live = RvoDataReference::referenceCount();
-    const int heap = RvoDataReference::allocCount();
-    {
-        const RvoDataReference a;
-        const RvoDataReference b(a);
-        EXPECT_TRUE(a.isNull());
-        EXPECT_EQ(a.userId(), -1);
-        EXPECT_EQ(a.hash(), QStringLiteral("NULL"));
-        EXPECT_TRUE(a == b);
-        EXPECT_TRUE(a.hashPtr().isNull());
-        auto *c = new RvoDataReference(b);
-        EXPECT_EQ(RvoDataReference::referenceCount(), live + 3);
-        EXPECT_EQ(RvoDataReference::allocCount(), heap + 1);
-        delete c;
-        EXPECT_EQ(RvoDataReference::allocCount(), heap);
-        alignas(RvoDataReference) unsigned char place[sizeof(RvoDataReference)];
-        auto *placed = new (place) RvoDataReference();
-        EXPECT_EQ(RvoDataReference::allocCount(), heap) << "placement new counts nothing";
-        placed->~RvoDataReference();
-    }
-    EXPECT_EQ(RvoDataReference::referenceCount(), live);
-}
-
-TEST(RvoDataReference, EqualContentGivesEqualReferencesOnceResolvedAndReadsWaitForTheJob)
+// A hashing job is counted until its last reference goes and adds its block
+// even when nobody resolves it; equal content gives equal references once
+// resolved, and reads wait for the job.
+TEST(RvoDataReference, JobsAddTheirBlockAreCountedAndGiveEqualReferencesOnceResolved)
 {
     ManagerSetup setup;
+    const int jobs = RvoBlockFuture::numHashJobs();
+    {
+        RvoDataReference a = addBlock(testContent(3), RvoModifyAccessor::CacheContent, false);
+        RvoDataReference copy(a);
+        EXPECT_EQ(RvoBlockFuture::numHashJobs(), jobs + 1);
+        a.hash(); // a resolves and lets go of the job; the copy still holds it
+        EXPECT_EQ(RvoBlockFuture::numHashJobs(), jobs + 1);
+    }
+    EXPECT_EQ(RvoBlockFuture::numHashJobs(), jobs);
+    {
+        addBlock(testContent(4), RvoModifyAccessor::CacheContent, false);
+    } // the job is waited for here, never resolved by anyone
+    EXPECT_EQ(RvoHashingJob::liveHashJobCount(), 0);
+    EXPECT_EQ(RvoHashingJob::unfinishedHashJobCount(), 0);
+    // The job ran: the block went live and was queued for its disk copy.
+    manager().flush(false, RvoDataBlockManager::WriteThreads);
+    const QString text = RvoDataHash(testContent(4), RvoDataHash::Skein512).toString();
+    EXPECT_GT(readFile(manager().getBlockDestination(QString(), text)).size(), 12);
+    // Nobody references it now, so the digest and the block have gone.
+    EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
+    EXPECT_EQ(manager().liveBytes(), 0);
+    EXPECT_EQ(RvoBlockFuture::numHashJobs(), 0);
+
     const QByteArray content = testContent(1, 300000);
     const RvoDataReference sync1 = addBlock(content);
     EXPECT_TRUE(sync1 == addBlock(content));
@@ -73,35 +74,7 @@ TEST(RvoDataReference, EqualContentGivesEqualReferencesOnceResolvedAndReadsWaitF
     EXPECT_EQ(null.userId(), -1);
 }
 
-TEST(RvoDataReference, JobsAreCountedUntilTheirLastReferenceGoesAndAlwaysAddTheBlock)
-{
-    ManagerSetup setup;
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    const int jobs = RvoBlockFuture::numHashJobs();
-    {
-        RvoDataReference a = addBlock(testContent(3), RvoModifyAccessor::CacheContent, false);
-        RvoDataReference copy(a);
-        EXPECT_EQ(RvoBlockFuture::numHashJobs(), jobs + 1);
-        a.hash(); // a resolves and lets go of the job; the copy still holds it
-        EXPECT_EQ(RvoBlockFuture::numHashJobs(), jobs + 1);
-    }
-    EXPECT_EQ(RvoBlockFuture::numHashJobs(), jobs);
-    {
-        addBlock(testContent(4), RvoModifyAccessor::CacheContent, false);
-    } // the job is waited for here, never resolved by anyone
-    EXPECT_EQ(RvoHashingJob::liveHashJobCount(), 0);
-    EXPECT_EQ(RvoHashingJob::unfinishedHashJobCount(), 0);
-    // The job ran: the block went live and was queued for its disk copy.
-    manager.flush(false, RvoDataBlockManager::WriteThreads);
-    const QString text = RvoDataHash(testContent(4), RvoDataHash::Skein512).toString();
-    EXPECT_GT(readFile(manager.getBlockDestination(QString(), text)).size(), 12);
-    // Nobody references it now, so the digest and the block have gone.
-    EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
-    EXPECT_EQ(manager.liveBytes(), 0);
-    EXPECT_EQ(RvoBlockFuture::numHashJobs(), 0);
-}
-
-TEST(RvoDataReference, ChainsOfJobsAreFollowedToTheirEndAndNoBlockGivesNullAccessors)
+TEST(RvoDataReference, ChainsOfJobsAreFollowedNullReferencesGiveNullAccessorsAndAllAreCounted)
 {
     ManagerSetup setup;
     const RvoDataReference target = addBlock(testContent(5));
@@ -131,4 +104,26 @@ TEST(RvoDataReference, ChainsOfJobsAreFollowedToTheirEndAndNoBlockGivesNullAcces
     EXPECT_EQ(read.data(), nullptr);
     EXPECT_TRUE(orphan.modifyAccessor().isNull());
     EXPECT_GT(debug.messages().size(), 1) << "the failed loads are reported";
+
+    // Default references are null, and every reference is counted.
+    const int live = RvoDataReference::referenceCount();
+    const int heap = RvoDataReference::allocCount();
+    {
+        const RvoDataReference a;
+        const RvoDataReference b(a);
+        EXPECT_TRUE(a.isNull());
+        EXPECT_EQ(a.userId(), -1);
+        EXPECT_EQ(a.hash(), QStringLiteral("NULL"));
+        EXPECT_TRUE(a == b && a.hashPtr().isNull());
+        auto *c = new RvoDataReference(b);
+        EXPECT_EQ(RvoDataReference::referenceCount(), live + 3);
+        EXPECT_EQ(RvoDataReference::allocCount(), heap + 1);
+        delete c;
+        EXPECT_EQ(RvoDataReference::allocCount(), heap);
+        alignas(RvoDataReference) unsigned char place[sizeof(RvoDataReference)];
+        auto *placed = new (place) RvoDataReference();
+        EXPECT_EQ(RvoDataReference::allocCount(), heap) << "placement new counts nothing";
+        placed->~RvoDataReference();
+    }
+    EXPECT_EQ(RvoDataReference::referenceCount(), live);
 }

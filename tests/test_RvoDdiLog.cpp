@@ -13,30 +13,10 @@ QString logText(const QString &directory)
 
 } // namespace
 
-TEST(RvoDdiLog, EntryIsOneLineWithTagTimeMessageAndPositionAndOnlyWarningsAreEchoed)
-{
-    QTemporaryDir dir;
-    RvoDdiLog &log = RvoDdiLog::instance();
-    ASSERT_TRUE(log.setSubCache(dir.path()));
-    DebugCapture debug;
-    EXPECT_TRUE(log.log(RvoDdiLog::Information, "writer.cpp", 42, QStringLiteral("hello")));
-    RVODDI_LOG(RvoDdiLog::Warning, QStringLiteral("careful"));
-
-    const QStringList lines = logText(dir.path()).split(QLatin1Char('\n'));
-    ASSERT_EQ(lines.size(), 3);
-    EXPECT_TRUE(lines.at(2).isEmpty());
-    const QRegularExpression info(
-            QStringLiteral(R"(^\[ I \] \d\d:\d\d:\d\d hello - writer\.cpp:42$)"));
-    const QRegularExpression warning(
-            QStringLiteral(R"(^\[ W \] \d\d:\d\d:\d\d careful - .*test_RvoDdiLog\.cpp:\d+$)"));
-    EXPECT_TRUE(info.match(lines.at(0)).hasMatch()) << qPrintable(lines.at(0));
-    EXPECT_TRUE(warning.match(lines.at(1)).hasMatch()) << qPrintable(lines.at(1));
-    EXPECT_EQ(debug.messages(), QStringList {lines.at(1)});
-}
-
 // No directory yet, or one that cannot be used: even a fatal entry returns
-// true and ends nothing.
-TEST(RvoDdiLog, NothingIsWrittenWhileDisabledClosedOrWithoutAUsableDirectory)
+// true and ends nothing. An entry is one line with its tag, time, message
+// and position.
+TEST(RvoDdiLog, EntriesAreOneLineEachAndNothingIsWrittenWhileDisabledClosedOrWithoutADirectory)
 {
     QTemporaryDir dir;
     const QString nested = dir.path() + QStringLiteral("/a/b/SubCache");
@@ -62,16 +42,27 @@ TEST(RvoDdiLog, NothingIsWrittenWhileDisabledClosedOrWithoutAUsableDirectory)
     log.log(RvoDdiLog::Information, "f.cpp", 4, QStringLiteral("while closed"));
     ASSERT_TRUE(log.setSubCache(nested));
     log.log(RvoDdiLog::Information, "f.cpp", 5, QStringLiteral("second"));
+    EXPECT_TRUE(log.log(RvoDdiLog::Information, "writer.cpp", 42, QStringLiteral("hello")));
+    RVODDI_LOG(RvoDdiLog::Warning, QStringLiteral("careful"));
 
     const QStringList lines = logText(nested).split(QLatin1Char('\n'));
-    ASSERT_EQ(lines.size(), 3);
-    EXPECT_TRUE(lines.at(0).endsWith(QStringLiteral(" first - f.cpp:3")));
-    EXPECT_TRUE(lines.at(1).endsWith(QStringLiteral(" second - f.cpp:5")));
+    ASSERT_EQ(lines.size(), 5);
+    EXPECT_TRUE(lines.at(0).endsWith(QStringLiteral(" first - f.cpp:3"))
+                && lines.at(1).endsWith(QStringLiteral(" second - f.cpp:5")));
+    const QRegularExpression info(
+            QStringLiteral(R"(^\[ I \] \d\d:\d\d:\d\d hello - writer\.cpp:42$)"));
+    const QRegularExpression warning(
+            QStringLiteral(R"(^\[ W \] \d\d:\d\d:\d\d careful - .*test_RvoDdiLog\.cpp:\d+$)"));
+    EXPECT_TRUE(info.match(lines.at(2)).hasMatch()) << qPrintable(lines.at(2));
+    EXPECT_TRUE(warning.match(lines.at(3)).hasMatch()) << qPrintable(lines.at(3));
+    EXPECT_TRUE(lines.at(4).isEmpty());
+    // Only warnings are echoed on the debug channel.
     EXPECT_EQ(debug.messages(),
               (QStringList {QStringLiteral("[ !! ] Subcache Directory does not exist and cannot be "
                                            "created for logging"),
                             QStringLiteral("[ !! ] Cannot Open DDi Log ") + dir.path()
-                                    + QStringLiteral("/busy/DdiLog.txt")}));
+                                    + QStringLiteral("/busy/DdiLog.txt"),
+                            lines.at(3)}));
 }
 
 TEST(RvoDdiLogDeathTest, FatalEntryEndsTheProcessWhenTheLogIsOpen)

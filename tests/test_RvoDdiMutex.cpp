@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -23,51 +24,7 @@ bool freeForOtherThreads(RvoDdiMutex &mutex)
 
 } // namespace
 
-TEST(RvoDdiMutex, RecursiveMutexIsReleasedOnlyByItsHoldersLastUnlock)
-{
-    RvoDdiMutex mutex(9, RvoDdiMutex::Recursive);
-    mutex.lock();
-    EXPECT_TRUE(mutex.tryLock());
-    EXPECT_TRUE(mutex.tryLock(10));
-    mutex.unlock();
-    mutex.unlock();
-    std::thread([&] { mutex.unlock(); }).join(); // not the holder: ignored
-    EXPECT_FALSE(freeForOtherThreads(mutex));
-    mutex.unlock();
-    EXPECT_TRUE(freeForOtherThreads(mutex));
-}
-
-TEST(RvoDdiMutex, NonRecursiveMutexRefusesTheHolderAndTimesOut)
-{
-    RvoDdiMutex mutex;
-    mutex.lock();
-    EXPECT_FALSE(mutex.tryLock());
-    EXPECT_FALSE(mutex.tryLock(5));
-    EXPECT_FALSE(freeForOtherThreads(mutex));
-    mutex.unlock();
-    EXPECT_TRUE(freeForOtherThreads(mutex));
-}
-
-TEST(RvoDdiMutex, NestedLockingExcludesOtherThreads)
-{
-    RvoDdiMutex mutex(0, RvoDdiMutex::Recursive);
-    long counter = 0; // guarded by mutex
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 20000; ++i) {
-                RvoDdiMutexLocker outer(&mutex);
-                RvoDdiMutexLocker inner(&mutex);
-                ++counter;
-            }
-        });
-    }
-    for (std::thread &thread : threads)
-        thread.join();
-    EXPECT_EQ(counter, 4 * 20000);
-}
-
-TEST(RvoDdiMutexLocker, DestructorUnlocksOnlyWhatTheLockerHoldsAndAssignmentDoesNotLock)
+TEST(RvoDdiMutex, LockersUnlockOnlyWhatTheyHoldNestingExcludesOthersAPlainMutexRefusesItsHolder)
 {
     RvoDdiMutex mutex(0, RvoDdiMutex::Recursive);
     mutex.lock(); // the test's own hold, depth 1
@@ -102,4 +59,38 @@ TEST(RvoDdiMutexLocker, DestructorUnlocksOnlyWhatTheLockerHoldsAndAssignmentDoes
     held.unlock(); // one release for the one lock
     other = RvoDdiMutexLocker(nullptr);
     EXPECT_TRUE(freeForOtherThreads(plain));
+
+    // Nested lockers exclude other threads.
+    long counter = 0; // guarded by mutex
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20000; ++i) {
+                RvoDdiMutexLocker outer(&mutex);
+                RvoDdiMutexLocker inner(&mutex);
+                ++counter;
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(counter, 4 * 20000);
+
+    // A recursive mutex is released only by its holder's last unlock; a plain
+    // one (the default) refuses its holder, at once and after a timeout.
+    for (const bool recursive : {true, false}) {
+        const auto mutex = recursive ? std::make_unique<RvoDdiMutex>(9, RvoDdiMutex::Recursive)
+                                     : std::make_unique<RvoDdiMutex>();
+        mutex->lock();
+        EXPECT_EQ(mutex->tryLock(), recursive);
+        EXPECT_EQ(mutex->tryLock(5), recursive);
+        if (recursive) {
+            mutex->unlock();
+            mutex->unlock();
+            std::thread([&] { mutex->unlock(); }).join(); // not the holder: ignored
+        }
+        EXPECT_FALSE(freeForOtherThreads(*mutex));
+        mutex->unlock();
+        EXPECT_TRUE(freeForOtherThreads(*mutex));
+    }
 }

@@ -24,7 +24,7 @@ QString digestText(const QStringList &firstWords)
 
 // The root is the digit sum of the first four characters (separators count
 // -1) modulo the root count; the destination names root, bucket and file.
-TEST(RvoDiskLayout, RootIsTheDigitSumOfTheFirstFourCharactersSeparatorsCountingMinusOne)
+TEST(RvoDiskLayout, RootIsTheDigitSumOfFourCharactersAndRandomBlocksSpreadEvenlyOverTheBuckets)
 {
     ManagerSetup setup(2);
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("4150-1")), 0); // 0+5+1+4 = 10
@@ -57,15 +57,41 @@ TEST(RvoDiskLayout, RootIsTheDigitSumOfTheFirstFourCharactersSeparatorsCountingM
     EXPECT_FALSE(manager().subCacheExists(QStringLiteral("S")));
     ASSERT_TRUE(QDir(setup.root(0)).mkpath(QStringLiteral("S")));
     EXPECT_TRUE(manager().subCacheExists(QStringLiteral("S")));
+
+    // Random blocks spread evenly over the buckets, under block file names.
+    std::mt19937 random(42);
+    int counts[10] = {};
+    QByteArray block(262144, Qt::Uninitialized);
+    for (int i = 0; i < 1000; ++i) {
+        for (int j = 0; j < block.size(); j += 4) {
+            const quint32 word = random();
+            std::memcpy(block.data() + j, &word, 4);
+        }
+        const RvoDataHash hash(block, RvoDataHash::Skein512);
+        QString directory, name;
+        ASSERT_TRUE(buildFilename(&hash, QStringLiteral("r"), QStringLiteral("SubCache"), 10,
+                                  directory, name));
+        EXPECT_TRUE(isBlockFileName(name)) << qPrintable(name);
+        ++counts[directory.section(QLatin1Char('/'), -2, -2).toInt()];
+    }
+    double sumSquares = 0;
+    for (int count : counts) {
+        EXPECT_GT(count, 0);
+        sumSquares += (count - 100.0) * (count - 100.0);
+    }
+    EXPECT_LE(std::sqrt(sumSquares / 10) / 1000, 0.05);
+    // Only 64-byte digests name block files.
+    EXPECT_FALSE(
+            isBlockFileName(RvoDataHash(QByteArray("x"), RvoDataHash::Skein256).toString())
+            || isBlockFileName(RvoDataHash(QByteArray("x"), RvoDataHash::Skein1024).toString()));
 }
 
-TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsOrNoRootsAreRefused)
+TEST(RvoDiskLayout, OneRootTakesEveryDigestBadTextsOrNoRootsAreRefusedSeparatorsAreKept)
 {
     // Without a setup, or without roots, nothing is chosen.
     StdoutCapture unset;
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("4150-1")), -1);
-    EXPECT_EQ(RvoDataBlockManager::instance().getBlockDestination(
-                      QString(), digestText({QStringLiteral("1")})),
+    EXPECT_EQ(manager().getBlockDestination(QString(), digestText({QStringLiteral("1")})),
               QString());
     const QStringList lines = unset.lines();
     ASSERT_FALSE(lines.isEmpty());
@@ -80,10 +106,8 @@ TEST(RvoDiskLayout, OneRootTakesEveryDigestAndBadTextsOrNoRootsAreRefused)
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("12")), -1);
     EXPECT_EQ(Access::cacheIndex(static_cast<const RvoDataHash *>(nullptr)), -1);
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Hash String is too Short 12")});
-}
 
-TEST(RvoDiskLayout, FileNameAndBucketDirectoryKeepTheirDoubledSeparators)
-{
+    // File name and bucket directory keep their doubled separators.
     const RvoDataHash hash(digestText({QStringLiteral("4150470588")}));
     QString directory = QStringLiteral("untouched");
     QString name;
@@ -99,33 +123,4 @@ TEST(RvoDiskLayout, FileNameAndBucketDirectoryKeepTheirDoubledSeparators)
     EXPECT_EQ(directory, QStringLiteral("/r///%1/").arg(4150470588u % 7)) << "outputs untouched";
     EXPECT_EQ(debug.messages(),
               QStringList {QStringLiteral("Null Hash Passed to Filename Builder")});
-}
-
-TEST(RvoDiskLayout, RandomBlocksSpreadEvenlyOverTheBucketsUnderBlockFileNames)
-{
-    std::mt19937 random(42);
-    int counts[10] = {};
-    QByteArray block(262144, Qt::Uninitialized);
-    for (int i = 0; i < 1000; ++i) {
-        for (int j = 0; j < block.size(); j += 4) {
-            const quint32 word = random();
-            std::memcpy(block.data() + j, &word, 4);
-        }
-        const RvoDataHash hash(block, RvoDataHash::Skein512);
-        QString directory;
-        QString name;
-        ASSERT_TRUE(buildFilename(&hash, QStringLiteral("r"), QStringLiteral("SubCache"), 10,
-                                  directory, name));
-        EXPECT_TRUE(isBlockFileName(name)) << qPrintable(name);
-        ++counts[directory.section(QLatin1Char('/'), -2, -2).toInt()];
-    }
-    double sumSquares = 0;
-    for (int count : counts) {
-        EXPECT_GT(count, 0);
-        sumSquares += (count - 100.0) * (count - 100.0);
-    }
-    EXPECT_LE(std::sqrt(sumSquares / 10) / 1000, 0.05);
-    // Only 64-byte digests name block files.
-    EXPECT_FALSE(isBlockFileName(RvoDataHash(QByteArray("x"), RvoDataHash::Skein256).toString()));
-    EXPECT_FALSE(isBlockFileName(RvoDataHash(QByteArray("x"), RvoDataHash::Skein1024).toString()));
 }

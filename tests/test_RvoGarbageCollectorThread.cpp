@@ -82,10 +82,10 @@ TEST(RvoGarbageCollectorThread, PassLeavesExactlyLiveFilesOddNamesAndYoungTempor
 {
     ManagerSetup setup(2);
     const QString root = setup.root(0);
-    const QString seven = RvoDataHash(QByteArray("x"), RvoDataHash::Skein256).toString();
-    // A 128-byte digest's text form is longer than a file name may be: a
-    // name of the same shape with short words.
-    const QStringList odd {seven, QStringLiteral("1-").repeated(31) + QStringLiteral("1")};
+    // A 32-byte digest's text form, and one of a 128-byte digest's shape
+    // with short words (its own is longer than a file name may be).
+    const QStringList odd {RvoDataHash(QByteArray("x"), RvoDataHash::Skein256).toString(),
+                           QStringLiteral("1-").repeated(31) + QStringLiteral("1")};
     const QString dir = root + QStringLiteral("/Named/3/");
     const QString old = QStringLiteral("write-1-2-3-old.tmp");
     const QString young = QStringLiteral("write-1-2-3-young.tmp");
@@ -93,8 +93,7 @@ TEST(RvoGarbageCollectorThread, PassLeavesExactlyLiveFilesOddNamesAndYoungTempor
         writeFile(root + QStringLiteral("/3/") + name, "data");
         writeFile(dir + name, "data");
     }
-    ASSERT_TRUE(setAge(dir + old, 3600 * 2));
-    ASSERT_TRUE(setAge(root + QStringLiteral("/3/") + old, 3600 * 2));
+    ASSERT_TRUE(setAge(dir + old, 7200) && setAge(root + QStringLiteral("/3/") + old, 7200));
     collectOnce();
     EXPECT_EQ(filesUnder({root}).size(), 10) << "no sub-cache named: nothing is touched";
 

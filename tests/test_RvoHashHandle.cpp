@@ -11,8 +11,7 @@ TEST(RvoHashHandle, HandlesCompareAndHashTheDigestsTheyPointAt)
     RvoDataHash c(QByteArray("other"), RvoDataHash::Skein512);
 
     EXPECT_TRUE(RvoHashHandle() == RvoHashHandle());
-    EXPECT_TRUE(RvoHashHandle() != RvoHashHandle(&a));
-    EXPECT_TRUE(RvoHashHandle(&a) != RvoHashHandle());
+    EXPECT_TRUE(RvoHashHandle() != RvoHashHandle(&a) && RvoHashHandle(&a) != RvoHashHandle());
     EXPECT_TRUE(RvoHashHandle(&a) == RvoHashHandle(&b)) << "by value, not by address";
     EXPECT_TRUE(RvoHashHandle(&a) != RvoHashHandle(&c));
     EXPECT_EQ(RvoHashHandle(&b).data(), &b);
@@ -21,9 +20,7 @@ TEST(RvoHashHandle, HandlesCompareAndHashTheDigestsTheyPointAt)
     EXPECT_EQ(qHash(RvoHashHandle(&a), 99), qHash(RvoHashHandle(&b), 99));
     EXPECT_EQ(qHash(RvoHashHandle()), RvoQHashType(0));
 
-    QSet<RvoHashHandle> set;
-    set.insert(RvoHashHandle(&a));
-    set.insert(RvoHashHandle(&b));
+    const QSet<RvoHashHandle> set {RvoHashHandle(&a), RvoHashHandle(&b)};
     EXPECT_EQ(set.size(), 1);
     EXPECT_EQ(set.constBegin()->data(), &a) << "the first inserted stays";
 }

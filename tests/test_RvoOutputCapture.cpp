@@ -1,5 +1,3 @@
-#include "RvoOutputCapture_p.h"
-
 #include "OutputCapture.h"
 
 #include <QThread>
@@ -15,8 +13,7 @@ TEST(RvoOutputCapture, NestedCapturesOfAnyThreadEachRestoreWhatTheyFound)
 {
     RvoOutputCapture outer;
     EXPECT_TRUE(RvoOutputCapture().lines().isEmpty()) << "nothing printed, no line";
-    QStringList inner;
-    QStringList middle;
+    QStringList inner, middle;
     {
         RvoOutputCapture first;
         std::printf("one\n");

@@ -1,37 +1,23 @@
-#include "LocalNginx.h"
-#include "LocalRedis.h"
+#include "LocalServer.h"
+#include "ManagerTestAccess.h"
 #include "RvoRemoteServer_p.h"
 
-#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QSet>
 
-#include <gtest/gtest.h>
 #include <hiredis.h>
 
-#include <memory>
 #include <optional>
 #include <thread>
-#include <vector>
 
 namespace {
 
-enum Kind { Nginx, Redis };
 using Remote = RvoRemoteServer;
 
 QString blockName(int i)
 {
     return QStringLiteral("975632339-1283425033-%1").arg(i);
-}
-
-// Distinct bytes of every value for block i (zeros among them).
-QByteArray blockBytes(int i, int size = 100)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    for (int k = 0; k < size; ++k)
-        bytes[k] = char((k * 131 + i * 7) & 0xFF);
-    return bytes;
 }
 
 // One command straight to the Redis server on `port`, in database `db`:
@@ -53,11 +39,6 @@ std::optional<QByteArray> askRedis(int port, const char *command, const QByteArr
     return answer;
 }
 
-#define START_OR_SKIP(server)                                                                      \
-    if (!(server).isInstalled())                                                                   \
-        GTEST_SKIP() << (server).notInstalled().toStdString();                                     \
-    ASSERT_TRUE((server).start()) << (server).error().toStdString()
-
 #define EXPECT_RESULT(call, expected)                                                              \
     do {                                                                                           \
         const Remote::Result r_ = (call);                                                          \
@@ -65,38 +46,18 @@ std::optional<QByteArray> askRedis(int port, const char *command, const QByteArr
     } while (false)
 
 // Both kinds of server through the same tests.
-class RemoteServerTest : public ::testing::TestWithParam<Kind>
+class RemoteServerTest : public ::testing::TestWithParam<LocalServer::Kind>
 {
 protected:
-    RemoteServerTest()
-        : m_Server(GetParam() == Nginx ? std::unique_ptr<LocalServer>(new LocalNginx)
-                                       : std::unique_ptr<LocalServer>(new LocalRedis))
-    {
-    }
-
     std::unique_ptr<Remote> client() { return Remote::create(m_Endpoint); }
-
-    // The server asks for `password` from "alice" (nginx) or from anyone
-    // and from the ACL user "alice" (Redis).
-    void requirePassword(const QString &password)
-    {
-        if (auto *nginx = dynamic_cast<LocalNginx *>(m_Server.get()))
-            nginx->setBasicAuth(QStringLiteral("alice"), password);
-        if (auto *redis = dynamic_cast<LocalRedis *>(m_Server.get())) {
-            redis->setPassword(password);
-            redis->setExtraArguments({QStringLiteral("--user"), QStringLiteral("alice"),
-                                      QStringLiteral("on"), QLatin1Char('>') + password,
-                                      QStringLiteral("~*"), QStringLiteral("+@all")});
-        }
-    }
 
     // What the server's own storage holds under `name`: the file
     // root/<2 characters>/<name>, or the key "rvoddi:<name>".
     std::optional<QByteArray> stored(const QString &name)
     {
-        if (GetParam() == Redis)
-            return askRedis(m_Server->port(), "GET", "rvoddi:" + name.toUtf8());
-        QFile file(static_cast<LocalNginx *>(m_Server.get())->filePath(name));
+        if (GetParam() == LocalServer::Redis)
+            return askRedis(m_Server.port(), "GET", "rvoddi:" + name.toUtf8());
+        QFile file(m_Server.filePath(name));
         return file.open(QIODevice::ReadOnly) ? std::optional<QByteArray>(file.readAll())
                                               : std::nullopt;
     }
@@ -105,59 +66,49 @@ protected:
     // question's own).
     int connections()
     {
-        if (GetParam() == Redis) {
-            const QByteArray info = askRedis(m_Server->port(), "INFO", "stats").value_or("");
+        if (GetParam() == LocalServer::Redis) {
+            const QByteArray info = askRedis(m_Server.port(), "INFO", "stats").value_or("");
             const int at = info.indexOf("total_connections_received:") + 27;
             return info.mid(at, info.indexOf('\r', at) - at).toInt();
         }
-        QFile log(static_cast<LocalNginx *>(m_Server.get())->accessLogPath());
         QSet<QByteArray> serials;
-        for (const QByteArray &line :
-             log.open(QIODevice::ReadOnly) ? log.readAll().split('\n') : QList<QByteArray>())
+        for (const QByteArray &line : readFile(m_Server.accessLogPath()).split('\n'))
             serials.insert(line.split(' ').value(0));
         return int(serials.size()) - serials.contains(QByteArray());
     }
 
-    std::unique_ptr<LocalServer> m_Server;
+    LocalServer m_Server {GetParam()};
     RvoRemoteEndpoint m_Endpoint;
 };
 
 #define START_SERVER()                                                                             \
-    START_OR_SKIP(*m_Server);                                                                      \
-    m_Endpoint = m_Server->endpoint()
+    START_OR_SKIP(m_Server);                                                                       \
+    m_Endpoint = m_Server.endpoint()
 
 } // namespace
 
-TEST_P(RemoteServerTest, PutThenGetGivesTheBytesBackAndStoresThemUnderTheirKey)
+// A second put of a name sends nothing (HTTP: HEAD finds it) or is refused
+// by SET NX: other bytes under the same name leave the first ones.
+TEST_P(RemoteServerTest, PutThenGetGivesTheBytesBackStoredUnderTheirKeyAndTheFirstPutWins)
 {
     START_SERVER();
     const auto remote = client();
     for (int size : {0, 1, 1000, 1 << 20}) {
         SCOPED_TRACE(size);
         QByteArray fetched("left over");
-        EXPECT_RESULT(remote->put(blockName(size), blockBytes(size, size)), Stored);
+        EXPECT_RESULT(remote->put(blockName(size), testContent(size, size)), Stored);
         EXPECT_RESULT(remote->get(blockName(size), &fetched), Found);
-        EXPECT_EQ(fetched, blockBytes(size, size));
-        EXPECT_EQ(stored(blockName(size)), blockBytes(size, size));
+        EXPECT_EQ(fetched, testContent(size, size));
+        EXPECT_EQ(stored(blockName(size)), testContent(size, size));
     }
     QByteArray fetched("left over");
     EXPECT_RESULT(remote->get(blockName(7), &fetched), Missing);
     EXPECT_TRUE(fetched.isEmpty());
     EXPECT_EQ(stored(blockName(7)), std::nullopt);
-}
-
-// A second put of a name sends nothing (HTTP: HEAD finds it) or is refused
-// by SET NX: other bytes under the same name leave the first ones.
-TEST_P(RemoteServerTest, PutOfANameAlreadyThereIsPresentAndKeepsTheFirstBytes)
-{
-    START_SERVER();
-    const auto remote = client();
-    QByteArray fetched;
-    EXPECT_RESULT(remote->put(blockName(1), blockBytes(1)), Stored);
-    EXPECT_RESULT(remote->put(blockName(1), blockBytes(2, 600)), Present);
+    EXPECT_RESULT(remote->put(blockName(1), testContent(2, 600)), Present);
     EXPECT_RESULT(remote->get(blockName(1), &fetched), Found);
-    EXPECT_EQ(fetched, blockBytes(1));
-    EXPECT_EQ(stored(blockName(1)), blockBytes(1));
+    EXPECT_EQ(fetched, testContent(1, 1));
+    EXPECT_EQ(stored(blockName(1)), testContent(1, 1));
 }
 
 // Calls from several threads through one client are all served, over no
@@ -174,10 +125,10 @@ TEST_P(RemoteServerTest, ThreadsShareOneClientOverPooledConnections)
         threads.emplace_back([&, t] {
             for (int i = t * kNames; i < (t + 1) * kNames; ++i) {
                 QByteArray fetched;
-                wrong[t] += remote->put(blockName(i), blockBytes(i, 3000 + i)).status
+                wrong[t] += remote->put(blockName(i), testContent(i, 3000 + i)).status
                         != Remote::Stored;
                 wrong[t] += remote->get(blockName(i), &fetched).status != Remote::Found
-                        || fetched != blockBytes(i, 3000 + i);
+                        || fetched != testContent(i, 3000 + i);
                 wrong[t] += remote->get(blockName(i + 1000), &fetched).status != Remote::Missing;
             }
         });
@@ -190,21 +141,28 @@ TEST_P(RemoteServerTest, ThreadsShareOneClientOverPooledConnections)
 // A paused server accepts connections but never answers: the operation
 // timeout bounds the wait, even on a pooled connection. A stopped one
 // refuses at once.
-TEST_P(RemoteServerTest, PausedOrStoppedServerIsUnavailableWithinItsTimeout)
+TEST_P(RemoteServerTest, RestartedServerIsUsedAtOnceAPausedOrStoppedOneIsUnavailableInTime)
 {
     START_SERVER();
     m_Endpoint.operationTimeoutMs = 500;
     const auto remote = client();
-    EXPECT_RESULT(remote->put(blockName(1), blockBytes(1)), Stored);
+    EXPECT_RESULT(remote->put(blockName(1), testContent(1, 100)), Stored);
+    // The pooled connection died with the killed server; the first call
+    // after the restart opens a fresh one instead of failing on the dead one.
+    m_Server.kill();
+    ASSERT_TRUE(m_Server.restart()) << m_Server.error().toStdString();
+    QByteArray fetched;
+    EXPECT_RESULT(remote->put(blockName(2), testContent(2, 100)), Stored);
+    EXPECT_RESULT(remote->get(blockName(2), &fetched), Found);
+    EXPECT_EQ(fetched, testContent(2, 100));
     for (bool pause : {true, false}) {
         SCOPED_TRACE(pause ? "paused" : "stopped");
-        pause ? m_Server->pause() : m_Server->stop();
+        pause ? m_Server.pause() : m_Server.stop();
         for (bool get : {true, false}) {
             QElapsedTimer clock;
             clock.start();
-            QByteArray fetched;
             const Remote::Result result = get ? remote->get(blockName(1), &fetched)
-                                              : remote->put(blockName(2), blockBytes(2));
+                                              : remote->put(blockName(3), testContent(3, 100));
             EXPECT_EQ(result.status, Remote::Unavailable);
             EXPECT_TRUE(pause ? result.error.contains(QLatin1String("timed out"))
                               : !result.error.isEmpty())
@@ -212,28 +170,14 @@ TEST_P(RemoteServerTest, PausedOrStoppedServerIsUnavailableWithinItsTimeout)
             EXPECT_GE(clock.elapsed(), pause ? 450 : 0);
             EXPECT_LT(clock.elapsed(), pause ? 2000 : 1100);
         }
-        m_Server->resume();
+        m_Server.resume();
     }
-}
-
-// The pooled connection died with the server; the first call after the
-// restart opens a fresh one instead of failing on the dead one.
-TEST_P(RemoteServerTest, ClientWorksAgainAtOnceAfterTheServerIsKilledAndRestarted)
-{
-    START_SERVER();
-    const auto remote = client();
-    QByteArray fetched;
-    EXPECT_RESULT(remote->put(blockName(1), blockBytes(1)), Stored);
-    m_Server->kill();
-    ASSERT_TRUE(m_Server->restart()) << m_Server->error().toStdString();
-    EXPECT_RESULT(remote->put(blockName(2), blockBytes(2)), Stored);
-    EXPECT_RESULT(remote->get(blockName(2), &fetched), Found);
-    EXPECT_EQ(fetched, blockBytes(2));
 }
 
 TEST_P(RemoteServerTest, WrongOrMissingCredentialsAreUnauthorizedWithoutThePassword)
 {
-    requirePassword(QStringLiteral("s3cret"));
+    // nginx asks "alice" for it; Redis anyone, and the ACL user "alice".
+    m_Server.requirePassword(QStringLiteral("alice"), QStringLiteral("s3cret"));
     START_SERVER();
     struct Row
     {
@@ -254,8 +198,8 @@ TEST_P(RemoteServerTest, WrongOrMissingCredentialsAreUnauthorizedWithoutThePassw
         const char *reason = row.reason[GetParam()];
         QByteArray fetched;
         const auto remote = client();
-        const Remote::Result results[]
-                = {remote->put(blockName(++i), blockBytes(i)), remote->get(blockName(i), &fetched)};
+        const Remote::Result results[] = {remote->put(blockName(++i), testContent(i, 100)),
+                                          remote->get(blockName(i), &fetched)};
         for (const Remote::Status accepted : {Remote::Stored, Remote::Found}) {
             const Remote::Result &result = results[accepted == Remote::Found];
             EXPECT_EQ(result.status, reason ? Remote::Unauthorized : accepted);
@@ -268,43 +212,41 @@ TEST_P(RemoteServerTest, WrongOrMissingCredentialsAreUnauthorizedWithoutThePassw
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, RemoteServerTest, ::testing::Values(Nginx, Redis),
-                         [](const ::testing::TestParamInfo<Kind> &info) {
-                             return std::string(info.param == Nginx ? "Nginx" : "Redis");
-                         });
-
-// The endpoint's path "/N" names the database the keys go to.
-TEST(RvoRedisRemoteServer, PathSelectsTheDatabase)
-{
-    LocalRedis server;
-    START_OR_SKIP(server);
-    RvoRemoteEndpoint endpoint = server.endpoint();
-    endpoint.path = QStringLiteral("/3");
-    EXPECT_RESULT(Remote::create(endpoint)->put(blockName(1), "bytes"), Stored);
-    EXPECT_EQ(askRedis(server.port(), "GET", "rvoddi:" + blockName(1).toUtf8(), 3), "bytes");
-    EXPECT_EQ(askRedis(server.port(), "GET", "rvoddi:" + blockName(1).toUtf8()), std::nullopt);
-    endpoint.path = QStringLiteral("/x");
-    const Remote::Result result = Remote::create(endpoint)->put(blockName(2), "b");
-    EXPECT_EQ(result.status, Remote::Unavailable);
-    EXPECT_EQ(result.error, QStringLiteral("not a database number: /x"));
-}
-
-// A body announced larger than any block file is refused from its headers,
+// Redis: the endpoint's path "/N" names the database the keys go to. HTTP:
+// a body announced larger than any block file is refused from its headers,
 // not read (the file is sparse: none of it is on disk).
-TEST(RvoHttpRemoteServer, OversizedBodyIsRefusedBeforeItIsRead)
+TEST_P(RemoteServerTest, RedisPathSelectsTheDatabaseAndAnOversizedHttpBodyIsRefusedUnread)
 {
-    LocalNginx server;
-    START_OR_SKIP(server);
-    QFile file(server.filePath(blockName(1)));
-    ASSERT_TRUE(QDir().mkpath(QFileInfo(file).path()) && file.open(QIODevice::WriteOnly)
-                && file.resize(Remote::kMaxValueSize + 1));
-    file.close();
-    QElapsedTimer clock;
-    clock.start();
+    START_SERVER();
+    Remote::Result result;
     QByteArray fetched;
-    const Remote::Result result = Remote::create(server.endpoint())->get(blockName(1), &fetched);
+    QElapsedTimer clock;
+    if (GetParam() == LocalServer::Redis) {
+        m_Endpoint.path = QStringLiteral("/3");
+        EXPECT_RESULT(client()->put(blockName(1), "bytes"), Stored);
+        EXPECT_EQ(askRedis(m_Server.port(), "GET", "rvoddi:" + blockName(1).toUtf8(), 3), "bytes");
+        EXPECT_EQ(stored(blockName(1)), std::nullopt) << "database 0";
+        m_Endpoint.path = QStringLiteral("/x");
+        clock.start();
+        result = client()->put(blockName(2), "b");
+    } else {
+        const QString path = m_Server.filePath(blockName(1));
+        ASSERT_TRUE(writeFile(path, QByteArray())
+                    && QFile::resize(path, Remote::kMaxValueSize + 1));
+        clock.start();
+        result = client()->get(blockName(1), &fetched);
+    }
     EXPECT_EQ(result.status, Remote::Unavailable);
-    EXPECT_EQ(result.error, QStringLiteral("body too large"));
+    EXPECT_EQ(result.error,
+              GetParam() == LocalServer::Redis ? QStringLiteral("not a database number: /x")
+                                               : QStringLiteral("body too large"));
     EXPECT_TRUE(fetched.isEmpty());
     EXPECT_LT(clock.elapsed(), 1000);
 }
+
+INSTANTIATE_TEST_SUITE_P(Servers, RemoteServerTest,
+                         ::testing::Values(LocalServer::Nginx, LocalServer::Redis),
+                         [](const ::testing::TestParamInfo<LocalServer::Kind> &info) {
+                             return std::string(info.param == LocalServer::Nginx ? "Nginx"
+                                                                                 : "Redis");
+                         });

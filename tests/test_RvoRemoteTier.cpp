@@ -1,11 +1,6 @@
-#include "ChildProcess.h"
-#include "LocalNginx.h"
-#include "LocalRedis.h"
+#include "LocalServer.h"
 #include "ManagerTestAccess.h"
-#include "OutputCapture.h"
-#include "RvoBlockCodec_p.h"
 #include "RvoBlockFile_p.h"
-#include "RvoHashManager.h"
 #include "RvoRemoteServer_p.h"
 #include "RvoRemote_p.h"
 
@@ -13,50 +8,37 @@
 #include <QFile>
 #include <QRegularExpression>
 
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <vector>
+#include <numeric>
 
 using Manager = RvoDataBlockManager;
 
 namespace {
 
-#define START_OR_SKIP(server)                                                                      \
-    if (!(server).isInstalled())                                                                   \
-        GTEST_SKIP() << (server).notInstalled().toStdString();                                     \
-    ASSERT_TRUE((server).start()) << (server).error().toStdString()
-
-struct Written
-{
-    int seed;
-    int size;
-    QString name;
-};
-
 // Another machine: a process with a root of its own adds `count` blocks with
-// the remote tier `spec` (given through the environment) and flushes.
-std::vector<Written> writeInAnotherProcess(const QString &spec, int count)
+// the remote tier `spec` (given through the environment) and flushes. Its
+// lines "SEED SIZE DIGEST", one per block.
+QByteArray writeInAnotherProcess(const QString &spec, int count)
 {
     QTemporaryDir dir;
     const QString side = dir.filePath(QStringLiteral("written.txt"));
     ChildProcess child;
     ChildProcess::Options options;
     options.environment = QStringList {QStringLiteral("RVODDI_REMOTE_STORAGE=") + spec};
-    EXPECT_TRUE(child.start(QStringLiteral(RVODDI_REMOTE_WRITER),
-                            {side, QString::number(count), dir.filePath(QStringLiteral("root"))},
+    EXPECT_TRUE(child.start(QStringLiteral(RVODDI_TEST_CHILD),
+                            {QStringLiteral("remote"), side, QString::number(count),
+                             dir.filePath(QStringLiteral("root"))},
                             options));
     EXPECT_TRUE(child.waitForFinished(300000));
     EXPECT_EQ(child.exitCode(), 0);
-    std::vector<Written> written;
-    for (const QByteArray &line : readFile(side).split('\n')) {
-        const QList<QByteArray> fields = line.split(' ');
-        if (fields.size() == 3)
-            written.push_back(
-                    {fields[0].toInt(), fields[1].toInt(), QString::fromLatin1(fields[2])});
-    }
-    EXPECT_EQ(int(written.size()), count);
-    return written;
+    const QByteArray lines = readFile(side);
+    EXPECT_EQ(lines.count('\n'), count);
+    return lines;
+}
+
+// The name of the block file of `content`.
+QString nameOf(const QByteArray &content)
+{
+    return RvoBlockFile::digestText(content.constData(), content.size());
 }
 
 // The bytes this process reads for the block named `name`.
@@ -69,14 +51,6 @@ QByteArray read(const QString &name)
 QString localFile(const QString &name)
 {
     return Manager::instance().getBlockDestination(Manager::instance().subCache(), name);
-}
-
-// The block file of `content` and its name.
-QPair<QString, QByteArray> blockFile(const QByteArray &content)
-{
-    RvoBlockCodec codec;
-    return {RvoBlockFile::digestText(content.constData(), content.size()),
-            blockFileBytes(content.size(), codec.compress(content.constData(), content.size()))};
 }
 
 // The statistics line of each remote, from dumpStats().
@@ -108,9 +82,9 @@ TEST_P(RvoRemoteTierKinds, AnotherProcessReadsEveryBlockBackByteExact)
 {
     std::vector<std::unique_ptr<LocalServer>> servers;
     if (GetParam() == 0)
-        servers.push_back(std::make_unique<LocalNginx>());
+        servers.push_back(std::make_unique<LocalServer>(LocalServer::Nginx));
     for (int i = GetParam() == 0 ? 0 : GetParam(); i > 0; --i)
-        servers.push_back(std::make_unique<LocalRedis>());
+        servers.push_back(std::make_unique<LocalServer>(LocalServer::Redis));
     QStringList ports;
     for (const auto &server : servers) {
         START_OR_SKIP(*server);
@@ -119,74 +93,85 @@ TEST_P(RvoRemoteTierKinds, AnotherProcessReadsEveryBlockBackByteExact)
     const QString spec = servers.size() == 1
             ? servers[0]->url()
             : QStringLiteral("redis://127.0.0.1:*|shards=") + ports.join(QLatin1Char(','));
-    const std::vector<Written> written = writeInAnotherProcess(spec, 500);
+    const QByteArray lines = writeInAnotherProcess(spec, 500);
 
     ManagerSetup setup;
     ASSERT_TRUE(Manager::instance().setRemoteStorage(spec));
-    int wrong = 0;
-    for (const Written &block : written) {
-        wrong += read(block.name) != testContent(block.seed, block.size);
-        wrong += !QFile::exists(localFile(block.name));
-    }
-    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(lostBlocks(lines), QStringList());
     const QString stats = remoteStats().value(0);
     EXPECT_TRUE(stats.startsWith(QStringLiteral("Remote %1: 500 hits, 0 misses, 0 errors, 0 "
                                                 "rejected, ")
                                          .arg(spec)))
             << qPrintable(stats);
     EXPECT_TRUE(stats.endsWith(QStringLiteral(" bytes read, 0 bytes written, 0 uploads skipped")));
-    if (servers.size() > 1) {
-        for (const auto &server : servers) {
-            int held = 0;
-            for (const Written &block : written)
-                held += holds(*server, block.name);
-            EXPECT_GT(held, 0) << server->port();
-            EXPECT_LT(held, 500) << server->port();
-        }
+    // Each block is on disk here now, and on exactly one of the servers,
+    // each of which holds some.
+    std::vector<int> held(servers.size());
+    int local = 0;
+    for (const QByteArray &line : lines.trimmed().split('\n')) {
+        const QString name = QString::fromLatin1(line.split(' ').value(2));
+        local += QFile::exists(localFile(name));
+        for (size_t i = 0; i < servers.size(); ++i)
+            held[i] += holds(*servers[i], name);
     }
+    EXPECT_EQ(local, 500);
+    EXPECT_EQ(std::accumulate(held.begin(), held.end(), 0), 500);
+    EXPECT_EQ(std::count(held.begin(), held.end(), 0), 0) << "a shard holds none";
 }
 
 INSTANTIATE_TEST_SUITE_P(NginxRedisAndRedisShards, RvoRemoteTierKinds, ::testing::Values(0, 1, 3));
 
-TEST(RvoRemoteTier, DamagedFilesAreRejectedAndTheNextRemoteIsAsked)
+// Remotes are asked in order: a damaged file is rejected and the next one
+// asked; one that does not answer holds a read no longer than its timeout.
+TEST(RvoRemoteTier, DamagedFilesAreRejectedAndASilentRemoteCostsAtMostItsTimeout)
 {
-    LocalNginx nginx;
-    LocalRedis redis;
+    LocalServer nginx(LocalServer::Nginx);
+    LocalServer redis(LocalServer::Redis);
     START_OR_SKIP(nginx);
     START_OR_SKIP(redis);
-    const auto truncated = blockFile(testContent(1, 30000));
-    const auto wrongBytes = blockFile(testContent(2, 30000));
-    const auto wrongLength = blockFile(testContent(3, 30000));
-    writeFile(nginx.filePath(truncated.first), truncated.second.left(truncated.second.size() / 2));
-    writeFile(nginx.filePath(wrongBytes.first), blockFile(testContent(4, 30000)).second);
-    writeFile(nginx.filePath(wrongLength.first), wrongLength.second + QByteArray(5, 'x'));
-    // The second remote has a sound copy of one of them.
-    RvoRemoteServer::create(redis.endpoint())->put(wrongBytes.first, wrongBytes.second);
+    // Under the names of blocks 1 to 3 nginx serves a file cut short, block
+    // 4's file and one with bytes appended; Redis has a sound copy of block 2.
+    const QByteArray cut = blockFile(testContent(1, 30000));
+    const QByteArray served[] = {cut.left(cut.size() / 2), blockFile(testContent(4, 30000)),
+                                 blockFile(testContent(3, 30000)) + "xxxxx"};
+    const char *faults[] = {"lengths", "digest", "lengths"};
+    for (int i = 0; i < 3; ++i)
+        writeFile(nginx.filePath(nameOf(testContent(i + 1, 30000))), served[i]);
+    RvoRemoteServer::create(redis.endpoint())
+            ->put(nameOf(testContent(2, 30000)), blockFile(testContent(2, 30000)));
 
     ManagerSetup setup;
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(nginx.url() + QLatin1Char(' ') + redis.url()));
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(nginx.url() + QLatin1Char(' ') + redis.url()
+                                                     + QStringLiteral("|operation-timeout=400")));
     DebugCapture debug;
-    EXPECT_TRUE(read(truncated.first).isEmpty());
-    EXPECT_TRUE(read(wrongLength.first).isEmpty());
-    EXPECT_EQ(read(wrongBytes.first), testContent(2, 30000));
-    EXPECT_FALSE(QFile::exists(localFile(truncated.first)));
-    EXPECT_FALSE(QFile::exists(localFile(wrongLength.first)));
-    EXPECT_EQ(readFile(localFile(wrongBytes.first)), wrongBytes.second);
-    const QString damaged = QStringLiteral("Remote %1 sent a damaged block file %2 (%3): ignored");
-    EXPECT_EQ(debug.count(damaged.arg(nginx.url(), truncated.first, QStringLiteral("lengths"))), 1);
-    EXPECT_EQ(debug.count(damaged.arg(nginx.url(), wrongBytes.first, QStringLiteral("digest"))), 1);
-    EXPECT_EQ(debug.count(damaged.arg(nginx.url(), wrongLength.first, QStringLiteral("lengths"))),
-              1);
+    for (int i = 0; i < 3; ++i) {
+        const QByteArray content = testContent(i + 1, 30000);
+        const QString name = nameOf(content);
+        EXPECT_EQ(read(name), i == 1 ? content : QByteArray()) << i;
+        EXPECT_EQ(QFile::exists(localFile(name)), i == 1);
+        EXPECT_EQ(readFile(localFile(name)), i == 1 ? blockFile(content) : QByteArray());
+        EXPECT_EQ(debug.count(QStringLiteral("Remote %1 sent a damaged block file %2 (%3): ignored")
+                                      .arg(nginx.url(), name, QLatin1String(faults[i]))),
+                  1);
+    }
     const QStringList stats = remoteStats();
     EXPECT_TRUE(stats.value(0).contains(QStringLiteral("3 hits, 0 misses, 0 errors, 3 rejected")))
             << qPrintable(stats.value(0));
     EXPECT_TRUE(stats.value(1).contains(QStringLiteral("1 hits, 2 misses, 0 errors, 0 rejected")))
             << qPrintable(stats.value(1));
+
+    redis.pause();
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_TRUE(read(nameOf(testContent(7))).isEmpty());
+    EXPECT_TRUE(read(nameOf(testContent(8))).isEmpty()) << "skipped while paused";
+    EXPECT_LT(timer.elapsed(), 1500);
+    redis.resume();
 }
 
 TEST(RvoRemoteTier, AKilledServerHoldsNothingUpAndUploadsResumeAfterItsRestart)
 {
-    LocalNginx nginx;
+    LocalServer nginx(LocalServer::Nginx);
     START_OR_SKIP(nginx);
     RvoRemote::setPause(std::chrono::milliseconds(300));
     ManagerSetup setup;
@@ -202,7 +187,7 @@ TEST(RvoRemoteTier, AKilledServerHoldsNothingUpAndUploadsResumeAfterItsRestart)
     QElapsedTimer timer;
     timer.start();
     Manager::instance().flush(true, Manager::AllThreads);
-    EXPECT_TRUE(read(blockFile(testContent(99)).first).isEmpty());
+    EXPECT_TRUE(read(nameOf(testContent(99))).isEmpty());
     EXPECT_LT(timer.elapsed(), 3000) << "a dead server held the host up";
     Manager::instance().freeAllBlocks();
     for (int seed = 0; seed < 40; ++seed)
@@ -217,73 +202,35 @@ TEST(RvoRemoteTier, AKilledServerHoldsNothingUpAndUploadsResumeAfterItsRestart)
                 });
             },
             20000));
-    const QString url = nginx.url();
-    EXPECT_EQ(debug.messages()
-                      .filter(QStringLiteral("Remote "))
-                      .filter(QStringLiteral(" unavailable: "))
-                      .size(),
-              1);
-    EXPECT_EQ(debug.count(QStringLiteral("Remote %1 available again").arg(url)), 1);
+    EXPECT_EQ(debug.messages().filter(QRegularExpression("^Remote .* unavailable: ")).size(), 1);
+    EXPECT_EQ(debug.count(QStringLiteral("Remote %1 available again").arg(nginx.url())), 1);
 }
 
-TEST(RvoRemoteTier, AServerThatDoesNotAnswerHoldsAReadNoLongerThanItsTimeout)
+// After flush(true, AllThreads) a writable remote holds every block; one
+// with no room in its upload queue skips and counts them; a read-only one
+// gets nothing; one that refuses the password is said once, then left alone.
+TEST(RvoRemoteTier, FlushWaitsForUploadsAFullQueueSkipsReadOnlyGetsNoneAWrongPasswordIsSaid)
 {
-    LocalRedis redis;
-    START_OR_SKIP(redis);
+    LocalServer nginx(LocalServer::Nginx);
+    LocalServer full(LocalServer::Redis);
+    LocalServer readOnly(LocalServer::Redis);
+    LocalServer locked(LocalServer::Redis);
+    locked.requirePassword(QStringLiteral("alice"), QStringLiteral("right"));
+    START_OR_SKIP(nginx);
+    START_OR_SKIP(full);
+    START_OR_SKIP(readOnly);
+    START_OR_SKIP(locked);
     ManagerSetup setup;
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(redis.url()
-                                                     + QStringLiteral("|operation-timeout=400")));
-    redis.pause();
-    QElapsedTimer timer;
-    timer.start();
-    EXPECT_TRUE(read(blockFile(testContent(7)).first).isEmpty());
-    EXPECT_TRUE(read(blockFile(testContent(8)).first).isEmpty()) << "skipped while paused";
-    EXPECT_LT(timer.elapsed(), 1500);
-    redis.resume();
-}
-
-TEST(RvoRemoteTier, AWrongPasswordGivesOneClearMessage)
-{
-    LocalRedis redis;
-    redis.setPassword(QStringLiteral("right"));
-    START_OR_SKIP(redis);
-    ManagerSetup setup;
-    const QString spec = QStringLiteral("redis://:wrong@127.0.0.1:%1").arg(redis.port());
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(spec));
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(
+            full.url() + QStringLiteral("|upload-queue=0 ") + nginx.url() + QLatin1Char(' ')
+            + readOnly.url() + QStringLiteral("|read-only redis://:wrong@127.0.0.1:")
+            + QString::number(locked.port())));
     StdoutCapture out;
     QList<RvoDataReference> refs;
     for (int seed = 0; seed < 5; ++seed)
         refs.append(addBlock(testContent(seed, 20000)));
     Manager::instance().flush(true, Manager::AllThreads);
-    EXPECT_TRUE(read(blockFile(testContent(99)).first).isEmpty());
-    const QStringList lines = out.lines();
-    ASSERT_EQ(lines.size(), 1) << qPrintable(lines.join(QLatin1Char('\n')));
-    EXPECT_TRUE(lines[0].startsWith(
-            QStringLiteral("Remote redis://***@127.0.0.1:%1 refused the credentials: WRONGPASS ")
-                    .arg(redis.port())))
-            << qPrintable(lines[0]);
-    EXPECT_TRUE(lines[0].endsWith(QStringLiteral("; not used for 30 s")));
-}
-
-// After flush(true, AllThreads) a writable remote holds every block; one
-// with no room in its upload queue skips and counts them; a read-only one
-// gets nothing.
-TEST(RvoRemoteTier, FlushWaitsForUploadsAFullQueueSkipsThemAndReadOnlyGetsNone)
-{
-    LocalNginx nginx;
-    LocalRedis full;
-    LocalRedis readOnly;
-    START_OR_SKIP(nginx);
-    START_OR_SKIP(full);
-    START_OR_SKIP(readOnly);
-    ManagerSetup setup;
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(
-            full.url() + QStringLiteral("|upload-queue=0 ") + nginx.url() + QLatin1Char(' ')
-            + readOnly.url() + QStringLiteral("|read-only")));
-    QList<RvoDataReference> refs;
-    for (int seed = 0; seed < 5; ++seed)
-        refs.append(addBlock(testContent(seed, 20000)));
-    Manager::instance().flush(true, Manager::AllThreads);
+    EXPECT_TRUE(read(nameOf(testContent(99))).isEmpty());
     const QStringList stats = remoteStats();
     EXPECT_TRUE(stats.value(0).endsWith(QStringLiteral(" 0 bytes written, 5 uploads skipped")))
             << qPrintable(stats.value(0));
@@ -294,4 +241,11 @@ TEST(RvoRemoteTier, FlushWaitsForUploadsAFullQueueSkipsThemAndReadOnlyGetsNone)
         EXPECT_EQ(readFile(nginx.filePath(ref.hash())), readFile(localFile(ref.hash())));
         EXPECT_FALSE(holds(readOnly, ref.hash()));
     }
+    const QStringList lines = out.lines();
+    ASSERT_EQ(lines.size(), 1) << qPrintable(lines.join(QLatin1Char('\n')));
+    EXPECT_TRUE(lines[0].startsWith(
+            QStringLiteral("Remote redis://***@127.0.0.1:%1 refused the credentials: WRONGPASS ")
+                    .arg(locked.port())))
+            << qPrintable(lines[0]);
+    EXPECT_TRUE(lines[0].endsWith(QStringLiteral("; not used for 30 s")));
 }

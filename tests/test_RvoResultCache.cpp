@@ -1,6 +1,7 @@
 #include "ManagerTestAccess.h"
 #include "RvoResultCache.h"
 
+#include <memory>
 #include <thread>
 
 namespace {
@@ -12,69 +13,59 @@ RvoDataReference reference(const char *content)
 
 } // namespace
 
-TEST(RvoResultCache, FirstResultWinsHitsAreCountedAndDisablingHidesEntries)
+TEST(RvoResultCache, FirstResultWinsHitsAreCountedDisablingHidesEntriesAreHeldEvenUnderThreads)
 {
-    RvoResultCache cache;
-    EXPECT_TRUE(cache.isEnabled());
-    EXPECT_EQ(cache.cacheHits(), 0);
-    EXPECT_EQ(cache.resultCount(), 0);
-    EXPECT_TRUE(cache.lookup(QStringLiteral("blur")).isNull());
-    EXPECT_EQ(cache.cacheHits(), 0) << "a miss is no hit";
+    auto cache = std::make_unique<RvoResultCache>();
+    EXPECT_TRUE(cache->isEnabled());
+    EXPECT_TRUE(cache->lookup(QStringLiteral("blur")).isNull());
+    EXPECT_EQ(cache->cacheHits(), 0) << "a miss is no hit";
 
     RvoDataReference first = reference("first");
     RvoDataReference second = reference("second");
-    EXPECT_TRUE(cache.addResult(QStringLiteral("blur"), first));
-    EXPECT_TRUE(cache.addResult(QStringLiteral("blur"), second));
-    EXPECT_EQ(cache.resultCount(), 1);
-    EXPECT_TRUE(cache.lookup(QStringLiteral("blur")) == first);
-    EXPECT_TRUE(cache.lookup(QStringLiteral("blur")) == first);
-    EXPECT_EQ(cache.cacheHits(), 2);
-    EXPECT_FALSE(cache.contains(QStringLiteral("Blur"))) << "keys compare exactly";
-    EXPECT_TRUE(cache.lookup(QStringLiteral("Blur")).isNull());
+    EXPECT_TRUE(cache->addResult(QStringLiteral("blur"), first)
+                && cache->addResult(QStringLiteral("blur"), second));
+    EXPECT_EQ(cache->resultCount(), 1);
+    EXPECT_TRUE(cache->lookup(QStringLiteral("blur")) == first
+                && cache->lookup(QStringLiteral("blur")) == first);
+    EXPECT_EQ(cache->cacheHits(), 2);
+    EXPECT_FALSE(cache->contains(QStringLiteral("Blur"))) << "keys compare exactly";
+    EXPECT_TRUE(cache->lookup(QStringLiteral("Blur")).isNull());
 
     // Disabled, the cache is invisible but keeps its entries.
     RvoDataReference refused = reference("refused");
-    cache.setEnabled(false);
-    EXPECT_FALSE(cache.contains(QStringLiteral("blur")));
-    EXPECT_TRUE(cache.lookup(QStringLiteral("blur")).isNull());
-    EXPECT_FALSE(cache.addResult(QStringLiteral("b"), refused));
-    EXPECT_EQ(cache.resultCount(), 1);
-    EXPECT_EQ(cache.cacheHits(), 2);
-    cache.setEnabled(true);
-    EXPECT_TRUE(cache.lookup(QStringLiteral("blur")) == first);
-    EXPECT_FALSE(cache.contains(QStringLiteral("b")));
-}
+    cache->setEnabled(false);
+    EXPECT_FALSE(cache->contains(QStringLiteral("blur")));
+    EXPECT_TRUE(cache->lookup(QStringLiteral("blur")).isNull());
+    EXPECT_FALSE(cache->addResult(QStringLiteral("b"), refused));
+    EXPECT_EQ(cache->resultCount(), 1);
+    EXPECT_EQ(cache->cacheHits(), 2);
+    cache->setEnabled(true);
+    EXPECT_TRUE(cache->lookup(QStringLiteral("blur")) == first);
+    EXPECT_FALSE(cache->contains(QStringLiteral("b")));
 
-TEST(RvoResultCache, HoldsItsReferencesAlive)
-{
-    RvoDataReference result = reference("held");
-    const QString text = result.hash();
-    {
-        RvoResultCache cache;
-        cache.addResult(QStringLiteral("k"), result);
-        result = RvoDataReference();
-        EXPECT_TRUE(RvoHashManager::instance().isHashLive(text));
-    }
+    // The cache holds its references: the digest lives until the cache goes.
+    const QString text = first.hash();
+    first = RvoDataReference();
+    EXPECT_TRUE(RvoHashManager::instance().isHashLive(text));
+    cache.reset();
     EXPECT_FALSE(RvoHashManager::instance().isHashLive(text));
-}
 
-TEST(RvoResultCache, ConcurrentAddsAndLookupsKeepOneResultPerKey)
-{
-    RvoResultCache cache;
+    // Concurrent adds and lookups keep one result per key.
+    RvoResultCache shared;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&cache, t] {
+        threads.emplace_back([&shared, t] {
             for (int i = 0; i < 500; ++i) {
                 RvoDataReference mine = reference(t % 2 ? "odd" : "even");
                 const QString key = QString::number(i % 50);
-                cache.addResult(key, mine);
-                EXPECT_FALSE(cache.lookup(key).isNull());
+                shared.addResult(key, mine);
+                EXPECT_FALSE(shared.lookup(key).isNull());
             }
         });
     }
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_EQ(cache.resultCount(), 50);
-    EXPECT_GT(cache.cacheHits(), 0);
-    EXPECT_LE(cache.cacheHits(), 2000);
+    EXPECT_EQ(shared.resultCount(), 50);
+    EXPECT_GT(shared.cacheHits(), 0);
+    EXPECT_LE(shared.cacheHits(), 2000);
 }

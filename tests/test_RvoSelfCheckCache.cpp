@@ -1,10 +1,9 @@
 #include "ManagerTestAccess.h"
 #include "RvoSelfCheckCache_p.h"
 
-#include <QDir>
 #include <QFileInfo>
 
-TEST(RvoSelfCheckCache, SetsTheManagerUpOnFreshRootsCountsItsBlockFilesAndCleansUpWhenItGoes)
+TEST(RvoSelfCheckCache, SetsUpOnFreshRootsCountsBlockFilesCleansUpAndReportsAnUnusableParent)
 {
     QTemporaryDir parent;
     QStringList roots;
@@ -13,12 +12,11 @@ TEST(RvoSelfCheckCache, SetsTheManagerUpOnFreshRootsCountsItsBlockFilesAndCleans
         ASSERT_EQ(cache.error(), QString());
         roots = cache.roots();
         ASSERT_EQ(roots.size(), 2);
-        RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-        EXPECT_TRUE(manager.isInitialized());
-        EXPECT_EQ(manager.cacheRoots(), roots);
-        EXPECT_EQ(manager.maxDataCacheSize(), 1 << 20);
-        EXPECT_EQ(manager.numBuckets(), 7);
-        EXPECT_EQ(manager.subCache(), QStringLiteral("sub"));
+        EXPECT_TRUE(manager().isInitialized());
+        EXPECT_EQ(manager().cacheRoots(), roots);
+        EXPECT_EQ(manager().maxDataCacheSize(), 1 << 20);
+        EXPECT_EQ(manager().numBuckets(), 7);
+        EXPECT_EQ(manager().subCache(), QStringLiteral("sub"));
         for (const QString &root : roots)
             EXPECT_EQ(QFileInfo(root).absolutePath(), QFileInfo(parent.path()).absoluteFilePath());
         EXPECT_EQ(cache.subCacheDirectory(1), roots.at(1) + QStringLiteral("/sub"));
@@ -33,20 +31,17 @@ TEST(RvoSelfCheckCache, SetsTheManagerUpOnFreshRootsCountsItsBlockFilesAndCleans
         ASSERT_TRUE(writeFile(roots.at(0) + QStringLiteral("/other/0/") + block, "x"));
         EXPECT_EQ(cache.blockFileCount(), 2);
     }
-    EXPECT_FALSE(RvoDataBlockManager::instance().isInitialized());
+    EXPECT_FALSE(manager().isInitialized());
     for (const QString &root : roots)
         EXPECT_FALSE(QFileInfo::exists(root)) << root.toStdString();
-}
 
-TEST(RvoSelfCheckCache, ParentThatCannotBeADirectoryIsReportedAndNothingIsSetUp)
-{
-    QTemporaryDir parent;
+    // A parent that cannot be a directory is reported, and nothing is set up.
     const QString file = parent.filePath(QStringLiteral("file"));
     ASSERT_TRUE(writeFile(file, "x"));
     StdoutCapture output;
     const RvoSelfCheckCache cache(file, 1, -1, 10);
     EXPECT_EQ(cache.error(),
               QStringLiteral("expected a cache directory at %1, saw none could be made").arg(file));
-    EXPECT_FALSE(RvoDataBlockManager::instance().isInitialized());
+    EXPECT_FALSE(manager().isInitialized());
     EXPECT_EQ(output.lines(), QStringList());
 }

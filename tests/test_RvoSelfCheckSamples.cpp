@@ -7,7 +7,7 @@
 #include <cstring>
 
 // Subdirectories and empty files give no block.
-TEST(RvoSelfCheckSamples, FilesAreCutIntoBlocksOf256KiBInNameOrder)
+TEST(RvoSelfCheckSamples, FilesAreCutIntoBlocksInNameOrderAndAnEmptyDirectoryGetsImages)
 {
     QTemporaryDir data;
     const QByteArray big = testContent(1, 600000);
@@ -20,11 +20,9 @@ TEST(RvoSelfCheckSamples, FilesAreCutIntoBlocksOf256KiBInNameOrder)
     RvoSelfCheckSamples samples;
     EXPECT_EQ(samples.load(data.path()), QString());
     EXPECT_EQ(samples.files().size(), 3);
-    ASSERT_EQ(samples.blocks().size(), 4);
-    EXPECT_EQ(samples.blocks().at(0), small);
-    EXPECT_EQ(samples.blocks().at(1), big.left(262144));
-    EXPECT_EQ(samples.blocks().at(2), big.mid(262144, 262144));
-    EXPECT_EQ(samples.blocks().at(3), big.mid(524288));
+    EXPECT_TRUE(samples.blocks()
+                == (QVector<QByteArray> {small, big.left(262144), big.mid(262144, 262144),
+                                         big.mid(524288)}));
     EXPECT_EQ(samples.totalBytes(), 601000);
     EXPECT_EQ(samples.largestBlock(), 262144);
     EXPECT_EQ(samples.origin(3), QStringLiteral("b-big.bin, block 2"));
@@ -35,35 +33,25 @@ TEST(RvoSelfCheckSamples, FilesAreCutIntoBlocksOf256KiBInNameOrder)
     EXPECT_EQ(
             RvoSelfCheckSamples().load(empty.path()),
             QStringLiteral("expected sample bytes in %1, saw only empty files").arg(empty.path()));
-}
 
-TEST(RvoSelfCheckSamples, EmptyDirectoryIsFilledWithGeneratedImagesFirst)
-{
-    QTemporaryDir data;
-    RvoSelfCheckSamples samples;
-    EXPECT_EQ(samples.load(data.path()), QString());
-    EXPECT_EQ(samples.generatedFiles().size(), 12);
-    QStringList generated = samples.generatedFiles();
+    // An empty directory is filled with generated images, then read in name
+    // order; each raw file holds its PNG's pixels row after row.
+    QTemporaryDir imagesDir;
+    RvoSelfCheckSamples generatedSamples;
+    EXPECT_EQ(generatedSamples.load(imagesDir.path()), QString());
+    QStringList generated = generatedSamples.generatedFiles();
+    ASSERT_EQ(generated.size(), 12);
     generated.sort();
-    EXPECT_EQ(samples.files(), generated); // read in name order
-    EXPECT_GT(samples.blocks().size(), 40);
-    EXPECT_EQ(samples.verifyImages(), QString());
-}
+    EXPECT_EQ(generatedSamples.files(), generated);
+    EXPECT_GT(generatedSamples.blocks().size(), 40);
+    EXPECT_EQ(generatedSamples.verifyImages(), QString());
 
-TEST(RvoSampleImages, RawFileHoldsThePngPixelsRowAfterRow)
-{
-    QTemporaryDir data;
-    QString error;
-    const QStringList files = RvoSampleImages::generate(data.path(), &error);
-    EXPECT_EQ(error, QString());
-    const QString png
-            = files.filter(QStringLiteral("patterns")).filter(QStringLiteral(".png")).value(0);
-    const QString raw
-            = files.filter(QStringLiteral("patterns")).filter(QStringLiteral(".argb32")).value(0);
+    const QStringList patterns = generated.filter(QStringLiteral("patterns"));
+    const QString png = patterns.filter(QStringLiteral(".png")).value(0);
     ASSERT_TRUE(png.endsWith(QStringLiteral("-333x257.png"))) << png.toStdString();
     const QImage image = QImage(png).convertToFormat(QImage::Format_ARGB32);
     ASSERT_EQ(image.size(), QSize(333, 257));
-    const QByteArray bytes = readFile(raw);
+    const QByteArray bytes = readFile(patterns.filter(QStringLiteral(".argb32")).value(0));
     ASSERT_EQ(bytes.size(), 333 * 257 * 4);
     // The last row, where padding would show.
     EXPECT_EQ(std::memcmp(bytes.constData() + 256 * 333 * 4, image.constScanLine(256), 333 * 4), 0);

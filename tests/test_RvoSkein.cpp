@@ -102,48 +102,13 @@ std::string stagedHex(int bits, const std::vector<unsigned char> &msg, quint64 m
 
 } // namespace
 
-TEST(RvoSkein, InitialValuesMatchPublishedWordsAndTheStoredTable)
-{
-    // First words of the published values, written out independently of the
-    // library's table; the known answers check the remaining words.
-    const struct
-    {
-        int stateBits;
-        int hashBits;
-        bool stored;
-        quint64 word0;
-    } cases[] = {{256, 128, true, 0x302F7EA23D7FE2E1ULL},  {256, 160, true, 0xA38A0D80A3687723ULL},
-                 {256, 224, true, 0xB80929699AE0F431ULL},  {256, 256, true, 0x388512680E660046ULL},
-                 {512, 128, false, 0x477DF9EFAFC4F08AULL}, {512, 160, false, 0x0045FA2CAD913A2CULL},
-                 {512, 224, true, 0xF2DAA1698216CC98ULL},  {512, 256, true, 0x88C07F38D4F95AD4ULL},
-                 {512, 384, true, 0xE5BF4D02BA62494CULL},  {512, 512, true, 0xA8D47980544A6E32ULL},
-                 {1024, 384, true, 0x7600B2E39FC73E48ULL}, {1024, 512, true, 0x8CF63BE5E1EDF4B7ULL},
-                 {1024, 1024, true, 0x5A4352BE62092156ULL}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << "Skein-" << c.stateBits << "-" << c.hashBits);
-        quint64 computed[16] = {};
-        ASSERT_TRUE(RvoSkein::ComputeInitialValue(c.stateBits, c.hashBits, computed));
-        EXPECT_EQ(computed[0], c.word0);
-        // A stored value equals the configuration block's; others are computed in Init.
-        const quint64 *stored = RvoSkein::StoredInitialValue(c.stateBits, c.hashBits);
-        ASSERT_EQ(stored != nullptr, c.stored);
-        for (int i = 0; stored && i < c.stateBits / 64; ++i)
-            EXPECT_EQ(stored[i], computed[i]) << "word " << i;
-    }
-    EXPECT_EQ(RvoSkein::StoredInitialValue(256, 200), nullptr);
-    EXPECT_EQ(RvoSkein::StoredInitialValue(1024, 1032), nullptr);
-    quint64 unused[16];
-    EXPECT_FALSE(RvoSkein::ComputeInitialValue(384, 384, unused));
-}
-
 // Each vector one-shot and through Update in pieces on either side of each
 // block size (the long vectors span several blocks of every state size);
 // with a partial last byte also with its unused bits set and cleared, and
 // fed byte by byte; a message of exactly one block stays buffered until Final.
 TEST(RvoSkein, KnownAnswerVectorsMatch)
 {
-    int partialVectors = 0;
-    int oneBlockStateSizes = 0;
+    int partialVectors = 0, oneBlockStateSizes = 0;
     for (const KnownAnswer &v : kKnownAnswers) {
         SCOPED_TRACE(testing::Message() << "bits " << v.bits << ", message bits " << v.msgBits);
         std::vector<unsigned char> msg = messageOf(v);
@@ -180,7 +145,7 @@ TEST(RvoSkein, KnownAnswerVectorsMatch)
     EXPECT_EQ(oneBlockStateSizes, 256 | 512 | 1024);
 }
 
-TEST(RvoSkein, HashLengthSetsStateSizeAndBytesWrittenAndStatusCodes)
+TEST(RvoSkein, HashLengthSetsStateSizeAndBytesWrittenStatusCodesAndInitialValues)
 {
     const unsigned char abc[] = {'a', 'b', 'c'};
     const int cases[][2]
@@ -217,4 +182,36 @@ TEST(RvoSkein, HashLengthSetsStateSizeAndBytesWrittenAndStatusCodes)
     EXPECT_EQ(RvoSkein::Update(&state, &byte, 8), RvoSkein::Fail);
     EXPECT_EQ(RvoSkein::Final(&state, out), RvoSkein::Fail);
     EXPECT_EQ(RvoSkein::Hash(512, nullptr, 0, out), RvoSkein::Success);
+
+    // Initial values: their first words as published, written out
+    // independently of the library's table (the known answers check the
+    // remaining words), and the stored table equal to the computed values.
+    const struct
+    {
+        int stateBits, hashBits;
+        bool stored;
+        quint64 word0;
+    } initialValues[]
+            = {{256, 128, true, 0x302F7EA23D7FE2E1ULL},  {256, 160, true, 0xA38A0D80A3687723ULL},
+               {256, 224, true, 0xB80929699AE0F431ULL},  {256, 256, true, 0x388512680E660046ULL},
+               {512, 128, false, 0x477DF9EFAFC4F08AULL}, {512, 160, false, 0x0045FA2CAD913A2CULL},
+               {512, 224, true, 0xF2DAA1698216CC98ULL},  {512, 256, true, 0x88C07F38D4F95AD4ULL},
+               {512, 384, true, 0xE5BF4D02BA62494CULL},  {512, 512, true, 0xA8D47980544A6E32ULL},
+               {1024, 384, true, 0x7600B2E39FC73E48ULL}, {1024, 512, true, 0x8CF63BE5E1EDF4B7ULL},
+               {1024, 1024, true, 0x5A4352BE62092156ULL}};
+    for (const auto &c : initialValues) {
+        SCOPED_TRACE(testing::Message() << "Skein-" << c.stateBits << "-" << c.hashBits);
+        quint64 computed[16] = {};
+        ASSERT_TRUE(RvoSkein::ComputeInitialValue(c.stateBits, c.hashBits, computed));
+        EXPECT_EQ(computed[0], c.word0);
+        // A stored value equals the configuration block's; others are computed in Init.
+        const quint64 *stored = RvoSkein::StoredInitialValue(c.stateBits, c.hashBits);
+        ASSERT_EQ(stored != nullptr, c.stored);
+        for (int i = 0; stored && i < c.stateBits / 64; ++i)
+            EXPECT_EQ(stored[i], computed[i]) << "word " << i;
+    }
+    EXPECT_TRUE(RvoSkein::StoredInitialValue(256, 200) == nullptr
+                && RvoSkein::StoredInitialValue(1024, 1032) == nullptr);
+    quint64 unused[16];
+    EXPECT_FALSE(RvoSkein::ComputeInitialValue(384, 384, unused));
 }

@@ -1,12 +1,14 @@
-// rvoddi-soak [MINUTES]: eight threads add, read, preload and drop blocks
-// through a 4 MiB budget on two roots with garbage collection on, for MINUTES
-// (default 2). Blocks leave memory, are collected from disk once dropped and
-// come back when their content is added again, all the time. At the end every
-// reference is gone: the registry's digest count and the live bytes must be
-// back where they started, every read must have given the bytes that were
-// added, and the library must have printed no report line. Exits 0 when all
-// of that holds. Figures go to standard error; standard output is the
-// library's report channel and is captured.
+// rvoddi-soak [MINUTES]: eight threads add, read, preload, copy and drop
+// blocks through a 4 MiB budget on two roots with garbage collection on, for
+// MINUTES (default 2), while another flushes and frees every block.
+// Blocks leave memory, are collected from disk once dropped and come back
+// when their content is added again, all the time. At the end every
+// reference is gone: the registry's digest count, the digest objects and the
+// live bytes must be back where they started, every read must have given the
+// bytes that were added, every unchanged copy its source's digest, and the
+// library must have printed no report line. Exits 0 when all of that holds.
+// Figures go to standard error; standard output is the library's report
+// channel and is captured.
 
 #include "ManagerTestAccess.h"
 
@@ -31,7 +33,8 @@ constexpr qint64 kBudget = 4 << 20;
 
 struct Counters
 {
-    std::atomic<qint64> adds {0}, reads {0}, preloads {0}, drops {0}, frees {0}, wrong {0};
+    std::atomic<qint64> adds {0}, reads {0}, preloads {0}, copies {0}, drops {0}, frees {0},
+            wrong {0};
 };
 
 // Content of every seed, 4 KiB to 244 KiB, made once and only read.
@@ -57,7 +60,8 @@ void work(int id, qint64 endMs, const QElapsedTimer &clock, const std::vector<QB
                                                RvoModifyAccessor::CacheContent, random() & 1),
                               seed);
             ++counters.adds;
-            manager.processIO();
+            if (id % 2) // the others ignore back-pressure, as a careless host would
+                manager.processIO();
         } else if (action < 70) {
             const auto &[ref, seed] = held[random() % held.size()];
             const RvoConstAccessor accessor = ref.constAccessor();
@@ -66,17 +70,20 @@ void work(int id, qint64 endMs, const QElapsedTimer &clock, const std::vector<QB
                 || std::memcmp(accessor.data(), expected.constData(), size_t(expected.size())) != 0)
                 ++counters.wrong;
             ++counters.reads;
-        } else if (action < 85) {
+        } else if (action < 80) {
             held[random() % held.size()].first.preload(
                     RvoDataBlockManager::PreloadPriority(random() % 3));
             ++counters.preloads;
-        } else if (action < 99 || id != 0) {
+        } else if (action < 85) {
+            // A copy released unchanged is the same content: the same digest.
+            RvoDataReference source = held[random() % held.size()].first;
+            RvoModifyAccessor copy = source.modifyAccessor();
+            counters.wrong += copy.release(RvoModifyAccessor::CacheContent, true) != source;
+            ++counters.copies;
+        } else {
             std::swap(held[random() % held.size()], held.back());
             held.pop_back();
             ++counters.drops;
-        } else {
-            manager.freeAllBlocks();
-            ++counters.frees;
         }
     }
 }
@@ -98,6 +105,7 @@ int main(int argc, char **argv)
     RvoHashManager &registry = RvoHashManager::instance();
     Counters counters;
     int hashesBefore = 0, hashesAfter = 0;
+    const int objectsBefore = RvoDataHash::hashCount();
     qint64 bytesBefore = 0, bytesAfter = 0;
     QStringList reports;
     qint64 filesWritten = 0, filesRead = 0;
@@ -116,14 +124,15 @@ int main(int argc, char **argv)
         for (int id = 0; id < kThreads; ++id)
             threads.emplace_back(work, id, endMs, std::cref(clock), std::cref(contents),
                                  std::ref(counters));
-        for (qint64 next = 60000; next < endMs; next += 60000) {
-            // A minute's progress, on standard error; bounded by the end.
-            while (clock.elapsed() < qMin(next, endMs))
-                std::this_thread::sleep_for(std::chrono::milliseconds(200));
-            std::fprintf(stderr, "soak: %lld s, %lld adds, %lld reads, %lld wrong\n",
-                         clock.elapsed() / 1000, qint64(counters.adds), qint64(counters.reads),
-                         qint64(counters.wrong));
-        }
+        // Under the workers, every block is flushed and freed twice a second.
+        threads.emplace_back([&] {
+            while (clock.elapsed() < endMs) {
+                manager.flush(true, RvoDataBlockManager::AllThreads);
+                manager.freeAllBlocks();
+                ++counters.frees;
+                std::this_thread::sleep_for(std::chrono::milliseconds(500));
+            }
+        });
         for (std::thread &thread : threads)
             thread.join();
 
@@ -147,19 +156,23 @@ int main(int argc, char **argv)
         manager.cleanUp();
         reports = capture.lines();
     }
+    const int objectsAfter = RvoDataHash::hashCount();
     std::fprintf(stderr,
                  "soak: %.1f min, 8 threads, budget %lld bytes: %lld adds, %lld reads, "
-                 "%lld preloads, %lld drops, %lld full frees; %lld files written, %lld read; "
-                 "%lld wrong reads; digests %d -> %d; live bytes %lld -> %lld; "
-                 "%lld report lines\n",
+                 "%lld preloads, %lld copies, %lld drops, %lld flushes and full frees; "
+                 "%lld files written, %lld read; "
+                 "%lld wrong results; digests %d -> %d, digest objects %d -> %d; "
+                 "live bytes %lld -> %lld; %lld report lines\n",
                  minutes, kBudget, qint64(counters.adds), qint64(counters.reads),
-                 qint64(counters.preloads), qint64(counters.drops), qint64(counters.frees),
-                 filesWritten, filesRead, qint64(counters.wrong), hashesBefore, hashesAfter,
-                 bytesBefore, bytesAfter, qint64(reports.size()));
+                 qint64(counters.preloads), qint64(counters.copies), qint64(counters.drops),
+                 qint64(counters.frees), filesWritten, filesRead, qint64(counters.wrong),
+                 hashesBefore, hashesAfter, objectsBefore, objectsAfter, bytesBefore, bytesAfter,
+                 qint64(reports.size()));
     for (const QString &line : std::as_const(reports))
         std::fprintf(stderr, "report: %s\n", qPrintable(line));
     const bool passed = counters.wrong == 0 && hashesAfter == hashesBefore
-            && bytesAfter == bytesBefore && reports.isEmpty() && counters.reads > 0;
+            && objectsAfter == objectsBefore && bytesAfter == bytesBefore && reports.isEmpty()
+            && counters.reads > 0;
     std::fprintf(stderr, "soak: %s\n", passed ? "passed" : "FAILED");
     return passed ? 0 : 1;
 }

@@ -14,10 +14,8 @@
 
 ChildProcess::~ChildProcess()
 {
-    if (isRunning()) {
-        signal(SIGKILL);
-        waitForFinished(10000);
-    }
+    signal(SIGKILL); // nothing once reaped
+    waitForFinished(10000);
 }
 
 bool ChildProcess::start(const QString &program, const QStringList &arguments,
@@ -64,11 +62,6 @@ bool ChildProcess::start(const QString &program, const QStringList &arguments,
     if (output >= 0)
         ::close(output);
     return m_Pid > 0;
-}
-
-bool ChildProcess::isRunning()
-{
-    return m_Pid > 0 && !waitForFinished(0);
 }
 
 bool ChildProcess::waitForFinished(int ms)

@@ -33,7 +33,7 @@ public:
     // False when the program cannot be started.
     bool start(const QString &program, const QStringList &arguments, const Options &options);
     // Reaps a child that ended by itself.
-    bool isRunning();
+    bool isRunning() { return m_Pid > 0 && !waitForFinished(0); }
     // True when the child ended within `ms` milliseconds.
     bool waitForFinished(int ms);
     // The exit status of an ended child; -1 when a signal ended it.

@@ -1,5 +1,6 @@
 #include "LocalServer.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -51,12 +52,11 @@ bool accepts(int port)
 
 } // namespace
 
-LocalServer::LocalServer(const QString &name, const QString &program,
-                         RvoRemoteEndpoint::Scheme scheme, const QString &path)
-    : m_Name(name)
-    , m_Program(program)
-    , m_Scheme(scheme)
-    , m_Path(path)
+LocalServer::LocalServer(Kind kind)
+    : m_Kind(kind)
+    , m_Name(kind == Nginx ? QStringLiteral("nginx") : QStringLiteral("redis-server"))
+    , m_Program(kind == Nginx ? QStringLiteral("/usr/sbin/nginx")
+                              : QStringLiteral("/usr/bin/redis-server"))
 {
 }
 
@@ -119,10 +119,12 @@ bool LocalServer::launch()
         // configuration).
         if (m_Process.waitForFinished(10) || clock.elapsed() > 10000) {
             kill();
+            QFile output(log); // what the server said on its way out
+            output.open(QIODevice::ReadOnly);
             m_Error = QStringLiteral("%1 did not listen on port %2: %3")
                               .arg(m_Name)
                               .arg(m_Port)
-                              .arg(output().right(2000));
+                              .arg(QString::fromLocal8Bit(output.readAll().right(2000)));
             return false;
         }
     }
@@ -147,48 +149,110 @@ void LocalServer::kill()
     m_Process.waitForFinished(10000);
 }
 
-void LocalServer::pause()
-{
-    if (isRunning())
-        m_Process.signal(SIGSTOP);
-}
-
-void LocalServer::resume()
-{
-    if (isRunning())
-        m_Process.signal(SIGCONT);
-}
-
-bool LocalServer::restart()
-{
-    stop();
-    return start();
-}
-
-bool LocalServer::isRunning() const
-{
-    return m_Process.isRunning();
-}
-
-QString LocalServer::output() const
-{
-    QFile file(m_Dir.filePath(QStringLiteral("output.log")));
-    return file.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(file.readAll()) : QString();
-}
-
 RvoRemoteEndpoint LocalServer::endpoint() const
 {
     RvoRemoteEndpoint endpoint;
-    endpoint.scheme = m_Scheme;
+    endpoint.scheme = m_Kind == Nginx ? RvoRemoteEndpoint::Http : RvoRemoteEndpoint::Redis;
     endpoint.host = QStringLiteral("127.0.0.1");
     endpoint.port = m_Port;
-    endpoint.path = m_Path;
+    endpoint.path = m_Kind == Nginx ? QStringLiteral("/tiles") : QString();
     endpoint.connectTimeoutMs = 100;
     endpoint.operationTimeoutMs = 2000;
     return endpoint;
 }
 
-QString LocalServer::url() const
+void LocalServer::requirePassword(const QString &user, const QString &password)
 {
-    return endpoint().plainUrl();
+    m_User = user;
+    m_Password = password;
+}
+
+QString LocalServer::documentRoot() const
+{
+    return dir() + QStringLiteral("/www/tiles");
+}
+
+QString LocalServer::filePath(const QString &name) const
+{
+    return QStringLiteral("%1/%2/%3").arg(documentRoot(), name.left(2), name);
+}
+
+QString LocalServer::accessLogPath() const
+{
+    return dir() + QStringLiteral("/access.log");
+}
+
+static bool writeFile(const QString &path, const QString &text, QString *error)
+{
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate)
+        && file.write(text.toUtf8()) == text.toUtf8().size())
+        return true;
+    *error = QStringLiteral("cannot write %1: %2").arg(path, file.errorString());
+    return false;
+}
+
+QStringList LocalServer::arguments(QString *error)
+{
+    const QString d = dir();
+    if (m_Kind == Redis) {
+        QStringList arguments {QStringLiteral("--port"),       QString::number(port()),
+                               QStringLiteral("--bind"),       QStringLiteral("127.0.0.1"),
+                               QStringLiteral("--save"),       QString(),
+                               QStringLiteral("--appendonly"), QStringLiteral("no"),
+                               QStringLiteral("--dir"),        d};
+        if (!m_Password.isEmpty())
+            arguments << QStringLiteral("--requirepass") << m_Password << QStringLiteral("--user")
+                      << m_User << QStringLiteral("on") << QLatin1Char('>') + m_Password
+                      << QStringLiteral("~*") << QStringLiteral("+@all");
+        return arguments;
+    }
+    if (!QDir().mkpath(documentRoot())) {
+        *error = QStringLiteral("cannot create %1").arg(documentRoot());
+        return {};
+    }
+    QString auth;
+    if (!m_User.isEmpty()) {
+        // nginx takes a password in the clear behind the {PLAIN} scheme.
+        if (!writeFile(d + QStringLiteral("/htpasswd"),
+                       QStringLiteral("%1:{PLAIN}%2\n").arg(m_User, m_Password), error))
+            return {};
+        auth = QStringLiteral("auth_basic rvoddi; auth_basic_user_file %1/htpasswd;").arg(d);
+    }
+    // No master process: the server is one process that pause() stops
+    // whole, and that writes the document root as whoever runs the test,
+    // root included (a master would hand requests to workers running as
+    // "nobody").
+    const QString config
+            = QStringLiteral("daemon off;\n"
+                             "master_process off;\n"
+                             "pid %1/nginx.pid;\n"
+                             "error_log %1/error.log info;\n"
+                             "events { worker_connections 256; }\n"
+                             "http {\n"
+                             "    log_format rvoddi '$connection $request_method $uri $status';\n"
+                             "    access_log %1/access.log rvoddi;\n"
+                             "    client_body_temp_path %1/client_body;\n"
+                             "    proxy_temp_path %1/proxy;\n"
+                             "    fastcgi_temp_path %1/fastcgi;\n"
+                             "    uwsgi_temp_path %1/uwsgi;\n"
+                             "    scgi_temp_path %1/scgi;\n"
+                             "    default_type application/octet-stream;\n"
+                             "    server {\n"
+                             "        listen 127.0.0.1:%2;\n"
+                             "        root %1/www;\n"
+                             "        location /tiles/ {\n"
+                             "            dav_methods PUT;\n"
+                             "            create_full_put_path on;\n"
+                             "            client_max_body_size 0;\n"
+                             "            %3\n"
+                             "        }\n"
+                             "    }\n"
+                             "}\n")
+                      .arg(d)
+                      .arg(port())
+                      .arg(auth);
+    if (!writeFile(d + QStringLiteral("/nginx.conf"), config, error))
+        return {};
+    return {QStringLiteral("-p"), d, QStringLiteral("-c"), d + QStringLiteral("/nginx.conf")};
 }

@@ -7,6 +7,14 @@
 // across restarts. The server dies with the thread that started it, so a
 // test that crashes leaves none running.
 //
+// Nginx: /usr/sbin/nginx as a block store, WebDAV PUT and GET under
+// http://127.0.0.1:PORT/tiles. One process (no master), in the foreground,
+// with every path it writes in dir(). The access log has one line per
+// request: <connection serial number> <method> <uri> <status>.
+// Redis: /usr/bin/redis-server on 127.0.0.1:PORT, in the foreground, keeping
+// nothing on disk (no snapshots, no append-only file): a restart starts
+// empty.
+//
 // Threading: driven by one thread, the one that starts it, which must
 // outlive the server.
 
@@ -17,12 +25,15 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
-#include <memory>
+#include <signal.h>
 
 class LocalServer
 {
 public:
-    virtual ~LocalServer();
+    enum Kind { Nginx, Redis };
+
+    explicit LocalServer(Kind kind);
+    ~LocalServer();
     LocalServer(const LocalServer &) = delete;
     LocalServer &operator=(const LocalServer &) = delete;
 
@@ -42,46 +53,63 @@ public:
     // SIGSTOP and SIGCONT. A paused server's port still accepts connections
     // (the kernel queues them) but nothing answers: how a test provokes an
     // operation timeout.
-    void pause();
-    void resume();
+    void pause() { m_Process.signal(SIGSTOP); }
+    void resume() { m_Process.signal(SIGCONT); }
     // stop(), then start() on the same port.
-    bool restart();
+    bool restart()
+    {
+        stop();
+        return start();
+    }
 
-    bool isRunning() const;
+    bool isRunning() const { return m_Process.isRunning(); }
     int port() const { return m_Port; }
     // The server's process id while it runs (for its CPU time).
     qint64 pid() const { return m_Process.pid(); }
     // The temporary directory: configuration, logs, data.
     QString dir() const { return m_Dir.path(); }
-    // What the server printed on its standard output and error.
-    QString output() const;
     QString error() const { return m_Error; }
 
     // The server as the remote-storage setting names it, without
     // credentials: "http://127.0.0.1:PORT/tiles", "redis://127.0.0.1:PORT".
-    QString url() const;
+    QString url() const { return endpoint().plainUrl(); }
     // The server for a client: 100 ms to connect, 2 s per operation.
     RvoRemoteEndpoint endpoint() const;
 
-protected:
-    // `path`: the endpoint's path, "" or "/tiles".
-    LocalServer(const QString &name, const QString &program, RvoRemoteEndpoint::Scheme scheme,
-                const QString &path);
-    // The arguments that run the server on port(), after writing what it
-    // reads in dir(). Empty, with *error set, when that fails.
-    virtual QStringList arguments(QString *error) = 0;
+    // From the next start on, the server asks for `password`: nginx from
+    // `user` (basic authentication), Redis from anyone and from the ACL user
+    // `user`.
+    void requirePassword(const QString &user, const QString &password);
+
+    // Nginx: the directory that url() serves, where the block file stored
+    // under a name is documentRoot()/<first 2 characters>/<name>
+    // (filePath(name)), and the access log.
+    QString documentRoot() const;
+    QString filePath(const QString &name) const;
+    QString accessLogPath() const;
 
 private:
+    // The arguments that run the server on port(), after writing what it
+    // reads in dir(). Empty, with *error set, when that fails.
+    QStringList arguments(QString *error);
     bool launch();
 
+    const Kind m_Kind;
     const QString m_Name;
     const QString m_Program;
-    const RvoRemoteEndpoint::Scheme m_Scheme;
-    const QString m_Path;
+    QString m_User;
+    QString m_Password;
     QTemporaryDir m_Dir;
     mutable ChildProcess m_Process; // reaped when found ended
     int m_Port = 0;
     QString m_Error;
 };
+
+// In a test: skips it when the server is not installed, fails it when the
+// server does not start.
+#define START_OR_SKIP(server)                                                                      \
+    if (!(server).isInstalled())                                                                   \
+        GTEST_SKIP() << (server).notInstalled().toStdString();                                     \
+    ASSERT_TRUE((server).start()) << (server).error().toStdString()
 
 #endif // LOCALSERVER_H

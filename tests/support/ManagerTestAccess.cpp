@@ -8,6 +8,7 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 
@@ -109,6 +110,11 @@ QByteArray blockFileBytes(qint64 size, const QByteArray &payload)
     return bytes + payload;
 }
 
+QByteArray blockFile(const QByteArray &content)
+{
+    return blockFileBytes(content.size(), qCompress(content, 2));
+}
+
 QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,
                   int buckets)
 {
@@ -124,6 +130,28 @@ QByteArray blockIn(const QString &path)
     QByteArray content;
     RvoBlockFile::decode(codec, file.constData(), file.size(), &content);
     return content;
+}
+
+DiskState checkDisk(const QStringList &roots)
+{
+    DiskState state;
+    RvoBlockCodec codec;
+    for (const QString &root : roots) {
+        QDirIterator files(root, QDir::Files, QDirIterator::Subdirectories);
+        while (files.hasNext()) {
+            const QString path = files.next();
+            if (isBlockFileName(files.fileName())) {
+                ++state.blockFiles;
+                const RvoBlockFile::Fault fault = RvoBlockFile::verifyFile(codec, path);
+                if (fault != RvoBlockFile::Sound)
+                    state.corrupt.append(path + QStringLiteral(": ")
+                                         + QLatin1String(RvoBlockFile::faultText(fault)));
+            } else if (files.fileName().endsWith(QLatin1String(".tmp"))) {
+                state.temporaries.append(path);
+            }
+        }
+    }
+    return state;
 }
 
 bool writeFile(const QString &path, const QByteArray &bytes)

@@ -122,11 +122,24 @@ QStringList lostBlocks(const QByteArray &lines);
 
 // The raw bytes of a block file.
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload);
+// The sound block file of `content` (the payload in qCompress's format, the
+// codec's own).
+QByteArray blockFile(const QByteArray &content);
 // Where the block file of `hash` lies, spelt as the IO threads spell it.
 QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,
                   int buckets = 10);
 // The block that the block file at `path` holds; null unless it is sound.
 QByteArray blockIn(const QString &path);
+
+// Every file under `roots`: each one under a digest name must decode and
+// hash to its name; writes' temporary files are listed.
+struct DiskState
+{
+    int blockFiles = 0;
+    QStringList corrupt; // "path: fault"
+    QStringList temporaries;
+};
+DiskState checkDisk(const QStringList &roots);
 
 // Writes a file, making its directory first.
 bool writeFile(const QString &path, const QByteArray &bytes);

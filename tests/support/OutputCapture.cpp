@@ -1,7 +1,6 @@
 #include "OutputCapture.h"
 
 #include <QMutex>
-#include <QMutexLocker>
 
 #include <cstring>
 
@@ -40,10 +39,4 @@ QStringList DebugCapture::messages() const
 {
     QMutexLocker locker(&g_Lock);
     return g_Messages;
-}
-
-int DebugCapture::count(const QString &message) const
-{
-    QMutexLocker locker(&g_Lock);
-    return int(g_Messages.count(message));
 }

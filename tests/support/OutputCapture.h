@@ -26,7 +26,7 @@ public:
     DebugCapture &operator=(const DebugCapture &) = delete;
 
     QStringList messages() const;
-    int count(const QString &message) const;
+    int count(const QString &message) const { return int(messages().count(message)); }
 };
 
 // Readable QString values in GoogleTest failure messages.

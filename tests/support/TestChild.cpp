@@ -1,6 +1,6 @@
 // rvoddi-test-child MODE ...: the other processes of the tests that need
-// more than one. The kill and share modes write a line "SEED SIZE DIGEST"
-// for every block they confirmed, testContent(SEED, SIZE) being its content.
+// more than one. The kill, share and remote modes write a line "SEED SIZE
+// DIGEST" per block they confirmed, testContent(SEED, SIZE) being its content.
 //
 // queue ROOT SUBCACHE BUCKETS SEED...: stores testContent(SEED), prints each
 //     digest's text form and returns from main with the saves still queued:
@@ -11,13 +11,15 @@
 //     collector first skips a pass because another process holds the
 //     sub-cache.
 // kill SIDEFILE ROOT...: writes blocks (sub-cache "Faults", 1 MiB budget)
-//     until it is killed, appending each batch's lines to SIDEFILE after
-//     flush(true, AllThreads).
+//     until killed, appending each batch's lines to SIDEFILE once flushed.
 // share DIR INDEX ROOT...: one of three writers (sub-cache "Shared"): waits
 //     for the other two, adds shared and own content, flushes, publishes its
 //     lines as DIR/INDEX.txt, lets its blocks go, then reads every block of
 //     the three files back from disk; exit code 1 and a line on standard
 //     error per block that differs.
+// remote SIDEFILE COUNT ROOT: the first machine of the remote tier tests:
+//     adds COUNT blocks with the remote tier of RVODDI_REMOTE_STORAGE and
+//     writes their lines to SIDEFILE once they are on disk and uploaded.
 
 #include "ManagerTestAccess.h"
 
@@ -85,8 +87,7 @@ int holdMode(const QStringList &args)
 
 struct Added
 {
-    int seed;
-    int size;
+    int seed, size;
     RvoDataReference ref;
 };
 
@@ -99,10 +100,8 @@ QByteArray lines(const QList<Added> &blocks)
 {
     QByteArray text;
     for (const Added &block : blocks)
-        text += QStringLiteral("%1 %2 %3\n")
-                        .arg(block.seed)
-                        .arg(block.size)
-                        .arg(block.ref.hash())
+        text += QString::asprintf("%d %d %s\n", block.seed, block.size,
+                                  qPrintable(block.ref.hash()))
                         .toLatin1();
     return text;
 }
@@ -168,6 +167,17 @@ int shareMode(const QString &dir, int index)
     return faults ? 1 : 0;
 }
 
+int remoteMode(const QString &sideFile, int count)
+{
+    QList<Added> blocks;
+    for (int seed = 0; seed < count; ++seed) {
+        blocks.append(add(seed, 4096 * (1 + seed % 8)));
+        manager().processIO();
+    }
+    manager().flush(true, RvoDataBlockManager::AllThreads);
+    return writeFile(sideFile, lines(blocks)) ? 0 : 2;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -182,13 +192,19 @@ int main(int argc, char **argv)
     QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=false"));
     if (mode == QLatin1String("queue"))
         return args.size() >= 6 ? queueMode(args) : 2;
-    const bool kill = mode == QLatin1String("kill") && args.size() >= 4;
-    const bool share = mode == QLatin1String("share") && args.size() >= 5;
-    if (!kill && !share)
-        return 2;
-    manager().setup(args.mid(kill ? 3 : 4), 1 << 20, 7);
-    manager().setSubCache(kill ? QStringLiteral("Faults") : QStringLiteral("Shared"));
-    const int result = kill ? killMode(args.at(2)) : shareMode(args.at(2), args.at(3).toInt());
+    int result = 2;
+    if (mode == QLatin1String("remote") && args.size() == 5) {
+        manager().setup({args.at(4)}, 64 << 20, 10); // adding is never held back by the writes
+        result = remoteMode(args.at(2), args.at(3).toInt());
+    } else if (mode == QLatin1String("kill") && args.size() >= 4) {
+        manager().setup(args.mid(3), 1 << 20, 7);
+        manager().setSubCache(QStringLiteral("Faults"));
+        result = killMode(args.at(2));
+    } else if (mode == QLatin1String("share") && args.size() >= 5) {
+        manager().setup(args.mid(4), 1 << 20, 7);
+        manager().setSubCache(QStringLiteral("Shared"));
+        result = shareMode(args.at(2), args.at(3).toInt());
+    }
     manager().cleanUp();
     return result;
 }
