@@ -8,25 +8,26 @@
 //       full), then flush(true, WriteThreads): the time until every block is
 //       on disk, while the uploads run beside. uploaded_s: the time until
 //       flush(true, AllThreads) returns as well, every block uploaded;
-//       upload_cpu_ms_per_tile: the CPU of the upload threads. Each run
-//       starts with an empty root and an empty server. The cost of the
+//       upload_cpu_ms_per_tile: the CPU of the upload threads, and
+//       upload_sys_ms_per_tile the part of it spent in the kernel (on
+//       loopback that includes much of the receiving side's TCP work). Each
+//       run starts with an empty root and an empty server. The cost of the
 //       uploads is ingest/<server> against ingest/none.
 //   read/disk, read/nginx, read/redis
 //       A second process reads every tile back through const accessors,
 //       preloading 16 ahead: from a root that holds the block files (disk),
 //       or from an empty root with the remote tier (each file fetched,
 //       checked against its name, published into the root and decoded).
-//   fetch/curl, fetch/redis-cli
+//   fetch/nginx, fetch/redis
 //       The raw fetch rate of the same servers for the same bytes: one curl
 //       process getting every tile's URL in turn over one connection, and one
 //       redis-cli process sending GET for every key in turn.
 //
 // Figures: tiles per second (the same tiles in every phase); the CPU per tile
 // of the reading or fetching program (all its threads) and of the server;
-// and MB/s of the
-// tiles' bytes (ingest, read) or of their block files' bytes (fetch). A
-// read's share of its server's raw fetch rate is the ratio of the two
-// tiles-per-second figures.
+// and MB/s of the tiles' bytes (ingest, read) or of their block files' bytes
+// (fetch). A read's share of its server's raw fetch rate is the ratio of the
+// two tiles-per-second figures.
 //
 // bench_remote [--tiles N] [benchmark options]
 // bench_remote --read SPEC ROOT NAMES   the second process (internal)
@@ -86,8 +87,9 @@ double cpuSeconds(int who)
 }
 
 // CPU seconds that the process or thread whose /proc stat file is `path` has
-// used so far (0 when it cannot be read).
-double statCpuSeconds(const QString &path)
+// used so far (0 when it cannot be read); with `systemOnly`, those spent in
+// the kernel.
+double statCpuSeconds(const QString &path, bool systemOnly = false)
 {
     QFile stat(path);
     if (!stat.open(QIODevice::ReadOnly))
@@ -97,7 +99,8 @@ double statCpuSeconds(const QString &path)
     const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
     if (fields.size() <= 12)
         return 0;
-    return (fields[11].toDouble() + fields[12].toDouble()) / double(sysconf(_SC_CLK_TCK));
+    const double ticks = (systemOnly ? 0 : fields[11].toDouble()) + fields[12].toDouble();
+    return ticks / double(sysconf(_SC_CLK_TCK));
 }
 
 // The servers and the tiles, made once for the whole run.
@@ -159,15 +162,15 @@ double processCpuSeconds(qint64 pid)
 }
 
 // The CPU seconds that this process's threads named `name` have used so
-// far.
-double threadsCpuSeconds(const QByteArray &name)
+// far (with `systemOnly`, in the kernel).
+double threadsCpuSeconds(const QByteArray &name, bool systemOnly = false)
 {
     double total = 0;
     const QDir tasks(QStringLiteral("/proc/self/task"));
     for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
         QFile comm(tasks.filePath(task + QStringLiteral("/comm")));
         if (comm.open(QIODevice::ReadOnly) && comm.readAll().trimmed() == name)
-            total += statCpuSeconds(tasks.filePath(task + QStringLiteral("/stat")));
+            total += statCpuSeconds(tasks.filePath(task + QStringLiteral("/stat")), systemOnly);
     }
     return total;
 }
@@ -181,6 +184,7 @@ struct Ingest
     double uploaded = 0;
     double cpu = 0;
     double uploadCpu = 0;
+    double uploadSystemCpu = 0;
     double serverCpu = 0;
 };
 
@@ -214,6 +218,7 @@ Ingest ingest(const QString &root, const QString &spec, const LocalServer *serve
     result.uploaded = secondsSince(start);
     result.cpu = cpuSeconds(RUSAGE_SELF) - cpuBefore;
     result.uploadCpu = threadsCpuSeconds("rvoddi-upload"); // started by this ingest
+    result.uploadSystemCpu = threadsCpuSeconds("rvoddi-upload", true);
     result.serverCpu = server ? processCpuSeconds(server->pid()) - serverBefore : 0;
     if (names) {
         for (const RvoDataReference &ref : refs)
@@ -244,6 +249,7 @@ void BM_Ingest(benchmark::State &state, const std::string &server)
         total.uploaded += run.uploaded;
         total.cpu += run.cpu;
         total.uploadCpu += run.uploadCpu;
+        total.uploadSystemCpu += run.uploadSystemCpu;
         total.serverCpu += run.serverCpu;
     }
     setRates(state, double(f.tiles.size()) * 262144);
@@ -251,6 +257,7 @@ void BM_Ingest(benchmark::State &state, const std::string &server)
     const double tiles = double(f.tiles.size()) * double(state.iterations());
     state.counters["uploaded_s"] = total.uploaded / double(state.iterations());
     state.counters["upload_cpu_ms_per_tile"] = total.uploadCpu * 1000 / tiles;
+    state.counters["upload_sys_ms_per_tile"] = total.uploadSystemCpu * 1000 / tiles;
 }
 
 // Runs a program to its end with `input` on its standard input; returns its
