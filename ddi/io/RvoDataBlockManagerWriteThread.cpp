@@ -34,6 +34,7 @@ RvoDataBlockManagerWriteThread::~RvoDataBlockManagerWriteThread()
         std::lock_guard<std::mutex> locker(m_Lock);
         dropped.swap(m_Queue);
         m_BytesInQueue = 0;
+        m_ParkedInQueue = 0;
     }
     // Unwritten saves let go of their blocks as a finished save would;
     // digest references are released outside the lock, since a last
@@ -210,9 +211,7 @@ RvoDataBlockManagerWriteThread::nextDue(std::deque<Entry> &dropped, Clock::time_
 {
     // Refused saves of a digest that only the queued saves still refer to
     // are not wanted: nobody can ask for the block again.
-    const bool anyRefused = std::any_of(m_Queue.begin(), m_Queue.end(),
-                                        [](const Entry &entry) { return entry.refusals > 0; });
-    if (anyRefused) {
+    if (m_ParkedInQueue > 0) {
         std::unordered_map<const RvoDataHash *, int> queuedReferences;
         for (const Entry &entry : m_Queue)
             ++queuedReferences[entry.request.hash.data()];
@@ -220,6 +219,7 @@ RvoDataBlockManagerWriteThread::nextDue(std::deque<Entry> &dropped, Clock::time_
             const RvoDataHash *hash = it->request.hash.data();
             if (it->refusals > 0 && (!hash || hash->refCount() <= queuedReferences[hash])) {
                 m_BytesInQueue -= it->size;
+                --m_ParkedInQueue;
                 dropped.push_back(std::move(*it));
                 it = m_Queue.erase(it);
             } else {
@@ -251,6 +251,7 @@ bool RvoDataBlockManagerWriteThread::park(Entry &&entry, Clock::time_point refus
     while (position != m_Queue.end() && position->priority < entry.priority)
         ++position;
     m_BytesInQueue += entry.size;
+    ++m_ParkedInQueue;
     m_Queue.insert(position, std::move(entry));
     m_RefusedAttempts.fetch_add(1, std::memory_order_relaxed);
     if (m_Refusing.load(std::memory_order_relaxed) || refusedAt < m_RecoveredAt)
@@ -302,6 +303,8 @@ void RvoDataBlockManagerWriteThread::run()
         Entry entry = std::move(*due);
         m_Queue.erase(due);
         m_BytesInQueue -= entry.size;
+        if (entry.refusals > 0)
+            --m_ParkedInQueue;
         entry.triedInFlush = m_FlushSerial;
         m_Busy = true;
         m_Current = &entry;
@@ -335,9 +338,7 @@ void RvoDataBlockManagerWriteThread::run()
         // waits: a save that was under way when another was refused, or
         // that found its file there, proves nothing.
         const bool recovered = outcome.written > 0 && m_Refusing.load(std::memory_order_relaxed)
-                && (entry.refusals > 0
-                    || std::none_of(m_Queue.begin(), m_Queue.end(),
-                                    [](const Entry &queued) { return queued.refusals > 0; }));
+                && (entry.refusals > 0 || m_ParkedInQueue == 0);
         if (recovered) {
             m_Refusing.store(false, std::memory_order_relaxed);
             m_RecoveredAt = Clock::now();

@@ -147,8 +147,9 @@ private:
     bool park(Entry &&entry, Clock::time_point refusedAt);
 
     const QString m_Root;
-    // Guards m_SubCache, m_Queue, m_BytesInQueue, m_Closing, m_Busy,
-    // m_Current, m_FlushSerial, m_RecoveredAt and the retry pauses.
+    // Guards m_SubCache, m_Queue, m_BytesInQueue, m_ParkedInQueue,
+    // m_Closing, m_Busy, m_Current, m_FlushSerial, m_RecoveredAt and the
+    // retry pauses.
     // Lock order: a leaf (see RvoDataBlockManager.h).
     mutable std::mutex m_Lock;
     // Signalled when a save is queued, taken or finished, and on closeDown.
@@ -169,6 +170,9 @@ private:
     std::atomic<int> m_RequestsHandled {0};
     std::atomic<qint64> m_BytesWritten {0};
     qint64 m_BytesInQueue = 0;
+    // Queued saves that were refused before, so that a queue with none (the
+    // usual case) is not searched for them on every save.
+    int m_ParkedInQueue = 0;
     std::deque<Entry> m_Queue; // front first
     // The thread's own compressor, for the saves the background workers do
     // not do (no workers, exit, a sub-cache changed); used only by run().
