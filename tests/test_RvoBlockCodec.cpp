@@ -132,9 +132,18 @@ TEST(RvoBlockCodec, PayloadIsABigEndianLengthThenAZlibStreamOrFourZeroBytes)
 }
 
 // The bound is what the worst case needs, and compress() writes nothing
-// beyond the capacity it is given, even when it runs out of room.
-TEST(RvoBlockCodec, CompressStaysInsideItsCapacity)
+// beyond the capacity it is given, even when it runs out of room; a payload
+// keeps no worst-case slack and decodes in place.
+TEST(RvoBlockCodec, CompressStaysInsideItsCapacityAndItsPayloadKeepsNoSlack)
 {
+    RvoBlockCodec defaultCodec;
+    const QByteArray tile = makeImageLikeTile(7);
+    QByteArray buffer = defaultCodec.compress(tile.constData(), tile.size());
+    ASSERT_LT(buffer.size(), tile.size() / 2);
+    EXPECT_LT(buffer.capacity(), buffer.size() + 64);
+    ASSERT_TRUE(defaultCodec.uncompress(buffer.constData(), buffer.size(), tile.size(), &buffer));
+    EXPECT_TRUE(buffer == tile);
+
     constexpr char Canary = 0x5A;
     for (const Encoder encoder : Encoders)
         for (const QByteArray &block : {randomBytes(1024 * 1024, 7), makeImageLikeTile(2)}) {
@@ -158,7 +167,11 @@ TEST(RvoBlockCodec, CompressStaysInsideItsCapacity)
         }
 }
 
-TEST(RvoBlockCodec, TruncatedPayloadIsRefused)
+// A cut or damaged payload never decodes to other bytes than were written.
+// The checksum refuses almost every flip; a flipped bit may still leave the
+// output unchanged (a match distance that points at identical pixels, say),
+// and then the bytes handed out are the block's own.
+TEST(RvoBlockCodec, TruncatedPayloadIsRefusedAFlippedByteRefusedOrChangesNothing)
 {
     RvoBlockCodec codec;
     const QByteArray small = textBytes(255);
@@ -166,24 +179,6 @@ TEST(RvoBlockCodec, TruncatedPayloadIsRefused)
     ASSERT_GT(smallPayload.size(), 10);
     for (int length = 0; length < smallPayload.size(); ++length)
         EXPECT_TRUE(refused(codec, smallPayload, length, small.size())) << "prefix " << length;
-
-    const QByteArray block = makeImageLikeTile(5);
-    const QByteArray payload = codec.compress(block.constData(), block.size());
-    const int n = int(payload.size());
-    ASSERT_GT(n, 8192);
-    for (int length : {4, 5, 6, 7, 100, n / 4, n / 2, n - 4096, n - 5, n - 4, n - 1})
-        EXPECT_TRUE(refused(codec, payload, length, block.size())) << "cut at " << length;
-}
-
-// A damaged payload never decodes to other bytes than were written. The
-// checksum refuses almost every flip; a flipped bit may still leave the
-// output unchanged (a match distance that points at identical pixels, say),
-// and then the bytes handed out are the block's own.
-TEST(RvoBlockCodec, FlippedByteIsRefusedOrChangesNothing)
-{
-    RvoBlockCodec codec;
-    const QByteArray small = textBytes(255);
-    const QByteArray smallPayload = codec.compress(small.constData(), small.size());
     for (int i = 4; i < smallPayload.size(); ++i) {
         QByteArray bad = smallPayload;
         bad[i] = char(bad[i] ^ 0xFF);
@@ -192,6 +187,10 @@ TEST(RvoBlockCodec, FlippedByteIsRefusedOrChangesNothing)
 
     const QByteArray tile = makeImageLikeTile(6);
     const QByteArray payload = codec.compress(tile.constData(), tile.size());
+    const int n = int(payload.size());
+    ASSERT_GT(n, 8192);
+    for (int length : {4, 5, 6, 7, 100, n / 4, n / 2, n - 4096, n - 5, n - 4, n - 1})
+        EXPECT_TRUE(refused(codec, payload, length, tile.size())) << "cut at " << length;
     int refusals = 0;
     int flips = 0;
     for (int i = 4; i < payload.size(); i += 509, ++flips) {
@@ -212,8 +211,9 @@ TEST(RvoBlockCodec, FlippedByteIsRefusedOrChangesNothing)
     EXPECT_TRUE(refused(codec, badSum, badSum.size(), tile.size()));
 }
 
-// The length field, the caller's expected size and the stream must all agree.
-TEST(RvoBlockCodec, PayloadThatDisagreesWithItsLengthOrTheCallerIsRefused)
+// The length field, the caller's expected size and the stream must all agree,
+// and sizes that cannot be are refused before anything is read.
+TEST(RvoBlockCodec, PayloadThatDisagreesWithItsLengthOrTheCallerOrAnImpossibleSizeIsRefused)
 {
     RvoBlockCodec codec;
     const QByteArray block = textBytes(1000);
@@ -240,11 +240,8 @@ TEST(RvoBlockCodec, PayloadThatDisagreesWithItsLengthOrTheCallerIsRefused)
     EXPECT_TRUE(refused(codec, withHeader(payload, 0), payload.size(), 0));
     const QByteArray emptyStream = QByteArray::fromHex("00000000789c030000000001");
     EXPECT_TRUE(refused(codec, emptyStream, emptyStream.size(), 0));
-}
 
-TEST(RvoBlockCodec, ImpossibleSizesAreRefusedWithoutReading)
-{
-    RvoBlockCodec codec;
+    // Impossible sizes are refused without reading.
     const QByteArray zeros(4, '\0');
     for (int length = 0; length < 4; ++length)
         EXPECT_TRUE(refused(codec, zeros, length, 0)) << length;
@@ -253,15 +250,13 @@ TEST(RvoBlockCodec, ImpossibleSizesAreRefusedWithoutReading)
     EXPECT_TRUE(out.isEmpty());
     EXPECT_FALSE(codec.uncompress(zeros.constData(), 4, 0, nullptr));
 
-    const QByteArray block = textBytes(100);
     EXPECT_TRUE(codec.compress(block.constData(), -1).isNull());
     EXPECT_TRUE(codec.compress(block.constData(), std::numeric_limits<qint64>::min()).isNull());
-    const QByteArray payload = codec.compress(block.constData(), block.size());
     const std::vector<char> copy = exactCopy(payload, payload.size());
     out = QByteArray("stale contents");
     EXPECT_FALSE(codec.uncompress(copy.data(), -1, block.size(), &out));
     EXPECT_TRUE(out.isEmpty());
-    EXPECT_FALSE(codec.uncompress(copy.data(), std::numeric_limits<qint64>::min(), 100, &out));
+    EXPECT_FALSE(codec.uncompress(copy.data(), std::numeric_limits<qint64>::min(), 1000, &out));
     EXPECT_TRUE(refused(codec, payload, payload.size(), -1));
     EXPECT_TRUE(refused(codec, withHeader(payload, 0xFFFFFFFF), payload.size(), -1));
     EXPECT_TRUE(refused(codec, payload, payload.size(), std::numeric_limits<qint64>::min()));
@@ -273,17 +268,6 @@ TEST(RvoBlockCodec, ImpossibleSizesAreRefusedWithoutReading)
     EXPECT_TRUE(codec.compress(data.data(), (qint64(1) << 32) + 16).isNull());
     EXPECT_TRUE(codec.compress(data.data(), std::numeric_limits<qint64>::max()).isNull());
     EXPECT_TRUE(codec.compress(nullptr, 16).isNull());
-}
-
-TEST(RvoBlockCodec, PayloadKeepsNoWorstCaseSlackAndDecodesInPlace)
-{
-    RvoBlockCodec codec;
-    const QByteArray block = makeImageLikeTile(7);
-    QByteArray buffer = codec.compress(block.constData(), block.size());
-    ASSERT_LT(buffer.size(), block.size() / 2);
-    EXPECT_LT(buffer.capacity(), buffer.size() + 64);
-    ASSERT_TRUE(codec.uncompress(buffer.constData(), buffer.size(), block.size(), &buffer));
-    EXPECT_TRUE(buffer == block);
 }
 
 // Block files may take at most 5 % more disk than qCompress level 2 would.

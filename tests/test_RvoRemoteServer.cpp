@@ -244,6 +244,27 @@ TEST_P(RemoteServerTest, RedisPathSelectsTheDatabaseAndAnOversizedHttpBodyIsRefu
     EXPECT_LT(clock.elapsed(), 1000);
 }
 
+// HTTPS: the server's certificate is checked. One the system's authorities
+// did not sign is refused, with the reason, before anything is sent; with
+// ca-file naming it, blocks go and come back.
+TEST(RvoHttpsRemoteServer, ServerCertificateIsCheckedAgainstTheSystemsOrTheCaFile)
+{
+    LocalServer server(LocalServer::Nginx);
+    server.useTls();
+    START_OR_SKIP(server);
+    RvoRemoteEndpoint endpoint = server.endpoint();
+    const Remote::Result refused = Remote::create(endpoint)->put(blockName(1), "bytes");
+    EXPECT_EQ(refused.status, Remote::Unavailable);
+    EXPECT_TRUE(refused.error.contains(QLatin1String("certificate")))
+            << refused.error.toStdString();
+    EXPECT_FALSE(QFile::exists(server.filePath(blockName(1))));
+    endpoint.caFile = server.certificatePath();
+    QByteArray fetched;
+    EXPECT_RESULT(Remote::create(endpoint)->put(blockName(1), "bytes"), Stored);
+    EXPECT_RESULT(Remote::create(endpoint)->get(blockName(1), &fetched), Found);
+    EXPECT_EQ(fetched, "bytes");
+}
+
 INSTANTIATE_TEST_SUITE_P(Servers, RemoteServerTest,
                          ::testing::Values(LocalServer::Nginx, LocalServer::Redis),
                          [](const ::testing::TestParamInfo<LocalServer::Kind> &info) {

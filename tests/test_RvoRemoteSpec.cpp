@@ -52,6 +52,11 @@ TEST(RvoRemoteSpec, EntriesGiveServersTimeoutsAndShardsInOrderAndANewShardTakesO
     EXPECT_EQ(redis.maskedUrl(), QStringLiteral("redis://***@cache2:6379"));
     EXPECT_EQ(remotes[1].maskedText, QStringLiteral("redis://***@cache2:6379|connect-timeout=50"));
     EXPECT_TRUE(parsed(QStringLiteral(" \t ")).isEmpty());
+    EXPECT_EQ(parsed(QStringLiteral("https://h/x|ca-file=/etc/passwd"))
+                      .value(0)
+                      .servers.value(0)
+                      .caFile,
+              QStringLiteral("/etc/passwd"));
 
     // Rendezvous hashing: a new shard takes only its own share of the names.
     auto homes = [](const QString &shards, int count) {
@@ -113,6 +118,12 @@ TEST(RvoRemoteSpec, AnInvalidEntryIsNamedMaskedAndTheManagerKeepsItsValidSetting
             {"http:///x", "Remote storage entry 'http:///x': no host"},
             {"http://h/x?a=1",
              "Remote storage entry 'http://h/x?a=1': a query or fragment is not allowed"},
+            {"https://h/x|ca-file=/nonexistent.pem",
+             "Remote storage entry 'https://h/x|ca-file=/nonexistent.pem': cannot read the "
+             "ca-file '/nonexistent.pem'"},
+            {"http://h/x|ca-file=/etc/passwd",
+             "Remote storage entry 'http://h/x|ca-file=/etc/passwd': ca-file is for https "
+             "only"},
     };
     for (const auto &c : cases) {
         QVector<RvoRemoteSpec::Remote> remotes(1);

@@ -1,6 +1,7 @@
 #include "RvoHttpRemoteServer_p.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QUrl>
 
 #include <curl/curl.h>
@@ -135,6 +136,8 @@ RvoHttpRemoteServer::Handle RvoHttpRemoteServer::handle(Result *failure)
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, long(server.connectTimeoutMs));
     curl_easy_setopt(curl, CURLOPT_PROXY, "");
     curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, curl_off_t(kMaxValueSize));
+    if (!server.caFile.isEmpty())
+        curl_easy_setopt(curl, CURLOPT_CAINFO, QFile::encodeName(server.caFile).constData());
     if (!server.user.isEmpty() || !server.password.isEmpty()) {
         curl_easy_setopt(curl, CURLOPT_USERNAME, server.user.toUtf8().constData());
         curl_easy_setopt(curl, CURLOPT_PASSWORD, server.password.toUtf8().constData());

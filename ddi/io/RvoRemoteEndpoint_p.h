@@ -20,6 +20,9 @@ struct RvoRemoteEndpoint
     QString password; // may be empty
     int connectTimeoutMs = 100;
     int operationTimeoutMs = 10000;
+    // HTTPS: a file of the certificates the server's must chain to, in place
+    // of the system's; empty: the system's.
+    QString caFile;
 
     // The port to connect to.
     int effectivePort() const;

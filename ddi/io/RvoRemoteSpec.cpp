@@ -1,5 +1,6 @@
 #include "RvoRemoteSpec_p.h"
 
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QUrl>
 
@@ -82,6 +83,12 @@ bool parseEntry(const QString &entry, RvoRemoteSpec::Remote *remote, QString *er
         } else if (name == QLatin1String("upload-queue")
                    && (parsed = number(value, 0, 1 << 20)) >= 0) {
             remote->uploadQueueBytes = parsed << 20;
+        } else if (name == QLatin1String("ca-file") && !value.isEmpty()) {
+            if (!QFileInfo(value).isFile() || !QFileInfo(value).isReadable()) {
+                *error = QStringLiteral("cannot read the ca-file '%1'").arg(value);
+                return false;
+            }
+            defaults.caFile = value;
         } else if (name == QLatin1String("shards") && !value.isEmpty()) {
             remote->shardNames = value.split(QLatin1Char(','));
             sharded = true;
@@ -112,6 +119,10 @@ bool parseEntry(const QString &entry, RvoRemoteSpec::Remote *remote, QString *er
         text.replace(QLatin1Char('*'), shard);
         if (!parseUrl(text, &endpoint, &urlError)) {
             *error = sharded ? QStringLiteral("shard '%1': %2").arg(shard, urlError) : urlError;
+            return false;
+        }
+        if (!endpoint.caFile.isEmpty() && endpoint.scheme != RvoRemoteEndpoint::Https) {
+            *error = QStringLiteral("ca-file is for https only");
             return false;
         }
         if (!remote->servers.isEmpty() && remote->servers.first().scheme != endpoint.scheme) {

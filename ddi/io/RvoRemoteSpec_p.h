@@ -16,7 +16,9 @@
 // connect. Attributes: read-only; connect-timeout=MS (default 100);
 // operation-timeout=MS (default 10000); upload-queue=MIB (the bytes of block
 // files that may wait for upload, default 256); shards=A,B,... (several
-// servers of one kind: each name replaces the '*' of the URL).
+// servers of one kind: each name replaces the '*' of the URL); ca-file=PATH
+// (https only: the certificates the server's must chain to, instead of the
+// system's).
 class RvoRemoteSpec
 {
 public:

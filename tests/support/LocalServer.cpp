@@ -152,7 +152,9 @@ void LocalServer::kill()
 RvoRemoteEndpoint LocalServer::endpoint() const
 {
     RvoRemoteEndpoint endpoint;
-    endpoint.scheme = m_Kind == Nginx ? RvoRemoteEndpoint::Http : RvoRemoteEndpoint::Redis;
+    endpoint.scheme = m_Kind == Redis ? RvoRemoteEndpoint::Redis
+            : m_Tls                   ? RvoRemoteEndpoint::Https
+                                      : RvoRemoteEndpoint::Http;
     endpoint.host = QStringLiteral("127.0.0.1");
     endpoint.port = m_Port;
     endpoint.path = m_Kind == Nginx ? QStringLiteral("/tiles") : QString();
@@ -180,6 +182,28 @@ QString LocalServer::filePath(const QString &name) const
 QString LocalServer::accessLogPath() const
 {
     return dir() + QStringLiteral("/access.log");
+}
+
+// A self-signed certificate for 127.0.0.1 (cert.pem, key.pem in `dir`), made
+// once.
+static bool makeCertificate(const QString &dir, QString *error)
+{
+    if (QFile::exists(dir + QStringLiteral("/cert.pem")))
+        return true;
+    ChildProcess openssl;
+    ChildProcess::Options options;
+    options.directory = dir;
+    options.output = dir + QStringLiteral("/openssl.log");
+    const QStringList arguments
+            = QStringLiteral("req -x509 -newkey rsa:2048 -nodes -keyout key.pem -out cert.pem "
+                             "-days 2 -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1")
+                      .split(QLatin1Char(' '));
+    if (!openssl.start(QStringLiteral("/usr/bin/openssl"), arguments, options)
+        || !openssl.waitForFinished(30000) || openssl.exitCode() != 0) {
+        *error = QStringLiteral("openssl did not make a certificate (scripts/test installs it)");
+        return false;
+    }
+    return true;
 }
 
 static bool writeFile(const QString &path, const QString &text, QString *error)
@@ -219,6 +243,13 @@ QStringList LocalServer::arguments(QString *error)
             return {};
         auth = QStringLiteral("auth_basic rvoddi; auth_basic_user_file %1/htpasswd;").arg(d);
     }
+    QString listen = QStringLiteral("127.0.0.1:%1").arg(port());
+    if (m_Tls) {
+        if (!makeCertificate(d, error))
+            return {};
+        listen += QStringLiteral(" ssl; ssl_certificate %1; ssl_certificate_key %2/key.pem")
+                          .arg(certificatePath(), d);
+    }
     // No master process: the server is one process that pause() stops
     // whole, and that writes the document root as whoever runs the test,
     // root included (a master would hand requests to workers running as
@@ -239,7 +270,7 @@ QStringList LocalServer::arguments(QString *error)
                              "    scgi_temp_path %1/scgi;\n"
                              "    default_type application/octet-stream;\n"
                              "    server {\n"
-                             "        listen 127.0.0.1:%2;\n"
+                             "        listen %2;\n"
                              "        root %1/www;\n"
                              "        location /tiles/ {\n"
                              "            dav_methods PUT;\n"
@@ -249,9 +280,7 @@ QStringList LocalServer::arguments(QString *error)
                              "        }\n"
                              "    }\n"
                              "}\n")
-                      .arg(d)
-                      .arg(port())
-                      .arg(auth);
+                      .arg(d, listen, auth);
     if (!writeFile(d + QStringLiteral("/nginx.conf"), config, error))
         return {};
     return {QStringLiteral("-p"), d, QStringLiteral("-c"), d + QStringLiteral("/nginx.conf")};

@@ -80,6 +80,11 @@ public:
     // `user` (basic authentication), Redis from anyone and from the ACL user
     // `user`.
     void requirePassword(const QString &user, const QString &password);
+    // Nginx, from the next start on: HTTPS only, with a self-signed
+    // certificate for 127.0.0.1 (certificatePath(), made with openssl on that
+    // start), and url() and endpoint() name https.
+    void useTls() { m_Tls = true; }
+    QString certificatePath() const { return dir() + QStringLiteral("/cert.pem"); }
 
     // Nginx: the directory that url() serves, where the block file stored
     // under a name is documentRoot()/<first 2 characters>/<name>
@@ -99,6 +104,7 @@ private:
     const QString m_Program;
     QString m_User;
     QString m_Password;
+    bool m_Tls = false;
     QTemporaryDir m_Dir;
     mutable ChildProcess m_Process; // reaped when found ended
     int m_Port = 0;
