@@ -47,6 +47,7 @@
 #include "RvoConstAccessor.h"
 #include "RvoDataBlockManager.h"
 #include "RvoDataReference.h"
+#include "support/BenchClock.h"
 #include "support/ImageTiles.h"
 
 #include <QDir>
@@ -216,22 +217,6 @@ std::vector<QByteArray> makeTiles(int first, int count)
     return tiles;
 }
 
-// CPU seconds the whole process has used, user and system.
-double processCpuSeconds()
-{
-    timespec t {};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
-}
-
-// CPU seconds the calling thread has used, user and system.
-double threadCpuSeconds()
-{
-    timespec t {};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
-}
-
 // CPU milliseconds per tile of each stage of the ingest and the read-back,
 // each run alone on the calling thread.
 struct StageCosts
@@ -253,10 +238,10 @@ struct StageCosts
 template<typename F>
 double cpuMsPerCall(int count, F f)
 {
-    const double start = threadCpuSeconds();
+    const double start = BenchClock::thread();
     for (int i = 0; i < count; ++i)
         f(i);
-    return (threadCpuSeconds() - start) * 1e3 / count;
+    return (BenchClock::thread() - start) * 1e3 / count;
 }
 
 // One round of the stages as the library runs them: the digest the block is
@@ -385,7 +370,7 @@ double readBack(const std::vector<RvoDataReference> &refs, bool readAhead, qint6
         const int end = first + chunk;
         const std::vector<QByteArray> expected = makeTiles(first, chunk);
         const Clock::time_point start = Clock::now();
-        const double cpuStart = processCpuSeconds();
+        const double cpuStart = BenchClock::process();
         if (readAhead) {
             for (int i = first; i < std::min(first + kReadAhead, end); ++i)
                 refs[size_t(i)].preload(RvoDataBlockManager::PreloadNormal);
@@ -412,7 +397,7 @@ double readBack(const std::vector<RvoDataReference> &refs, bool readAhead, qint6
         // is made.
         QThreadPool::globalInstance()->waitForDone();
         seconds += secondsSince(start);
-        *cpuSeconds += processCpuSeconds() - cpuStart;
+        *cpuSeconds += BenchClock::process() - cpuStart;
     }
     return seconds;
 }
@@ -454,7 +439,7 @@ void BM_IngestAndReadBack(benchmark::State &state)
         ::sync();
         const std::map<int, ThreadCpu> cpuBefore = threadCpu();
         start = Clock::now();
-        const double cpuStart = processCpuSeconds();
+        const double cpuStart = BenchClock::process();
         waitSeconds = 0;
         for (int i = 0; i < count; ++i) {
             refs.push_back(m.addBlock(tiles[size_t(i)], RvoModifyAccessor::CacheContent,
@@ -471,7 +456,7 @@ void BM_IngestAndReadBack(benchmark::State &state)
             ref.hashPtr();
         m.flush(true, RvoDataBlockManager::AllThreads);
         ingestSeconds = secondsSince(start);
-        ingestCpu = processCpuSeconds() - cpuStart;
+        ingestCpu = BenchClock::process() - cpuStart;
         const std::map<int, ThreadCpu> cpuAfter = threadCpu();
         diskBytes = 0;
         for (QDirIterator it(dir.path(), QDir::Files, QDirIterator::Subdirectories); it.hasNext();)

@@ -13,6 +13,7 @@
 #include "RvoDataBlockManagerReadThread_p.h"
 #include "RvoDataBlockManagerWriteThread_p.h"
 #include "RvoHashManager.h"
+#include "support/BenchClock.h"
 #include "support/ImageTiles.h"
 
 #include <QDir>
@@ -173,13 +174,6 @@ void BM_ReadThread_loadBlock(benchmark::State &state)
             = benchmark::Counter(double(all.size()), benchmark::Counter::kIsIterationInvariantRate);
 }
 
-double processCpuSeconds()
-{
-    timespec now {};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-    return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
-}
-
 // What one idle IO thread would cost if it polled its queue, sleeping 10
 // microseconds between looks (the design the waits replace), over 2 seconds.
 void BM_IdleBaseline_OnePollingThread(benchmark::State &state)
@@ -187,7 +181,7 @@ void BM_IdleBaseline_OnePollingThread(benchmark::State &state)
     double percent = 0;
     for (auto _ : state) {
         std::atomic<bool> stop {false};
-        const double before = processCpuSeconds();
+        const double before = BenchClock::process();
         std::thread poller([&stop] {
             while (!stop.load(std::memory_order_relaxed))
                 QThread::usleep(10);
@@ -195,7 +189,7 @@ void BM_IdleBaseline_OnePollingThread(benchmark::State &state)
         QThread::sleep(2);
         stop.store(true);
         poller.join();
-        percent = (processCpuSeconds() - before) / 2.0 * 100.0;
+        percent = (BenchClock::process() - before) / 2.0 * 100.0;
     }
     state.counters["cpu_percent_of_a_core"] = percent;
 }
@@ -211,9 +205,9 @@ void BM_IdleManagerWithFourRoots(benchmark::State &state)
     manager.setSubCache(QStringLiteral("Idle"));
     double percent = 0;
     for (auto _ : state) {
-        const double before = processCpuSeconds();
+        const double before = BenchClock::process();
         QThread::sleep(10);
-        percent = (processCpuSeconds() - before) / 10.0 * 100.0;
+        percent = (BenchClock::process() - before) / 10.0 * 100.0;
     }
     state.counters["cpu_percent_of_a_core"] = percent;
     manager.cleanUp();

@@ -23,6 +23,7 @@
 #include "RvoDataHash.h"
 #include "RvoDataReference.h"
 #include "RvoSkein.h"
+#include "support/BenchClock.h"
 #include "support/ImageTiles.h"
 
 #include <QLoggingCategory>
@@ -216,20 +217,6 @@ void BM_Skein512_Baseline(benchmark::State &state)
     countBytes(state);
 }
 
-double processCpuSeconds()
-{
-    timespec now {};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-    return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
-}
-
-double wallSeconds()
-{
-    timespec now {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
-}
-
 // The calling thread's time on a CPU and time runnable but waiting for one,
 // in nanoseconds, from Linux's /proc/thread-self/schedstat (zeros elsewhere).
 // The wait is time other threads took from the caller's core.
@@ -262,14 +249,14 @@ struct CoreUse
     double wallStart = 0;
     void start()
     {
-        cpuStart = processCpuSeconds();
-        wallStart = wallSeconds();
+        cpuStart = BenchClock::process();
+        wallStart = BenchClock::wall();
         schedStart = SchedStat::read();
     }
     void stop()
     {
-        cpu += processCpuSeconds() - cpuStart;
-        wall += wallSeconds() - wallStart;
+        cpu += BenchClock::process() - cpuStart;
+        wall += BenchClock::wall() - wallStart;
         const SchedStat now = SchedStat::read();
         sched.run += now.run - schedStart.run;
         sched.wait += now.wait - schedStart.wait;
@@ -291,9 +278,9 @@ struct SameStateSkein
     qint64 bytes = 0;
     void measure(const std::vector<QByteArray> &blocks)
     {
-        const double start = wallSeconds();
+        const double start = BenchClock::wall();
         hashAll(blocks);
-        seconds += wallSeconds() - start;
+        seconds += BenchClock::wall() - start;
         bytes += qint64(blocks.size()) * kBlockSize;
     }
     // addSeconds: the timed time of the adds.
