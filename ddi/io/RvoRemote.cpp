@@ -65,7 +65,7 @@ RvoRemote::RvoRemote(const RvoRemoteSpec::Remote &spec)
     for (int i = 0; i < spec.servers.size(); ++i) {
         auto server = std::make_unique<Server>();
         server->client = RvoRemoteServer::create(spec.servers.at(i));
-        server->shardName = spec.shardNames.value(i);
+        server->shardKey = spec.shardNames.value(i).toUtf8();
         m_Servers.push_back(std::move(server));
     }
 }
@@ -101,7 +101,7 @@ int RvoRemote::homeOf(const QString &name) const
     int best = 0;
     quint64 bestScore = 0;
     for (size_t i = 0; i < m_Servers.size(); ++i) {
-        const quint64 s = score(m_Servers[i]->shardName.toUtf8(), key);
+        const quint64 s = score(m_Servers[i]->shardKey, key);
         if (i == 0 || s > bestScore) {
             best = int(i);
             bestScore = s;

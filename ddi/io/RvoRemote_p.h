@@ -87,7 +87,7 @@ private:
     struct Server
     {
         std::unique_ptr<RvoRemoteServer> client;
-        QString shardName;
+        QByteArray shardKey; // the shard's name in UTF-8, for homeOf()
         std::atomic<qint64> availableAt {0}; // steady-clock milliseconds
         std::atomic<bool> failing {false}; // in an episode of failures
     };
