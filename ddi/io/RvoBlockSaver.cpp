@@ -4,6 +4,7 @@
 #include "RvoBlockFile_p.h"
 #include "RvoBufferPool_p.h"
 #include "RvoDdiDiagnostics_p.h"
+#include "RvoDiskLayout_p.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -39,6 +40,15 @@ void becomeBackgroundWorker()
     // only leaves the worker at its normal priority.
     setpriority(PRIO_PROCESS, id_t(syscall(SYS_gettid)), WorkerNice);
 #endif
+}
+
+// Whether the block file is there already: equal content saved before, or
+// by another process sharing the root. Asked under the block-file lock, so
+// that no collector deletes the file on an older look at the registry.
+bool alreadySaved(const QString &directory, const QString &fileName)
+{
+    std::lock_guard<std::mutex> fileLocker(blockFileLock());
+    return QFile::exists(directory + QDir::separator() + fileName);
 }
 
 // A save that finds its file there already.
@@ -226,9 +236,8 @@ void RvoBlockSaver::work()
 RvoBlockSaver::Outcome RvoBlockSaver::save(RvoBlockCodec &codec, const QByteArray &data,
                                            const QString &directory, const QString &fileName)
 {
-    // Equal content saved before, or by another process sharing the root:
-    // then nothing is compressed.
-    if (QFile::exists(directory + QDir::separator() + fileName))
+    // Nothing to compress then.
+    if (alreadySaved(directory, fileName))
         return found();
     const qint64 bound = codec.compressBound(data.size());
     RvoBufferPool::Buffer buffer;
@@ -245,7 +254,7 @@ RvoBlockSaver::Outcome RvoBlockSaver::save(RvoBlockCodec &codec, const QByteArra
 RvoBlockSaver::Outcome RvoBlockSaver::save(qint64 size, const char *payload, qint64 length,
                                            const QString &directory, const QString &fileName)
 {
-    if (QFile::exists(directory + QDir::separator() + fileName))
+    if (alreadySaved(directory, fileName))
         return found();
     return write(size, payload, length, directory, fileName);
 }
@@ -309,8 +318,10 @@ RvoBlockSaver::Outcome RvoBlockSaver::publish(const QString &directory, const QS
         return refused("Cannot Write File ", writeError);
     }
     // rename never replaces: when another writer published the same digest
-    // first, its file holds the same content and this copy goes.
+    // first, its file holds the same content and this copy goes. The file
+    // met there counts as saved, so it is met under the block-file lock.
     const QString path = directory + QDir::separator() + fileName;
+    std::lock_guard<std::mutex> fileLocker(blockFileLock());
     if (!file.rename(path)) {
         const QString renameError = file.errorString();
         QFile::remove(temporary);

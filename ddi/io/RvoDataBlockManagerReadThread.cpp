@@ -267,14 +267,21 @@ RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &has
     const QString path = directory + QDir::separator() + fileName;
 
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+    // Opened under the block-file lock: a block read from its file counts
+    // as saved, so no collector may delete the file on a look at the
+    // registry made before this digest was interned.
+    auto open = [&file] {
+        std::lock_guard<std::mutex> fileLocker(blockFileLock());
+        return file.open(QIODevice::ReadOnly | QIODevice::Unbuffered);
+    };
+    if (!open()) {
         // A save of this block may be under way: let the writers finish.
         // Writers with nothing to do are not flushed: that would only cost
         // the flush's pause, on every block a remote has to bring.
         RvoDataBlockManager &manager = RvoDataBlockManager::instance();
         if (manager.writesPending())
             manager.flush(false, RvoDataBlockManager::WriteThreads);
-        if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+        if (!open()) {
             const std::shared_ptr<RvoRemoteTier> tier
                     = RvoDataBlockManager::instance().remoteTier();
             if (tier && loadFromRemote(tier, promise, hash, makeLive, directory, fileName))

@@ -25,6 +25,12 @@ bool buildFilename(const RvoDataHash *hash, const QString &root, const QString &
     return true;
 }
 
+std::mutex &blockFileLock()
+{
+    static std::mutex lock;
+    return lock;
+}
+
 namespace {
 
 int code(char c)

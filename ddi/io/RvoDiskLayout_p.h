@@ -16,6 +16,8 @@
 #include <QString>
 #include <QtGlobal>
 
+#include <mutex>
+
 class RvoDataHash;
 
 constexpr int kBlockFileHeaderSize = 12;
@@ -37,5 +39,16 @@ bool isBlockFileName(const char *fileName, qsizetype length);
 // before renaming it: "write-" ... ".tmp".
 bool isTemporaryFileName(const QString &fileName);
 bool isTemporaryFileName(const char *fileName, qsizetype length);
+
+// Orders this process's "the block file is there" against the collectors'
+// "nobody holds this digest: delete its file". A save that finds its file
+// (and so writes nothing), a publish whose rename meets the file and a read
+// that opens it look under this lock, after their digest was interned; a
+// collector asks the registry and deletes under it. Without it a collector
+// could ask just before a digest is interned again and delete just after a
+// save counted on the file: the block would be freed as saved and lost.
+// Lock order: after a digest's lock and a collector thread's lock, before
+// the registry lock (RvoDataBlockManager.h); a holder takes no other lock.
+std::mutex &blockFileLock();
 
 #endif // RVODISKLAYOUT_P_H

@@ -115,15 +115,13 @@ void RvoGarbageCollectorThread::collect(RvoDataBlockManager::ProgressReporter *r
                         directories.append(entry.absoluteFilePath());
                 }
             }
-            RvoHashManager &registry = RvoHashManager::instance();
             for (const auto &candidate : std::as_const(candidates)) {
-                if (registry.isHashLive(QFileInfo(candidate.first).fileName()))
-                    continue;
                 // Switching collection off takes effect between two deletions.
                 if (!manager.garbageCollecting())
                     break;
-                deleteBlock(candidate.first);
-                if (m_Usage->share() > 0 && !QFile::exists(candidate.first))
+                if (!deleteIfDead(QFileInfo(candidate.first).fileName(), candidate.first))
+                    continue;
+                if (m_Usage->share() > 0)
                     m_Usage->removed(candidate.second);
             }
             m_SubCacheLock->downgrade();
@@ -186,7 +184,6 @@ void RvoGarbageCollectorThread::trim()
         return a.modifiedMs < b.modifiedMs;
     });
 
-    RvoHashManager &registry = RvoHashManager::instance();
     qint64 files = 0;
     qint64 bytes = 0;
     for (const Candidate &candidate : candidates) {
@@ -194,12 +191,7 @@ void RvoGarbageCollectorThread::trim()
             break;
         const RvoCacheScan::SubCache &subCache = scan.subCaches.at(candidate.subCache);
         const RvoCacheScan::BlockFile &file = subCache.blockFiles.at(candidate.file);
-        // A live digest's file may be the only copy of its block.
-        if (registry.isHashLive(QString::fromLatin1(file.name)))
-            continue;
-        const QString path = subCache.path(file);
-        deleteBlock(path);
-        if (QFile::exists(path))
+        if (!deleteIfDead(QString::fromLatin1(file.name), subCache.path(file)))
             continue;
         kept -= file.bytes;
         bytes += file.bytes;
@@ -214,6 +206,17 @@ void RvoGarbageCollectorThread::trim()
     m_Usage->setNextTrim(kept > share ? kept + share / 10 : share);
     qCDebug(lcDdi, "Disk cache %s trimmed: %lld files, %lld bytes deleted, %lld bytes kept",
             qPrintable(m_Root), files, bytes, kept);
+}
+
+bool RvoGarbageCollectorThread::deleteIfDead(const QString &fileName, const QString &path)
+{
+    // A live digest's file may be the only copy of its block. Asking and
+    // deleting are one step against saves and reads that count on the file.
+    std::lock_guard<std::mutex> fileLocker(blockFileLock());
+    if (RvoHashManager::instance().isHashLive(fileName))
+        return false;
+    deleteBlock(path);
+    return !QFile::exists(path);
 }
 
 void RvoGarbageCollectorThread::closeDown()

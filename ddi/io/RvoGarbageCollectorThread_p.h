@@ -40,9 +40,9 @@ class RvoDiskUsage;
 // manager's collectGarbage(); closeDown(), wake(), setShare() and
 // setSubCache() come from the manager. Lock order: a pass asks the manager
 // for its sub-cache name and for permission before it takes this thread's
-// lock, and takes no manager lock while it holds it (the registry's lock
-// only, inside isHashLive); so setSubCache, which holds the delete lock and
-// takes this lock, never waits in a cycle.
+// lock, and takes no manager lock while it holds it (only the block-file
+// lock and, inside it, the registry's lock in isHashLive); so setSubCache,
+// which holds the delete lock and takes this lock, never waits in a cycle.
 class RvoGarbageCollectorThread : public QThread
 {
 public:
@@ -54,6 +54,9 @@ public:
     void collect(RvoDataBlockManager::ProgressReporter *reporter, int *counter);
     // Removes a file if it exists.
     void deleteBlock(const QString &path);
+    // Removes the block file at `path` unless the digest `fileName` names is
+    // live; true when it is gone.
+    bool deleteIfDead(const QString &fileName, const QString &path);
     // One trim pass: walks the root and, when its block-file bytes are over
     // the share, deletes least recently used files down to 90 % of it.
     void trim();

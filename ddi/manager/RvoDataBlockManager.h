@@ -55,8 +55,10 @@ class RvoRemoteTier;
 //   1. the manager's delete lock (m_DeleteLock, recursive), which also
 //      guards the block table and its LRU;
 //   2. a block's accessor mutex (RvoDataBlock::m_Mutex);
-//   3. a digest's own lock (RvoDataHash::m_Lock), then the registry lock
-//      (RvoHashManager::m_Lock); the registry never takes a digest's lock;
+//   3. a digest's own lock (RvoDataHash::m_Lock), then the block-file lock
+//      (blockFileLock(), RvoDiskLayout_p.h), then the registry lock
+//      (RvoHashManager::m_Lock); the registry never takes a digest's lock,
+//      and the block-file lock's holders take only the registry lock;
 //   4. an IO thread's queue lock (write and read threads' m_Lock), a leaf:
 //      nothing is called out of the thread while it is held;
 //   5. the write threads' background block saver's lock
@@ -71,8 +73,9 @@ class RvoRemoteTier;
 // No lock of this list is held while a remote server is called.
 // A collector thread's lock (RvoGarbageCollectorThread::m_Lock) sits between
 // 1 and 3: setSubCache takes it inside the delete lock, and a pass holding
-// it takes only the registry lock (to ask whether a digest is live), never
-// the delete lock, a block's or a digest's lock.
+// it takes only the block-file lock and the registry lock (to ask whether a
+// digest is live and delete its file as one step), never the delete lock,
+// a block's or a digest's lock.
 // Outside this order, a sub-cache's lock file (RvoSubCacheLock, an flock
 // shared with other processes): setup and setSubCache take it shared before
 // the delete lock, because it may wait for another process's pass; a pass

@@ -67,8 +67,13 @@ void work(int id, qint64 endMs, const QElapsedTimer &clock, const std::vector<QB
             const RvoConstAccessor accessor = ref.constAccessor();
             const QByteArray &expected = contents[size_t(seed)];
             if (accessor.size() != expected.size()
-                || std::memcmp(accessor.data(), expected.constData(), size_t(expected.size())) != 0)
+                || std::memcmp(accessor.data(), expected.constData(), size_t(expected.size()))
+                        != 0) {
                 ++counters.wrong;
+                std::fprintf(stderr, "soak: a read of seed %d gave %lld bytes of %lld%s\n", seed,
+                             qint64(accessor.size()), qint64(expected.size()),
+                             accessor.size() == expected.size() ? ", not those added" : "");
+            }
             ++counters.reads;
         } else if (action < 80) {
             held[random() % held.size()].first.preload(
@@ -78,7 +83,12 @@ void work(int id, qint64 endMs, const QElapsedTimer &clock, const std::vector<QB
             // A copy released unchanged is the same content: the same digest.
             RvoDataReference source = held[random() % held.size()].first;
             RvoModifyAccessor copy = source.modifyAccessor();
-            counters.wrong += copy.release(RvoModifyAccessor::CacheContent, true) != source;
+            const qint64 size = copy.size();
+            if (copy.release(RvoModifyAccessor::CacheContent, true) != source) {
+                ++counters.wrong;
+                std::fprintf(stderr, "soak: unchanged copy of %lld bytes got another digest\n",
+                             size);
+            }
             ++counters.copies;
         } else {
             std::swap(held[random() % held.size()], held.back());
