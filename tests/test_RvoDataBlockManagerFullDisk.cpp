@@ -138,7 +138,8 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     EXPECT_EQ(lines.filter(QStringLiteral("Cannot save blocks under %1: No space left on device (")
                                    .arg(root))
                       .size(),
-              1);
+              1)
+            << qPrintable(lines.join(QLatin1Char('\n')));
     EXPECT_EQ(lines.count(QStringLiteral("Saving blocks under %1 again").arg(root)), 1);
     const QStringList printed = out.lines();
     EXPECT_EQ(printed.filter(QStringLiteral("Cannot ")).size(), 1)

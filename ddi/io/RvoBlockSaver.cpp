@@ -277,12 +277,16 @@ RvoBlockSaver::Outcome RvoBlockSaver::write(qint64 size, const char *payload, qi
 RvoBlockSaver::Outcome RvoBlockSaver::publish(const QString &directory, const QString &fileName,
                                               qint64 size, const char *payload, qint64 length)
 {
-    auto refused = [&fileName](const char *report, const QString &error) {
+    // Taken before the attempt: a thread preempted after its write failed
+    // must not pass a refusal from before saves succeeded again for a new
+    // one.
+    const auto attemptedAt = std::chrono::steady_clock::now();
+    auto refused = [&fileName, attemptedAt](const char *report, const QString &error) {
         Outcome outcome;
         outcome.refused = true;
         outcome.report = QLatin1String(report) + fileName;
         outcome.error = error;
-        outcome.refusedAt = std::chrono::steady_clock::now();
+        outcome.attemptedAt = attemptedAt;
         return outcome;
     };
     static std::atomic<quint64> serial {0};

@@ -58,7 +58,8 @@ public:
         QString report; // for a refused save: "Cannot Open File <name>" or
                         // "Cannot Write File <name>"
         QString error; // for a refused save: the system's reason
-        std::chrono::steady_clock::time_point refusedAt {}; // when it failed
+        // for a refused save: when the refused attempt began
+        std::chrono::steady_clock::time_point attemptedAt {};
     };
 
     // The process's saver. Its threads start on the first submit().

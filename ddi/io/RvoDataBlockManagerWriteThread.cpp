@@ -237,7 +237,7 @@ RvoDataBlockManagerWriteThread::nextDue(std::deque<Entry> &dropped, Clock::time_
     return m_Queue.end();
 }
 
-bool RvoDataBlockManagerWriteThread::park(Entry &&entry, Clock::time_point refusedAt)
+bool RvoDataBlockManagerWriteThread::park(Entry &&entry, Clock::time_point attemptedAt)
 {
     ++entry.refusals;
     // 1 s, doubling with each refusal, at most 30 s (by default).
@@ -254,7 +254,7 @@ bool RvoDataBlockManagerWriteThread::park(Entry &&entry, Clock::time_point refus
     ++m_ParkedInQueue;
     m_Queue.insert(position, std::move(entry));
     m_RefusedAttempts.fetch_add(1, std::memory_order_relaxed);
-    if (m_Refusing.load(std::memory_order_relaxed) || refusedAt < m_RecoveredAt)
+    if (m_Refusing.load(std::memory_order_relaxed) || attemptedAt < m_RecoveredAt)
         return false;
     m_Refusing.store(true, std::memory_order_relaxed);
     return true;
@@ -317,7 +317,7 @@ void RvoDataBlockManagerWriteThread::run()
         m_Current = nullptr;
         if (outcome.refused) {
             const int waiting = int(m_Queue.size()) + 1;
-            const bool episodeBegins = park(std::move(entry), outcome.refusedAt);
+            const bool episodeBegins = park(std::move(entry), outcome.attemptedAt);
             m_Busy = false;
             locker.unlock();
             m_Changed.notify_all();

@@ -141,10 +141,10 @@ private:
     std::deque<Entry>::iterator nextDue(std::deque<Entry> &dropped, Clock::time_point *wakeAt);
     // Puts a refused save back in the queue, ahead of the saves of its
     // priority, to be tried after its pause. True when it begins an episode
-    // of refusals (the caller reports it, without the lock): a refusal from
-    // before saves succeeded again (a background save that failed while the
-    // disk was still full) begins none. Requires m_Lock.
-    bool park(Entry &&entry, Clock::time_point refusedAt);
+    // of refusals (the caller reports it, without the lock): an attempt
+    // begun before saves succeeded again (a background save that failed
+    // while the disk was still full) begins none. Requires m_Lock.
+    bool park(Entry &&entry, Clock::time_point attemptedAt);
 
     const QString m_Root;
     // Guards m_SubCache, m_Queue, m_BytesInQueue, m_ParkedInQueue,

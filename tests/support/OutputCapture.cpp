@@ -2,6 +2,9 @@
 
 #include <QMutex>
 
+#include <gtest/gtest.h>
+
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -22,6 +25,14 @@ void collect(QtMsgType type, const QMessageLogContext &context, const QString &m
 }
 
 } // namespace
+
+StdoutCapture::~StdoutCapture()
+{
+    if (!::testing::Test::HasFailure())
+        return;
+    for (const QString &line : lines())
+        std::fprintf(stderr, "captured: %s\n", qPrintable(line));
+}
 
 DebugCapture::DebugCapture()
 {

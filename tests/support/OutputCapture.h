@@ -12,8 +12,15 @@
 
 #include <ostream>
 
-// Standard output, captured by the library's own class.
-using StdoutCapture = RvoOutputCapture;
+// Standard output, captured by the library's own class. GoogleTest prints
+// a failed expectation there too: when the test has failed, the captured
+// lines go to standard error at the end, so that the failure is not lost.
+class StdoutCapture : public RvoOutputCapture
+{
+public:
+    StdoutCapture() = default;
+    ~StdoutCapture();
+};
 
 // Collects the messages of the "rvoddi" category while it lives; other
 // messages go to the handler that was installed before.
