@@ -15,10 +15,8 @@
 // Standard output, captured by the library's own class. GoogleTest prints
 // a failed expectation there too: when the test has failed, the captured
 // lines go to standard error at the end, so that the failure is not lost.
-class StdoutCapture : public RvoOutputCapture
+struct StdoutCapture : RvoOutputCapture
 {
-public:
-    StdoutCapture() = default;
     ~StdoutCapture();
 };
 
