@@ -158,7 +158,7 @@ RvoRemoteEndpoint LocalServer::endpoint() const
     endpoint.host = QStringLiteral("127.0.0.1");
     endpoint.port = m_Port;
     endpoint.path = m_Kind == Nginx ? QStringLiteral("/tiles") : QString();
-    endpoint.connectTimeoutMs = 100;
+    endpoint.connectTimeoutMs = m_Tls ? 5000 : 100; // TLS handshakes are slow under sanitizers
     endpoint.operationTimeoutMs = 2000;
     return endpoint;
 }
