@@ -48,7 +48,8 @@ bool isTemporaryFileName(const char *fileName, qsizetype length);
 // could ask just before a digest is interned again and delete just after a
 // save counted on the file: the block would be freed as saved and lost.
 // Lock order: after a digest's lock and a collector thread's lock, before
-// the registry lock (RvoDataBlockManager.h); a holder takes no other lock.
+// the registry lock (RvoDataBlockManager.h); a holder takes no other lock
+// but the registry's (a collector, asking whether a digest is live).
 std::mutex &blockFileLock();
 
 #endif // RVODISKLAYOUT_P_H

@@ -8,7 +8,6 @@
 
 #include <QDateTime>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QStringList>
 
@@ -213,10 +212,7 @@ bool RvoGarbageCollectorThread::deleteIfDead(const QString &fileName, const QStr
     // A live digest's file may be the only copy of its block. Asking and
     // deleting are one step against saves and reads that count on the file.
     std::lock_guard<std::mutex> fileLocker(blockFileLock());
-    if (RvoHashManager::instance().isHashLive(fileName))
-        return false;
-    deleteBlock(path);
-    return !QFile::exists(path);
+    return !RvoHashManager::instance().isHashLive(fileName) && deleteBlock(path);
 }
 
 void RvoGarbageCollectorThread::closeDown()

@@ -6,8 +6,8 @@
 
 #include <QFile>
 
-void RvoGarbageCollectorThread::deleteBlock(const QString &path)
+bool RvoGarbageCollectorThread::deleteBlock(const QString &path)
 {
-    if (QFile::exists(path))
-        QFile::remove(path);
+    // One unlink when the file is there; a file already gone is gone.
+    return QFile::remove(path) || !QFile::exists(path);
 }

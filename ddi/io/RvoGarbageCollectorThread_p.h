@@ -52,8 +52,8 @@ public:
     // One full pass. With both reporter and counter, counts each directory
     // visited and reports the count.
     void collect(RvoDataBlockManager::ProgressReporter *reporter, int *counter);
-    // Removes a file if it exists.
-    void deleteBlock(const QString &path);
+    // Removes a file if it exists; true when it is gone.
+    bool deleteBlock(const QString &path);
     // Removes the block file at `path` unless the digest `fileName` names is
     // live; true when it is gone.
     bool deleteIfDead(const QString &fileName, const QString &path);

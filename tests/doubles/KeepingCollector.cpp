@@ -1,8 +1,10 @@
-// Test double: a garbage collector that keeps everything. The real
-// collector walks the sub-cache and reports its progress, but this
-// deleteBlock never removes a file. A test executable links it ahead of the
-// library archive (rvoddi_archive), so the real deleteBlock is never linked.
+// Test double: a collector that walks and reports as the real one does but
+// keeps every file. A test executable links this deleteBlock ahead of the
+// library archive (rvoddi_archive), so the real one is never linked.
 
 #include "RvoGarbageCollectorThread_p.h"
 
-void RvoGarbageCollectorThread::deleteBlock(const QString &) { }
+bool RvoGarbageCollectorThread::deleteBlock(const QString &)
+{
+    return false;
+}
