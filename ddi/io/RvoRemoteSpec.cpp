@@ -84,7 +84,7 @@ bool parseEntry(const QString &entry, RvoRemoteSpec::Remote *remote, QString *er
                    && (parsed = number(value, 0, 1 << 20)) >= 0) {
             remote->uploadQueueBytes = parsed << 20;
         } else if (name == QLatin1String("ca-file") && !value.isEmpty()) {
-            if (!QFileInfo(value).isFile() || !QFileInfo(value).isReadable()) {
+            if (const QFileInfo file(value); !file.isFile() || !file.isReadable()) {
                 *error = QStringLiteral("cannot read the ca-file '%1'").arg(value);
                 return false;
             }

@@ -184,12 +184,9 @@ QString LocalServer::accessLogPath() const
     return dir() + QStringLiteral("/access.log");
 }
 
-// A self-signed certificate for 127.0.0.1 (cert.pem, key.pem in `dir`), made
-// once.
+// A self-signed certificate for 127.0.0.1: cert.pem and key.pem in `dir`.
 static bool makeCertificate(const QString &dir, QString *error)
 {
-    if (QFile::exists(dir + QStringLiteral("/cert.pem")))
-        return true;
     ChildProcess openssl;
     ChildProcess::Options options;
     options.directory = dir;
@@ -245,7 +242,7 @@ QStringList LocalServer::arguments(QString *error)
     }
     QString listen = QStringLiteral("127.0.0.1:%1").arg(port());
     if (m_Tls) {
-        if (!makeCertificate(d, error))
+        if (!QFile::exists(certificatePath()) && !makeCertificate(d, error))
             return {};
         listen += QStringLiteral(" ssl; ssl_certificate %1; ssl_certificate_key %2/key.pem")
                           .arg(certificatePath(), d);
