@@ -1,7 +1,7 @@
 #include "LocalServer.h"
 #include "ManagerTestAccess.h"
 #include "RvoBlockFile_p.h"
-#include "RvoRemoteServer_p.h"
+#include "RvoRemoteClient_p.h"
 #include "RvoRemote_p.h"
 
 #include <QElapsedTimer>
@@ -65,8 +65,8 @@ QStringList remoteStats()
 bool holds(const LocalServer &server, const QString &name)
 {
     QByteArray bytes;
-    return RvoRemoteServer::create(server.endpoint())->get(name, &bytes).status
-            == RvoRemoteServer::Found;
+    return RvoRemoteClient::create(server.endpoint())->get(name, &bytes).status
+            == RvoRemoteClient::Found;
 }
 
 } // namespace
@@ -137,7 +137,7 @@ TEST(RvoRemoteTier, DamagedFilesAreRejectedAndASilentRemoteCostsAtMostItsTimeout
     const char *faults[] = {"lengths", "digest", "lengths"};
     for (int i = 0; i < 3; ++i)
         writeFile(nginx.filePath(nameOf(testContent(i + 1, 30000))), served[i]);
-    RvoRemoteServer::create(redis.endpoint())
+    RvoRemoteClient::create(redis.endpoint())
             ->put(nameOf(testContent(2, 30000)), blockFile(testContent(2, 30000)));
 
     ManagerSetup setup;

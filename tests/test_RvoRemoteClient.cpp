@@ -1,6 +1,6 @@
 #include "LocalServer.h"
 #include "ManagerTestAccess.h"
-#include "RvoRemoteServer_p.h"
+#include "RvoRemoteClient_p.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -13,7 +13,7 @@
 
 namespace {
 
-using Remote = RvoRemoteServer;
+using Remote = RvoRemoteClient;
 
 QString blockName(int i)
 {
@@ -46,7 +46,7 @@ std::optional<QByteArray> askRedis(int port, const char *command, const QByteArr
     } while (false)
 
 // Both kinds of server through the same tests.
-class RemoteServerTest : public ::testing::TestWithParam<LocalServer::Kind>
+class RemoteClientTest : public ::testing::TestWithParam<LocalServer::Kind>
 {
 protected:
     std::unique_ptr<Remote> client() { return Remote::create(m_Endpoint); }
@@ -89,7 +89,7 @@ protected:
 
 // A second put of a name sends nothing (HTTP: HEAD finds it) or is refused
 // by SET NX: other bytes under the same name leave the first ones.
-TEST_P(RemoteServerTest, PutThenGetGivesTheBytesBackStoredUnderTheirKeyAndTheFirstPutWins)
+TEST_P(RemoteClientTest, PutThenGetGivesTheBytesBackStoredUnderTheirKeyAndTheFirstPutWins)
 {
     START_SERVER();
     const auto remote = client();
@@ -113,7 +113,7 @@ TEST_P(RemoteServerTest, PutThenGetGivesTheBytesBackStoredUnderTheirKeyAndTheFir
 
 // Calls from several threads through one client are all served, over no
 // more connections than calls at once: the pool reuses them.
-TEST_P(RemoteServerTest, ThreadsShareOneClientOverPooledConnections)
+TEST_P(RemoteClientTest, ThreadsShareOneClientOverPooledConnections)
 {
     START_SERVER();
     const auto remote = client();
@@ -141,7 +141,7 @@ TEST_P(RemoteServerTest, ThreadsShareOneClientOverPooledConnections)
 // A paused server accepts connections but never answers: the operation
 // timeout bounds the wait, even on a pooled connection. A stopped one
 // refuses at once.
-TEST_P(RemoteServerTest, RestartedServerIsUsedAtOnceAPausedOrStoppedOneIsUnavailableInTime)
+TEST_P(RemoteClientTest, RestartedServerIsUsedAtOnceAPausedOrStoppedOneIsUnavailableInTime)
 {
     START_SERVER();
     m_Endpoint.operationTimeoutMs = 500;
@@ -174,7 +174,7 @@ TEST_P(RemoteServerTest, RestartedServerIsUsedAtOnceAPausedOrStoppedOneIsUnavail
     }
 }
 
-TEST_P(RemoteServerTest, WrongOrMissingCredentialsAreUnauthorizedWithoutThePassword)
+TEST_P(RemoteClientTest, WrongOrMissingCredentialsAreUnauthorizedWithoutThePassword)
 {
     // nginx asks "alice" for it; Redis anyone, and the ACL user "alice".
     m_Server.requirePassword(QStringLiteral("alice"), QStringLiteral("s3cret"));
@@ -215,7 +215,7 @@ TEST_P(RemoteServerTest, WrongOrMissingCredentialsAreUnauthorizedWithoutThePassw
 // Redis: the endpoint's path "/N" names the database the keys go to. HTTP:
 // a body announced larger than any block file is refused from its headers,
 // not read (the file is sparse: none of it is on disk).
-TEST_P(RemoteServerTest, RedisPathSelectsTheDatabaseAndAnOversizedHttpBodyIsRefusedUnread)
+TEST_P(RemoteClientTest, RedisPathSelectsTheDatabaseAndAnOversizedHttpBodyIsRefusedUnread)
 {
     START_SERVER();
     Remote::Result result;
@@ -247,7 +247,7 @@ TEST_P(RemoteServerTest, RedisPathSelectsTheDatabaseAndAnOversizedHttpBodyIsRefu
 // HTTPS: the server's certificate is checked. One the system's authorities
 // did not sign is refused, with the reason, before anything is sent; with
 // ca-file naming it, blocks go and come back.
-TEST(RvoHttpsRemoteServer, ServerCertificateIsCheckedAgainstTheSystemsOrTheCaFile)
+TEST(RvoHttpsRemoteClient, ServerCertificateIsCheckedAgainstTheSystemsOrTheCaFile)
 {
     LocalServer server(LocalServer::Nginx);
     server.useTls();
@@ -265,7 +265,7 @@ TEST(RvoHttpsRemoteServer, ServerCertificateIsCheckedAgainstTheSystemsOrTheCaFil
     EXPECT_EQ(fetched, "bytes");
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, RemoteServerTest,
+INSTANTIATE_TEST_SUITE_P(Servers, RemoteClientTest,
                          ::testing::Values(LocalServer::Nginx, LocalServer::Redis),
                          [](const ::testing::TestParamInfo<LocalServer::Kind> &info) {
                              return std::string(info.param == LocalServer::Nginx ? "Nginx"

@@ -1,8 +1,8 @@
-#ifndef RVOHTTPREMOTESERVER_P_H
-#define RVOHTTPREMOTESERVER_P_H
+#ifndef RVOHTTPCLIENT_P_H
+#define RVOHTTPCLIENT_P_H
 
 #include "RvoConnectionPool_p.h"
-#include "RvoRemoteServer_p.h"
+#include "RvoRemoteClient_p.h"
 
 // The client of an HTTP server that takes PUT and GET under a base URL
 // (nginx with WebDAV, Apache, Artifactory...), through libcurl. A block file
@@ -18,13 +18,13 @@
 // directly. A body larger than kMaxValueSize is refused (Unavailable,
 // "body too large") before it is all buffered.
 //
-// Threading: see RvoRemoteServer. Each call takes a curl easy handle from
+// Threading: see RvoRemoteClient. Each call takes a curl easy handle from
 // the pool; the handle keeps its connection open for the next call.
-class RvoHttpRemoteServer : public RvoRemoteServer
+class RvoHttpClient : public RvoRemoteClient
 {
 public:
-    explicit RvoHttpRemoteServer(const RvoRemoteEndpoint &endpoint);
-    ~RvoHttpRemoteServer() override;
+    explicit RvoHttpClient(const RvoRemoteEndpoint &endpoint);
+    ~RvoHttpClient() override;
 
     Result get(const QString &name, QByteArray *bytes) override;
     Result put(const QString &name, const QByteArray &bytes) override;
@@ -49,4 +49,4 @@ private:
     RvoConnectionPool<void, CleanUp> m_Handles;
 };
 
-#endif // RVOHTTPREMOTESERVER_P_H
+#endif // RVOHTTPCLIENT_P_H

@@ -64,7 +64,7 @@ RvoRemote::RvoRemote(const RvoRemoteSpec::Remote &spec)
 {
     for (int i = 0; i < spec.servers.size(); ++i) {
         auto server = std::make_unique<Server>();
-        server->client = RvoRemoteServer::create(spec.servers.at(i));
+        server->client = RvoRemoteClient::create(spec.servers.at(i));
         server->shardKey = spec.shardNames.value(i).toUtf8();
         m_Servers.push_back(std::move(server));
     }
@@ -115,7 +115,7 @@ bool RvoRemote::available(int server, qint64 now) const
     return m_Servers[size_t(server)]->availableAt.load(std::memory_order_relaxed) <= now;
 }
 
-void RvoRemote::failed(int server, const RvoRemoteServer::Result &result)
+void RvoRemote::failed(int server, const RvoRemoteClient::Result &result)
 {
     Server &s = *m_Servers[size_t(server)];
     m_Errors.fetch_add(1, std::memory_order_relaxed);
@@ -125,7 +125,7 @@ void RvoRemote::failed(int server, const RvoRemoteServer::Result &result)
         return;
     const QString url = s.client->endpoint().maskedUrl();
     const QString seconds = QString::number(pause / 1000.0);
-    if (result.status == RvoRemoteServer::Unauthorized) {
+    if (result.status == RvoRemoteClient::Unauthorized) {
         // A configuration mistake the operator must see, not only a
         // diagnostic: printed as well.
         const QString message
@@ -152,14 +152,14 @@ bool RvoRemote::get(const QString &name, QByteArray *bytes)
     const int server = homeOf(name);
     if (m_Servers.empty() || !available(server, nowMs()))
         return false;
-    const RvoRemoteServer::Result result = m_Servers[size_t(server)]->client->get(name, bytes);
+    const RvoRemoteClient::Result result = m_Servers[size_t(server)]->client->get(name, bytes);
     switch (result.status) {
-    case RvoRemoteServer::Found:
+    case RvoRemoteClient::Found:
         answered(server);
         m_Hits.fetch_add(1, std::memory_order_relaxed);
         m_BytesRead.fetch_add(bytes->size(), std::memory_order_relaxed);
         return true;
-    case RvoRemoteServer::Missing:
+    case RvoRemoteClient::Missing:
         answered(server);
         m_Misses.fetch_add(1, std::memory_order_relaxed);
         break;
@@ -224,13 +224,13 @@ bool RvoRemote::send(const Upload &upload)
     if (bytes.size() != upload.bytes)
         return true;
     file.close();
-    const RvoRemoteServer::Result result
+    const RvoRemoteClient::Result result
             = m_Servers[size_t(upload.server)]->client->put(upload.name, bytes);
     switch (result.status) {
-    case RvoRemoteServer::Stored:
+    case RvoRemoteClient::Stored:
         m_BytesWritten.fetch_add(bytes.size(), std::memory_order_relaxed);
         Q_FALLTHROUGH();
-    case RvoRemoteServer::Present:
+    case RvoRemoteClient::Present:
         answered(upload.server);
         return true;
     default:

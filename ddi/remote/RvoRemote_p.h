@@ -1,7 +1,7 @@
 #ifndef RVOREMOTE_P_H
 #define RVOREMOTE_P_H
 
-#include "RvoRemoteServer_p.h"
+#include "RvoRemoteClient_p.h"
 #include "RvoRemoteSpec_p.h"
 
 #include <QByteArray>
@@ -86,7 +86,7 @@ private:
 
     struct Server
     {
-        std::unique_ptr<RvoRemoteServer> client;
+        std::unique_ptr<RvoRemoteClient> client;
         QByteArray shardKey; // the shard's name in UTF-8, for homeOf()
         std::atomic<qint64> availableAt {0}; // steady-clock milliseconds
         std::atomic<bool> failing {false}; // in an episode of failures
@@ -104,7 +104,7 @@ private:
     bool available(int server, qint64 now) const;
     // Counts a failed call and starts the server's pause; reports the
     // episode's first failure.
-    void failed(int server, const RvoRemoteServer::Result &result);
+    void failed(int server, const RvoRemoteClient::Result &result);
     // Reports the end of an episode, if one was running.
     void answered(int server);
     // Sends one file. False when the server failed (the upload waits).

@@ -1,5 +1,5 @@
-#ifndef RVOREMOTESERVER_P_H
-#define RVOREMOTESERVER_P_H
+#ifndef RVOREMOTECLIENT_P_H
+#define RVOREMOTECLIENT_P_H
 
 #include "RvoRemoteEndpoint_p.h"
 
@@ -26,7 +26,7 @@
 // Each call uses a connection of its own from a small pool the client keeps
 // (connections are reused, never shared by two calls at once); a
 // connection that failed is closed rather than reused.
-class RvoRemoteServer
+class RvoRemoteClient
 {
 public:
     enum Status {
@@ -53,8 +53,8 @@ public:
     static const qint64 kMaxValueSize;
 
     // A client for the endpoint's scheme.
-    static std::unique_ptr<RvoRemoteServer> create(const RvoRemoteEndpoint &endpoint);
-    virtual ~RvoRemoteServer() = default;
+    static std::unique_ptr<RvoRemoteClient> create(const RvoRemoteEndpoint &endpoint);
+    virtual ~RvoRemoteClient() = default;
 
     const RvoRemoteEndpoint &endpoint() const { return m_Endpoint; }
 
@@ -65,10 +65,10 @@ public:
     virtual Result put(const QString &name, const QByteArray &bytes) = 0;
 
 protected:
-    explicit RvoRemoteServer(const RvoRemoteEndpoint &endpoint) : m_Endpoint(endpoint) { }
+    explicit RvoRemoteClient(const RvoRemoteEndpoint &endpoint) : m_Endpoint(endpoint) { }
 
 private:
     const RvoRemoteEndpoint m_Endpoint;
 };
 
-#endif // RVOREMOTESERVER_P_H
+#endif // RVOREMOTECLIENT_P_H

@@ -1,8 +1,8 @@
-#ifndef RVOREDISREMOTESERVER_P_H
-#define RVOREDISREMOTESERVER_P_H
+#ifndef RVOREDISCLIENT_P_H
+#define RVOREDISCLIENT_P_H
 
 #include "RvoConnectionPool_p.h"
-#include "RvoRemoteServer_p.h"
+#include "RvoRemoteClient_p.h"
 
 struct redisContext;
 struct redisReply;
@@ -21,13 +21,13 @@ struct redisReply;
 // text; any other error, a timeout or a closed connection is Unavailable,
 // and the connection is closed rather than reused.
 //
-// Threading: see RvoRemoteServer. Each call takes a connection from the
+// Threading: see RvoRemoteClient. Each call takes a connection from the
 // pool; one the server closed while it was idle is dropped, not used.
-class RvoRedisRemoteServer : public RvoRemoteServer
+class RvoRedisClient : public RvoRemoteClient
 {
 public:
-    explicit RvoRedisRemoteServer(const RvoRemoteEndpoint &endpoint);
-    ~RvoRedisRemoteServer() override;
+    explicit RvoRedisClient(const RvoRemoteEndpoint &endpoint);
+    ~RvoRedisClient() override;
 
     Result get(const QString &name, QByteArray *bytes) override;
     Result put(const QString &name, const QByteArray &bytes) override;
@@ -54,4 +54,4 @@ private:
     RvoConnectionPool<redisContext, Free> m_Connections;
 };
 
-#endif // RVOREDISREMOTESERVER_P_H
+#endif // RVOREDISCLIENT_P_H

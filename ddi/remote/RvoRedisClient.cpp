@@ -1,4 +1,4 @@
-#include "RvoRedisRemoteServer_p.h"
+#include "RvoRedisClient_p.h"
 
 #include <hiredis.h>
 
@@ -53,9 +53,9 @@ timeval timeout(int ms)
     return {ms / 1000, (ms % 1000) * 1000};
 }
 
-RvoRemoteServer::Result unavailable(const QString &reason)
+RvoRemoteClient::Result unavailable(const QString &reason)
 {
-    return {RvoRemoteServer::Unavailable, reason};
+    return {RvoRemoteClient::Unavailable, reason};
 }
 
 // Whether an idle connection is still open: the server sends nothing
@@ -73,24 +73,24 @@ QByteArray key(const QString &name)
 
 } // namespace
 
-void RvoRedisRemoteServer::Free::operator()(redisContext *context) const
+void RvoRedisClient::Free::operator()(redisContext *context) const
 {
     redisFree(context);
 }
 
-void RvoRedisRemoteServer::Free::operator()(redisReply *reply) const
+void RvoRedisClient::Free::operator()(redisReply *reply) const
 {
     freeReplyObject(reply);
 }
 
-RvoRedisRemoteServer::RvoRedisRemoteServer(const RvoRemoteEndpoint &endpoint)
-    : RvoRemoteServer(endpoint)
+RvoRedisClient::RvoRedisClient(const RvoRemoteEndpoint &endpoint)
+    : RvoRemoteClient(endpoint)
 {
 }
 
-RvoRedisRemoteServer::~RvoRedisRemoteServer() = default;
+RvoRedisClient::~RvoRedisClient() = default;
 
-RvoRedisRemoteServer::Reply RvoRedisRemoteServer::command(redisContext *context,
+RvoRedisClient::Reply RvoRedisClient::command(redisContext *context,
                                                           const QList<QByteArray> &arguments,
                                                           Result *failure,
                                                           bool authenticating) const
@@ -132,7 +132,7 @@ RvoRedisRemoteServer::Reply RvoRedisRemoteServer::command(redisContext *context,
     return Reply();
 }
 
-RvoRedisRemoteServer::Connection RvoRedisRemoteServer::connection(Result *failure)
+RvoRedisClient::Connection RvoRedisClient::connection(Result *failure)
 {
     while (Connection idle = m_Connections.take()) {
         if (isOpen(idle.get()))
@@ -175,7 +175,7 @@ RvoRedisRemoteServer::Connection RvoRedisRemoteServer::connection(Result *failur
     return context;
 }
 
-RvoRemoteServer::Result RvoRedisRemoteServer::get(const QString &name, QByteArray *bytes)
+RvoRemoteClient::Result RvoRedisClient::get(const QString &name, QByteArray *bytes)
 {
     bytes->clear();
     Result result;
@@ -199,7 +199,7 @@ RvoRemoteServer::Result RvoRedisRemoteServer::get(const QString &name, QByteArra
     return result;
 }
 
-RvoRemoteServer::Result RvoRedisRemoteServer::put(const QString &name, const QByteArray &bytes)
+RvoRemoteClient::Result RvoRedisClient::put(const QString &name, const QByteArray &bytes)
 {
     if (bytes.size() > kMaxValueSize)
         return unavailable(QStringLiteral("body too large"));

@@ -1,4 +1,4 @@
-#include "RvoHttpRemoteServer_p.h"
+#include "RvoHttpClient_p.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -28,27 +28,27 @@ curl_slist *noExpectHeader()
     return headers;
 }
 
-RvoRemoteServer::Result unavailable(const QString &reason)
+RvoRemoteClient::Result unavailable(const QString &reason)
 {
-    return {RvoRemoteServer::Unavailable, reason};
+    return {RvoRemoteClient::Unavailable, reason};
 }
 
 // The outcome of a status that is none the caller expects, or of a failed
 // transfer (status 0, *failure already set).
-RvoRemoteServer::Result refused(long status, const RvoRemoteServer::Result &failure)
+RvoRemoteClient::Result refused(long status, const RvoRemoteClient::Result &failure)
 {
     if (status == 0)
         return failure;
     const QString reason = QStringLiteral("HTTP %1").arg(status);
     if (status == 401 || status == 403)
-        return {RvoRemoteServer::Unauthorized, reason};
+        return {RvoRemoteClient::Unauthorized, reason};
     return unavailable(reason);
 }
 
 } // namespace
 
 // One request's buffers, seen by curl's callbacks.
-struct RvoHttpRemoteServer::Transfer
+struct RvoHttpClient::Transfer
 {
     CURL *curl = nullptr;
     QByteArray *download = nullptr; // where a 200's body goes; null: discard
@@ -101,19 +101,19 @@ struct RvoHttpRemoteServer::Transfer
     }
 };
 
-void RvoHttpRemoteServer::CleanUp::operator()(void *handle) const
+void RvoHttpClient::CleanUp::operator()(void *handle) const
 {
     curl_easy_cleanup(handle);
 }
 
-RvoHttpRemoteServer::RvoHttpRemoteServer(const RvoRemoteEndpoint &endpoint)
-    : RvoRemoteServer(endpoint)
+RvoHttpClient::RvoHttpClient(const RvoRemoteEndpoint &endpoint)
+    : RvoRemoteClient(endpoint)
 {
 }
 
-RvoHttpRemoteServer::~RvoHttpRemoteServer() = default;
+RvoHttpClient::~RvoHttpClient() = default;
 
-RvoHttpRemoteServer::Handle RvoHttpRemoteServer::handle(Result *failure)
+RvoHttpClient::Handle RvoHttpClient::handle(Result *failure)
 {
     Handle handle = m_Handles.take();
     if (handle) {
@@ -145,7 +145,7 @@ RvoHttpRemoteServer::Handle RvoHttpRemoteServer::handle(Result *failure)
     return handle;
 }
 
-long RvoHttpRemoteServer::perform(Handle handle, qint64 timeoutMs, Transfer *transfer,
+long RvoHttpClient::perform(Handle handle, qint64 timeoutMs, Transfer *transfer,
                                   Result *failure)
 {
     CURL *curl = handle.get();
@@ -171,7 +171,7 @@ long RvoHttpRemoteServer::perform(Handle handle, qint64 timeoutMs, Transfer *tra
     return status;
 }
 
-QByteArray RvoHttpRemoteServer::keyUrl(const QString &name) const
+QByteArray RvoHttpClient::keyUrl(const QString &name) const
 {
     return endpoint().plainUrl().toUtf8() + '/' + QUrl::toPercentEncoding(name.left(2)) + '/'
             + QUrl::toPercentEncoding(name);
@@ -183,7 +183,7 @@ static bool isValidName(const QString &name)
     return !name.isEmpty() && !name.startsWith(QLatin1Char('.'));
 }
 
-RvoRemoteServer::Result RvoHttpRemoteServer::get(const QString &name, QByteArray *bytes)
+RvoRemoteClient::Result RvoHttpClient::get(const QString &name, QByteArray *bytes)
 {
     bytes->clear();
     if (!isValidName(name))
@@ -205,7 +205,7 @@ RvoRemoteServer::Result RvoHttpRemoteServer::get(const QString &name, QByteArray
     return refused(status, result);
 }
 
-RvoRemoteServer::Result RvoHttpRemoteServer::put(const QString &name, const QByteArray &bytes)
+RvoRemoteClient::Result RvoHttpClient::put(const QString &name, const QByteArray &bytes)
 {
     if (!isValidName(name))
         return unavailable(QStringLiteral("invalid name"));
