@@ -13,7 +13,7 @@ using Reader = RvoDataBlockManagerReadThread;
 TEST(RvoDataBlockManagerReadThread, QueueOrdersPromotesAndDropsOnlyBackgroundAndLoadsAreCounted)
 {
     QTemporaryDir root;
-    Reader reader(root.path(), 10, 50, nullptr);
+    Reader reader(Access::manager(), root.path(), 10, 50, nullptr);
     const char *names[]
             = {"Friday", "Wednesday", "Monday", "Saturday", "Thursday", "Sunday", "Tuesday"};
     const int priorities[] = {0, 1, 0, 1, 1, 2, 0};

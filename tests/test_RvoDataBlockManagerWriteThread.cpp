@@ -15,7 +15,7 @@ using Writer = RvoDataBlockManagerWriteThread;
 TEST(RvoDataBlockManagerWriteThread, QueueServesPrioritiesInOrderAndNoBlockOnDiskIsWrittenAgain)
 {
     QTemporaryDir root;
-    Writer writer(root.path(), 10, 4, nullptr);
+    Writer writer(Access::manager(), root.path(), 10, 4, nullptr);
     bool deleted[2] = {false, false};
     std::unique_ptr<TrackedBlock> kept(new TrackedBlock(testContent(0, 100), &deleted[0]));
     auto *owned = new TrackedBlock(testContent(1, 100), &deleted[1]);
@@ -112,7 +112,7 @@ TEST(RvoDataBlockManagerWriteThread, RefusedSavesWaitAndAreRetriedUntilTheDiskTa
     const QString root = dir.path() + QStringLiteral("/file/root");
     ASSERT_TRUE(writeFile(dir.path() + QStringLiteral("/file"), "x"));
     ManagerSetup setup; // a last digest release reaches the manager
-    Writer writer(root, 10, 10, nullptr);
+    Writer writer(Access::manager(), root, 10, 10, nullptr);
     writer.setRetryPauses(std::chrono::milliseconds(100), std::chrono::milliseconds(400));
     QVector<QByteArray> contents;
     QVector<RvoSmartPointer<RvoDataHash>> hashes;
