@@ -83,8 +83,8 @@ RvoBlockStore &RvoBlockStore::instance()
 }
 
 RvoDataBlockManager::Private::Private(RvoDataBlockManager &owner)
-    : m_Blocks(std::make_unique<RvoBlockTable>())
-    , q(owner)
+    : q(owner)
+    , m_Blocks(std::make_unique<RvoBlockTable>())
 {
 }
 
