@@ -84,6 +84,7 @@ RvoDataBlockManagerReadThread::RvoDataBlockManagerReadThread(RvoDiskHost &host, 
     , m_BucketCount(bucketCount)
     , m_MaxRequests(maxRequests)
 {
+    setObjectName(QStringLiteral("rvoddi-read")); // the thread's name, for top -H and debuggers
 }
 
 RvoDataBlockManagerReadThread::~RvoDataBlockManagerReadThread()

@@ -25,6 +25,7 @@ RvoDataBlockManagerWriteThread::RvoDataBlockManagerWriteThread(RvoDiskHost &host
     , m_MaxRequests(maxRequests)
     , m_BucketCount(bucketCount)
 {
+    setObjectName(QStringLiteral("rvoddi-write")); // the thread's name, for top -H and debuggers
 }
 
 RvoDataBlockManagerWriteThread::~RvoDataBlockManagerWriteThread()

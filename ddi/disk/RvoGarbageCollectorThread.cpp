@@ -38,6 +38,7 @@ RvoGarbageCollectorThread::RvoGarbageCollectorThread(RvoDiskHost &host, const QS
     , m_BucketCount(bucketCount)
     , m_Usage(std::make_shared<RvoDiskUsage>())
 {
+    setObjectName(QStringLiteral("rvoddi-collect")); // the thread's name, for top -H and debuggers
 }
 
 RvoGarbageCollectorThread::~RvoGarbageCollectorThread()
