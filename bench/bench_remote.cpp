@@ -1,8 +1,10 @@
 // The remote tier on this machine, against a local nginx (WebDAV) and a local
 // Redis started for the run, with distinct 256 KiB image-like tiles (2,048 by
-// default).
+// default). A server "at D ms" is reached through the delay proxy of the
+// tests (tests/support/DelayProxy.h), which holds every byte D ms in each
+// direction: a round trip costs 2 D.
 //
-//   ingest/none, ingest/nginx, ingest/redis
+//   ingest/none, ingest/nginx, ingest/redis, ingest/<server>@D
 //       Adds every tile through a manager with a 64 MiB budget and one root
 //       (asynchronous adds, waiting in 1 ms steps while the write queue is
 //       full), then flush(true, WriteThreads): the time until every block is
@@ -10,12 +12,13 @@
 //       flush(true, AllThreads) returns as well, every block uploaded;
 //       upload_cpu_ms_per_tile: the CPU of the upload threads, and
 //       upload_sys_ms_per_tile the part of it spent in the kernel (on
-//       loopback that includes much of the receiving side's TCP work). Each
-//       run starts with an empty root and an empty server. The cost of the
-//       uploads is ingest/<server> against ingest/none.
-//   read/disk, read/nginx, read/redis
+//       loopback that includes much of the receiving side's TCP work);
+//       uploads_skipped: the uploads the full queue dropped. Each run starts
+//       with an empty root and an empty server. The cost of the uploads is
+//       ingest/<server> against ingest/none.
+//   read/disk, read/nginx, read/redis, read/<server>@D
 //       A second process reads every tile back through const accessors,
-//       preloading 16 ahead: from a root that holds the block files (disk),
+//       preloading 64 ahead: from a root that holds the block files (disk),
 //       or from an empty root with the remote tier (each file fetched,
 //       checked against its name, published into the root and decoded).
 //   fetch/nginx, fetch/redis
@@ -32,6 +35,7 @@
 // bench_remote [--tiles N] [benchmark options]
 // bench_remote --read SPEC ROOT NAMES   the second process (internal)
 
+#include "DelayProxy.h"
 #include "LocalServer.h"
 #include "RvoConstAccessor.h"
 #include "RvoDataBlockManager.h"
@@ -67,7 +71,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr qint64 kBudget = 64LL << 20;
-constexpr int kReadAhead = 16;
+constexpr int kReadAhead = 64;
 
 int g_Tiles = 2048;
 
@@ -146,6 +150,49 @@ QString specOf(const std::string &server)
     return QString();
 }
 
+// A server `delayMs` away: a proxy, and the setting that reaches the server
+// through it (none for a negative delay: the server itself).
+struct Distance
+{
+    Distance(const std::string &server, int delayMs)
+    {
+        const LocalServer *local = serverOf(server);
+        spec = specOf(server);
+        if (!local || delayMs < 0)
+            return;
+        proxy = std::make_unique<DelayProxy>(local->port(), std::chrono::milliseconds(delayMs));
+        proxy->start();
+        RvoRemoteEndpoint endpoint = local->endpoint();
+        endpoint.port = proxy->port();
+        spec = endpoint.plainUrl();
+    }
+    std::unique_ptr<DelayProxy> proxy;
+    QString spec;
+};
+
+// The uploads that the remotes' full queues skipped: the statistics lines'
+// "N uploads skipped", summed.
+qint64 uploadsSkipped()
+{
+    static QStringList *lines = nullptr;
+    QStringList captured;
+    lines = &captured;
+    QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=true"));
+    const QtMessageHandler previous
+            = qInstallMessageHandler([](QtMsgType, const QMessageLogContext &,
+                                        const QString &text) { lines->append(text); });
+    RvoDataBlockManager::instance().dumpStats();
+    qInstallMessageHandler(previous);
+    QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=false"));
+    qint64 skipped = 0;
+    for (const QString &line : captured) {
+        if (line.startsWith(QLatin1String("Remote "))
+            && line.endsWith(QLatin1String(" uploads skipped")))
+            skipped += line.section(QLatin1Char(' '), -3, -3).toLongLong();
+    }
+    return skipped;
+}
+
 // Empties a server between runs.
 void emptyServer(const std::string &server)
 {
@@ -186,6 +233,7 @@ struct Ingest
     double uploadCpu = 0;
     double uploadSystemCpu = 0;
     double serverCpu = 0;
+    qint64 skipped = 0;
 };
 
 // Adds every tile into `root` with the remote tier `spec` (of `server`,
@@ -220,6 +268,7 @@ Ingest ingest(const QString &root, const QString &spec, const LocalServer *serve
     result.uploadCpu = threadsCpuSeconds("rvoddi-upload"); // started by this ingest
     result.uploadSystemCpu = threadsCpuSeconds("rvoddi-upload", true);
     result.serverCpu = server ? processCpuSeconds(server->pid()) - serverBefore : 0;
+    result.skipped = uploadsSkipped();
     if (names) {
         for (const RvoDataReference &ref : refs)
             names->append(ref.hash());
@@ -237,20 +286,22 @@ void setRates(benchmark::State &state, double bytes)
             = benchmark::Counter(bytes / 1e6, benchmark::Counter::kIsIterationInvariantRate);
 }
 
-void BM_Ingest(benchmark::State &state, const std::string &server)
+void BM_Ingest(benchmark::State &state, const std::string &server, int delayMs)
 {
     Fixture &f = fixture();
     Ingest total;
     for (auto _ : state) {
         emptyServer(server);
         QTemporaryDir root;
-        const Ingest run = ingest(root.path(), specOf(server), serverOf(server));
+        const Distance distance(server, delayMs);
+        const Ingest run = ingest(root.path(), distance.spec, serverOf(server));
         state.SetIterationTime(run.onDisk);
         total.uploaded += run.uploaded;
         total.cpu += run.cpu;
         total.uploadCpu += run.uploadCpu;
         total.uploadSystemCpu += run.uploadSystemCpu;
         total.serverCpu += run.serverCpu;
+        total.skipped += run.skipped;
     }
     setRates(state, double(f.tiles.size()) * 262144);
     setCpu(state, total.cpu, total.serverCpu);
@@ -258,6 +309,7 @@ void BM_Ingest(benchmark::State &state, const std::string &server)
     state.counters["uploaded_s"] = total.uploaded / double(state.iterations());
     state.counters["upload_cpu_ms_per_tile"] = total.uploadCpu * 1000 / tiles;
     state.counters["upload_sys_ms_per_tile"] = total.uploadSystemCpu * 1000 / tiles;
+    state.counters["uploads_skipped"] = double(total.skipped) / double(state.iterations());
 }
 
 // Runs a program to its end with `input` on its standard input; returns its
@@ -277,7 +329,7 @@ double runTimed(const QString &program, const QStringList &arguments, const QStr
     return status == 0 ? seconds : -1;
 }
 
-void BM_Read(benchmark::State &state, const std::string &source)
+void BM_Read(benchmark::State &state, const std::string &source, int delayMs)
 {
     Fixture &f = fixture();
     QTemporaryDir dir;
@@ -293,9 +345,10 @@ void BM_Read(benchmark::State &state, const std::string &source)
         QTemporaryDir empty;
         const QString root = source == "disk" ? f.filled.path() : empty.path();
         const QString timing = dir.filePath(QStringLiteral("seconds.txt"));
+        const Distance distance(source, delayMs);
         const double serverBefore = server ? processCpuSeconds(server->pid()) : 0;
         const double wall = runTimed(QCoreApplication::applicationFilePath(),
-                                     {QStringLiteral("--read"), specOf(source), root, names},
+                                     {QStringLiteral("--read"), distance.spec, root, names},
                                      QString(), timing);
         QFile seconds(timing);
         seconds.open(QIODevice::ReadOnly);
@@ -425,15 +478,31 @@ int main(int argc, char **argv)
     while (files.hasNext())
         f.fileBytes += QFileInfo(files.next()).size();
 
-    for (const char *server : {"none", "nginx", "redis"})
-        benchmark::RegisterBenchmark((std::string("ingest/") + server).c_str(), BM_Ingest,
-                                     std::string(server))
+    // A delay of -1: the server itself, without the proxy.
+    auto name = [](const char *phase, const std::string &server, int delayMs) {
+        return std::string(phase) + "/" + server
+                + (delayMs < 0 ? std::string() : "@" + std::to_string(delayMs));
+    };
+    for (const auto &[server, delayMs] : std::vector<std::pair<std::string, int>> {{"none", -1},
+                                                                                   {"nginx", -1},
+                                                                                   {"redis", -1},
+                                                                                   {"nginx", 0},
+                                                                                   {"nginx", 5},
+                                                                                   {"redis", 0},
+                                                                                   {"redis", 5}})
+        benchmark::RegisterBenchmark(name("ingest", server, delayMs).c_str(), BM_Ingest, server,
+                                     delayMs)
                 ->UseManualTime()
                 ->Unit(benchmark::kMillisecond)
                 ->Iterations(1);
-    for (const char *source : {"disk", "nginx", "redis"})
-        benchmark::RegisterBenchmark((std::string("read/") + source).c_str(), BM_Read,
-                                     std::string(source))
+    std::vector<std::pair<std::string, int>> reads {{"disk", -1}};
+    for (const char *server : {"nginx", "redis"}) {
+        for (int delayMs : {-1, 0, 1, 5, 20})
+            reads.emplace_back(server, delayMs);
+    }
+    for (const auto &[source, delayMs] : reads)
+        benchmark::RegisterBenchmark(name("read", source, delayMs).c_str(), BM_Read, source,
+                                     delayMs)
                 ->UseManualTime()
                 ->Unit(benchmark::kMillisecond)
                 ->Iterations(1);

@@ -1,3 +1,4 @@
+#include "DelayProxy.h"
 #include "LocalServer.h"
 #include "ManagerTestAccess.h"
 #include "RvoBlockFile_p.h"
@@ -9,6 +10,7 @@
 #include <QRegularExpression>
 
 #include <numeric>
+#include <thread>
 
 using Manager = RvoDataBlockManager;
 
@@ -60,6 +62,20 @@ QStringList remoteStats()
     Manager::instance().dumpStats();
     return debug.messages().filter(
             QRegularExpression(QStringLiteral("^Remote .*uploads skipped$")));
+}
+
+// The setting that reaches `server` through `proxy`.
+QString through(const LocalServer &server, const DelayProxy &proxy)
+{
+    RvoRemoteEndpoint endpoint = server.endpoint();
+    endpoint.port = proxy.port();
+    return endpoint.plainUrl();
+}
+
+// A reference to the block of `content`, which this process has not added.
+RvoDataReference referenceTo(const QByteArray &content)
+{
+    return Manager::instance().getReference(digestOf(content).data());
 }
 
 bool holds(const LocalServer &server, const QString &name)
@@ -169,28 +185,48 @@ TEST(RvoRemoteTier, DamagedFilesAreRejectedAndASilentRemoteCostsAtMostItsTimeout
     redis.resume();
 }
 
-TEST(RvoRemoteTier, AKilledServerHoldsNothingUpAndUploadsResumeAfterItsRestart)
+// The server, 100 ms away, is killed while 32 fetches and 32 uploads are
+// under way: every load ends at once without a block, nothing is published,
+// and the uploads go once the server is back.
+TEST(RvoRemoteTier, AKilledServerEndsTheRequestsInFlightAndUploadsResumeAfterItsRestart)
 {
     LocalServer nginx(LocalServer::Nginx);
     START_OR_SKIP(nginx);
+    DelayProxy proxy(nginx.port(), std::chrono::milliseconds(100));
+    ASSERT_TRUE(proxy.start()) << qPrintable(proxy.error());
+    for (int seed = 100; seed < 132; ++seed) {
+        const QByteArray content = testContent(seed, 20000);
+        ASSERT_TRUE(writeFile(nginx.filePath(nameOf(content)), blockFile(content)));
+    }
     RvoRemote::setPause(std::chrono::milliseconds(300));
     ManagerSetup setup;
-    const QString spec = nginx.url() + QStringLiteral("|operation-timeout=1000");
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(spec));
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(through(nginx, proxy)
+                                                     + QStringLiteral("|operation-timeout=1000")));
     DebugCapture debug;
-    QList<RvoDataReference> refs;
-    for (int seed = 0; seed < 40; ++seed) {
-        refs.append(addBlock(testContent(seed, 20000)));
-        if (seed == 20)
-            nginx.kill(); // while uploads are queued
+    QList<RvoDataReference> fetched;
+    for (int seed = 100; seed < 132; ++seed) {
+        fetched.append(referenceTo(testContent(seed, 20000)));
+        fetched.last().preload(Manager::PreloadNormal);
     }
+    QList<RvoDataReference> refs;
+    for (int seed = 0; seed < 32; ++seed)
+        refs.append(addBlock(testContent(seed, 20000)));
+    Manager::instance().flush(false, Manager::WriteThreads); // the uploads start
+    nginx.kill();
     QElapsedTimer timer;
     timer.start();
+    for (const RvoDataReference &ref : fetched) {
+        EXPECT_TRUE(bytesOf(ref).isEmpty());
+        EXPECT_FALSE(QFile::exists(localFile(ref.hash())));
+        EXPECT_FALSE(debug.messages()
+                             .filter(QStringLiteral("Cannot Open File "))
+                             .filter(ref.hash() + QStringLiteral(" to read. Exist?=0"))
+                             .isEmpty());
+    }
     Manager::instance().flush(true, Manager::AllThreads);
-    EXPECT_TRUE(read(nameOf(testContent(99))).isEmpty());
     EXPECT_LT(timer.elapsed(), 3000) << "a dead server held the host up";
     Manager::instance().freeAllBlocks();
-    for (int seed = 0; seed < 40; ++seed)
+    for (int seed = 0; seed < 32; ++seed)
         EXPECT_EQ(bytesOf(refs[seed]), testContent(seed, 20000)) << "the disk serves on";
 
     ASSERT_TRUE(nginx.restart());
@@ -203,7 +239,8 @@ TEST(RvoRemoteTier, AKilledServerHoldsNothingUpAndUploadsResumeAfterItsRestart)
             },
             20000));
     EXPECT_EQ(debug.messages().filter(QRegularExpression("^Remote .* unavailable: ")).size(), 1);
-    EXPECT_EQ(debug.count(QStringLiteral("Remote %1 available again").arg(nginx.url())), 1);
+    EXPECT_EQ(debug.count(QStringLiteral("Remote %1 available again").arg(through(nginx, proxy))),
+              1);
 }
 
 // After flush(true, AllThreads) a writable remote holds every block; one
@@ -248,4 +285,67 @@ TEST(RvoRemoteTier, FlushWaitsForUploadsAFullQueueSkipsReadOnlyGetsNoneAWrongPas
                     .arg(locked.port())))
             << qPrintable(lines[0]);
     EXPECT_TRUE(lines[0].endsWith(QStringLiteral("; not used for 30 s")));
+}
+
+// Blocks missing locally, preloaded through a server 20 ms away (a request
+// is a 40 ms round trip): they arrive together, in a few round trips rather
+// than one each, byte-exact.
+class RvoRemoteTierAtDistance : public ::testing::TestWithParam<LocalServer::Kind>
+{
+};
+
+TEST_P(RvoRemoteTierAtDistance, PreloadedBlocksArriveInAFewRoundTripsNotOneEach)
+{
+    LocalServer server(GetParam());
+    START_OR_SKIP(server);
+    DelayProxy proxy(server.port(), std::chrono::milliseconds(20));
+    ASSERT_TRUE(proxy.start()) << qPrintable(proxy.error());
+    const auto client = RvoRemoteClient::create(server.endpoint());
+    std::vector<QByteArray> contents;
+    for (int i = 0; i < 64; ++i) {
+        contents.push_back(testContent(i, 30000));
+        ASSERT_EQ(client->put(nameOf(contents[i]), blockFile(contents[i])).status,
+                  RvoRemoteClient::Stored);
+    }
+    ManagerSetup setup;
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(through(server, proxy)));
+    QElapsedTimer timer;
+    timer.start();
+    QList<RvoDataReference> refs;
+    for (const QByteArray &content : contents) {
+        refs.append(referenceTo(content));
+        refs.last().preload(Manager::PreloadNormal);
+    }
+    for (int i = 0; i < 64; ++i)
+        EXPECT_EQ(bytesOf(refs[i]), contents[size_t(i)]) << i;
+    EXPECT_GE(timer.elapsed(), 40) << "no round trip at all: the proxy did not delay";
+    EXPECT_LT(timer.elapsed(), 1200) << "64 round trips one after the other take 2.6 s";
+}
+
+INSTANTIATE_TEST_SUITE_P(NginxAndRedis, RvoRemoteTierAtDistance,
+                         ::testing::Values(LocalServer::Nginx, LocalServer::Redis));
+
+// A preload and eight threads want one block from a distant server: one
+// request brings it for all of them.
+TEST(RvoRemoteTier, LoadsOfABlockBeingFetchedWaitForThatFetch)
+{
+    LocalServer nginx(LocalServer::Nginx);
+    START_OR_SKIP(nginx);
+    DelayProxy proxy(nginx.port(), std::chrono::milliseconds(20));
+    ASSERT_TRUE(proxy.start()) << qPrintable(proxy.error());
+    const QByteArray content = testContent(5, 30000);
+    ASSERT_TRUE(writeFile(nginx.filePath(nameOf(content)), blockFile(content)));
+    ManagerSetup setup;
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(through(nginx, proxy)));
+    const RvoDataReference ref = referenceTo(content);
+    ref.preload(Manager::PreloadNormal);
+    std::atomic<int> wrong {0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([ref, &content, &wrong] { wrong += bytesOf(ref) != content; });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong.load(), 0);
+    const QByteArray log = readFile(nginx.accessLogPath());
+    EXPECT_EQ(log.count(" GET /tiles/" + nameOf(content).left(2).toUtf8() + '/'), 1) << log.data();
 }

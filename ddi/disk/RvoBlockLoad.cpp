@@ -7,10 +7,12 @@
 #include <QDir>
 
 RvoBlockLoad::RvoBlockLoad(RvoDiskHost &host, RvoSmartPointer<RvoDataHash> hash, bool makeLive,
-                           QString directory, QString fileName, std::shared_ptr<RvoDiskUsage> usage)
+                           int priority, QString directory, QString fileName,
+                           std::shared_ptr<RvoDiskUsage> usage)
     : m_Host(&host)
     , m_Hash(std::move(hash))
     , m_MakeLive(makeLive)
+    , m_Priority(priority)
     , m_Directory(std::move(directory))
     , m_FileName(std::move(fileName))
     , m_Usage(std::move(usage))

@@ -25,11 +25,14 @@ public:
     // With makeLive the block goes to the manager through `host` and the
     // future's result is null; otherwise the result is the new block, owned
     // by whoever takes it from the future.
-    RvoBlockLoad(RvoDiskHost &host, RvoSmartPointer<RvoDataHash> hash, bool makeLive,
+    // `priority`: the load's place among others (0 first; preloads give
+    // theirs, a caller waiting for its block 0).
+    RvoBlockLoad(RvoDiskHost &host, RvoSmartPointer<RvoDataHash> hash, bool makeLive, int priority,
                  QString directory, QString fileName, std::shared_ptr<RvoDiskUsage> usage);
 
     QFuture<RvoDataBlock *> future() { return m_Promise.future(); }
     const RvoSmartPointer<RvoDataHash> &hash() const { return m_Hash; }
+    int priority() const { return m_Priority; }
     // The bucket directory and the file's name in it (the digest's text).
     const QString &directory() const { return m_Directory; }
     const QString &fileName() const { return m_FileName; }
@@ -49,6 +52,7 @@ private:
     QFutureInterface<RvoDataBlock *> m_Promise;
     RvoSmartPointer<RvoDataHash> m_Hash;
     bool m_MakeLive;
+    int m_Priority;
     QString m_Directory;
     QString m_FileName;
     std::shared_ptr<RvoDiskUsage> m_Usage;

@@ -151,7 +151,7 @@ void RvoDataBlockManagerReadThread::run()
         locker.unlock();
         m_Changed.notifyAll();
         if (entry.hash)
-            loadBlock(entry.hash, true);
+            loadBlock(entry.hash, true, entry.priority);
         entry.hash.reset();
         locker.relock();
     }
@@ -162,13 +162,14 @@ void RvoDataBlockManagerReadThread::run()
 }
 
 QFuture<RvoDataBlock *>
-RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &hash, bool makeLive)
+RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &hash, bool makeLive,
+                                         int priority)
 {
     QString directory;
     QString fileName;
     const bool named = buildFilename(hash.data(), m_Root, subCache(),
                                      quint32(qMax(m_BucketCount, 1)), directory, fileName);
-    RvoBlockLoad load(m_Host, hash, makeLive, directory, fileName, m_DiskUsage);
+    RvoBlockLoad load(m_Host, hash, makeLive, priority, directory, fileName, m_DiskUsage);
     if (!named)
         return failed(load);
     if (!QDir(directory).exists())

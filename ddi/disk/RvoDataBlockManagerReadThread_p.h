@@ -58,7 +58,9 @@ public:
     // is missing, short or corrupt. With makeLive the block is handed to the
     // manager and the future's result is null; otherwise the result is the
     // new block, owned by the caller (see waitForBlock).
-    QFuture<RvoDataBlock *> loadBlock(const RvoSmartPointer<RvoDataHash> &hash, bool makeLive);
+    // `priority` orders the load among others when the file must be fetched.
+    QFuture<RvoDataBlock *> loadBlock(const RvoSmartPointer<RvoDataHash> &hash, bool makeLive,
+                                      int priority = RvoDataBlockManagerBase::PreloadFirst);
 
     // Waits for a loadBlock future: the block, or null when there is none.
     static RvoDataBlock *waitForBlock(QFuture<RvoDataBlock *> future);

@@ -26,7 +26,7 @@ public:
     virtual void finishPendingSaves() = 0;
     // Looks for a block file that the root lacks below the disk cache (the
     // remote tier). True when the search is under way and will complete
-    // `load`; false when there is nowhere to look or nothing was found.
+    // `load`, with or without a block; false when there is nowhere to look.
     virtual bool fetchMissing(const RvoBlockLoad &load) = 0;
     // A block file this process made is complete under its name.
     virtual void blockFilePublished(const QString &path, const QString &fileName, qint64 bytes) = 0;

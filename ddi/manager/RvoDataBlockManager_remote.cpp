@@ -4,7 +4,6 @@
 
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoMutexLocker_p.h"
-#include "RvoRemoteFetch_p.h"
 #include "RvoRemoteTier_p.h"
 
 bool RvoDataBlockManager::Private::setRemoteStorage(const QString &spec)
@@ -73,7 +72,10 @@ void RvoDataBlockManager::Private::stopRemoteTier()
 bool RvoDataBlockManager::Private::fetchMissing(const RvoBlockLoad &load)
 {
     const std::shared_ptr<RvoRemoteTier> tier = remoteTier();
-    return tier && RvoRemoteFetch::start(tier, load);
+    if (!tier)
+        return false;
+    tier->fetch(load);
+    return true;
 }
 
 void RvoDataBlockManager::Private::blockFilePublished(const QString &path, const QString &fileName,

@@ -1,57 +1,46 @@
 #ifndef RVOREDISCLIENT_P_H
 #define RVOREDISCLIENT_P_H
 
-#include "RvoConnectionPool_p.h"
 #include "RvoRemoteClient_p.h"
+#include "RvoRemoteRequest_p.h"
 
-struct redisContext;
-struct redisReply;
+#include <thread>
 
-// The client of a Redis server, through hiredis. A block file is the string
-// value of the key "rvoddi:<name>".
+// The client of a Redis server, through hiredis's asynchronous API on the
+// client's own thread. A block file is the string value of the key
+// "rvoddi:<name>".
 //
 //   get: GET; a string Found, nil Missing.
 //   put: SET key value NX; OK Stored, nil Present (the first bytes stay).
 //
-// A connection is opened within the connect timeout, then every read and
-// write on it is bounded by the operation timeout. With a password it sends
-// AUTH password, or AUTH user password when a user is given (Redis 6 ACLs);
-// an endpoint path "/N" selects database N. A refused AUTH, or a NOAUTH or
-// WRONGPASS error to any command, is Unauthorized with the server's error
-// text; any other error, a timeout or a closed connection is Unavailable,
-// and the connection is closed rather than reused.
-//
-// Threading: see RvoRemoteClient. Each call takes a connection from the
-// pool; one the server closed while it was idle is dropped, not used.
+// One connection carries every request, pipelined: requests go out as they
+// are started and the replies come back in order. It is opened within the
+// connect timeout; a request whose reply takes longer than the operation
+// timeout fails, and with it every request behind it on the connection,
+// which is closed (the next request opens a fresh one). With a password it
+// sends AUTH password, or AUTH user password when a user is given (Redis 6
+// ACLs); an endpoint path "/N" selects database N. A refused AUTH, or a
+// NOAUTH or WRONGPASS error to any command, is Unauthorized with the
+// server's error text; any other error, a timeout or a closed connection is
+// Unavailable.
 class RvoRedisClient : public RvoRemoteClient
 {
 public:
     explicit RvoRedisClient(const RvoRemoteEndpoint &endpoint);
     ~RvoRedisClient() override;
 
-    Result get(const QString &name, QByteArray *bytes) override;
-    Result put(const QString &name, const QByteArray &bytes) override;
+    void startGet(const QString &name, Done done) override;
+    void startPut(const QString &name, QByteArray bytes, Done done) override;
 
 private:
-    struct Free
-    {
-        void operator()(redisContext *context) const;
-        void operator()(redisReply *reply) const;
-    };
-    using Connection = RvoConnectionPool<redisContext, Free>::Handle;
-    using Reply = std::unique_ptr<redisReply, Free>;
+    struct Loop;
 
-    // An idle pooled connection that is still open, or a new one,
-    // authenticated and on its database; null with *failure set.
-    Connection connection(Result *failure);
-    // Sends one command. Returns its reply, or null with *failure set when
-    // the command failed or the server answered with an error; the
-    // connection must then be closed. `authenticating`: an error is
-    // Unauthorized whatever it says.
-    Reply command(redisContext *context, const QList<QByteArray> &arguments, Result *failure,
-                  bool authenticating = false) const;
+    void start(RvoRemoteRequest request);
+    void wake();
 
-    RvoConnectionPool<redisContext, Free> m_Connections;
+    RvoRemoteRequestQueue m_Queue;
+    int m_Wake[2] = {-1, -1}; // a pipe: a byte wakes the client's thread
+    std::thread m_Thread;
 };
 
 #endif // RVOREDISCLIENT_P_H

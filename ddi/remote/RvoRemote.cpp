@@ -62,6 +62,7 @@ RvoRemote::RvoRemote(const RvoRemoteSpec::Remote &spec)
     : m_Text(spec.maskedText)
     , m_ReadOnly(spec.readOnly)
     , m_UploadLimit(spec.uploadQueueBytes)
+    , m_MaxRequests(qMax(1, spec.maxRequests))
 {
     for (int i = 0; i < spec.servers.size(); ++i) {
         auto server = std::make_unique<Server>();
@@ -69,6 +70,10 @@ RvoRemote::RvoRemote(const RvoRemoteSpec::Remote &spec)
         server->shardKey = spec.shardNames.value(i).toUtf8();
         m_Servers.push_back(std::move(server));
     }
+    RvoMutexLocker locker(m_Lock);
+    m_Fetches.resize(m_Servers.size());
+    m_FetchesInFlight.resize(m_Servers.size());
+    m_UploadsInFlight.resize(m_Servers.size());
 }
 
 RvoRemote::~RvoRemote()
@@ -82,6 +87,23 @@ RvoRemote::~RvoRemote()
     m_Changed.notifyAll();
     if (uploader.joinable())
         uploader.join();
+    // Each client ends its requests as it stops; their callbacks still find
+    // this remote whole.
+    for (auto &server : m_Servers)
+        server->client.reset();
+    std::vector<Fetch> waiting;
+    {
+        RvoMutexLocker locker(m_Lock);
+        for (auto &queues : m_Fetches) {
+            for (auto &queue : queues) {
+                for (Fetch &fetch : queue)
+                    waiting.push_back(std::move(fetch));
+                queue.clear();
+            }
+        }
+    }
+    for (Fetch &fetch : waiting)
+        fetch.done(false, QByteArray());
 }
 
 void RvoRemote::setPause(std::chrono::milliseconds pause)
@@ -149,29 +171,94 @@ void RvoRemote::answered(int server)
         announce(QStringLiteral("Remote %1 available again").arg(s.client->endpoint().maskedUrl()));
 }
 
-bool RvoRemote::get(const QString &name, QByteArray *bytes)
+void RvoRemote::get(const QString &name, int priority, Fetched done)
 {
-    bytes->clear();
     const int server = homeOf(name);
-    if (m_Servers.empty() || !available(server, nowMs()))
-        return false;
-    const RvoRemoteClient::Result result = m_Servers[size_t(server)]->client->get(name, bytes);
-    switch (result.status) {
-    case RvoRemoteClient::Found:
+    if (m_Servers.empty() || !available(server, nowMs())) {
+        done(false, QByteArray());
+        return;
+    }
+    std::vector<Fetch> starting;
+    {
+        RvoMutexLocker locker(m_Lock);
+        if (m_Stopping) {
+            locker.unlock();
+            done(false, QByteArray());
+            return;
+        }
+        m_Fetches[size_t(server)][size_t(qBound(0, priority, kPriorities - 1))].push_back(
+                {name, std::move(done)});
+        starting = startable(server);
+    }
+    startFetches(server, std::move(starting));
+}
+
+std::vector<RvoRemote::Fetch> RvoRemote::startable(int server)
+{
+    std::vector<Fetch> fetches;
+    int &inFlight = m_FetchesInFlight[size_t(server)];
+    for (auto &queue : m_Fetches[size_t(server)]) {
+        while (!queue.empty() && inFlight < m_MaxRequests) {
+            fetches.push_back(std::move(queue.front()));
+            queue.pop_front();
+            ++inFlight;
+        }
+    }
+    return fetches;
+}
+
+void RvoRemote::startFetches(int server, std::vector<Fetch> fetches)
+{
+    RvoRemoteClient &client = *m_Servers[size_t(server)]->client;
+    for (Fetch &fetch : fetches) {
+        const QString name = fetch.name;
+        client.startGet(name,
+                        [this, server, fetch = std::move(fetch)](
+                                const RvoRemoteClient::Result &result, QByteArray bytes) {
+                            fetched(server, fetch, result, std::move(bytes));
+                        });
+    }
+}
+
+void RvoRemote::fetched(int server, const Fetch &fetch, const RvoRemoteClient::Result &result,
+                        QByteArray bytes)
+{
+    bool stopping = false;
+    {
+        RvoMutexLocker locker(m_Lock);
+        stopping = m_Stopping;
+    }
+    const bool found = result.status == RvoRemoteClient::Found;
+    if (found) {
         answered(server);
         m_Hits.fetch_add(1, std::memory_order_relaxed);
-        m_BytesRead.fetch_add(bytes->size(), std::memory_order_relaxed);
-        return true;
-    case RvoRemoteClient::Missing:
+        m_BytesRead.fetch_add(bytes.size(), std::memory_order_relaxed);
+    } else if (result.status == RvoRemoteClient::Missing) {
         answered(server);
         m_Misses.fetch_add(1, std::memory_order_relaxed);
-        break;
-    default:
+    } else if (!stopping) { // a client stopping with this remote ends its requests
         failed(server, result);
-        break;
     }
-    bytes->clear();
-    return false;
+    // A server in its pause is asked nothing more: what waits for it ends.
+    std::vector<Fetch> starting;
+    std::vector<Fetch> dropped;
+    {
+        RvoMutexLocker locker(m_Lock);
+        --m_FetchesInFlight[size_t(server)];
+        if (!m_Stopping && available(server, nowMs())) {
+            starting = startable(server);
+        } else {
+            for (auto &queue : m_Fetches[size_t(server)]) {
+                for (Fetch &waiting : queue)
+                    dropped.push_back(std::move(waiting));
+                queue.clear();
+            }
+        }
+    }
+    startFetches(server, std::move(starting));
+    for (Fetch &waiting : dropped)
+        waiting.done(false, QByteArray());
+    fetch.done(found, found ? std::move(bytes) : QByteArray());
 }
 
 void RvoRemote::reject(const QString &name, const QString &why)
@@ -214,36 +301,53 @@ bool RvoRemote::flushed() const
 {
     if (m_Stopping || !m_Uploader.joinable())
         return true;
-    if (m_Busy)
+    if (std::any_of(m_UploadsInFlight.begin(), m_UploadsInFlight.end(),
+                    [](int n) { return n > 0; }))
         return false;
     const qint64 now = nowMs();
     return std::none_of(m_Uploads.begin(), m_Uploads.end(),
                         [this, now](const Upload &u) { return available(u.server, now); });
 }
 
-bool RvoRemote::send(const Upload &upload)
+std::deque<RvoRemote::Upload>::iterator RvoRemote::nextUpload(qint64 now, qint64 *wakeAt)
 {
-    QFile file(upload.path);
-    // A file deleted since it was queued (collected, trimmed) is not sent.
-    if (!file.open(QIODevice::ReadOnly))
-        return true;
-    const QByteArray bytes = file.readAll();
-    if (bytes.size() != upload.bytes)
-        return true;
-    file.close();
-    const RvoRemoteClient::Result result
-            = m_Servers[size_t(upload.server)]->client->put(upload.name, bytes);
-    switch (result.status) {
-    case RvoRemoteClient::Stored:
-        m_BytesWritten.fetch_add(bytes.size(), std::memory_order_relaxed);
-        Q_FALLTHROUGH();
-    case RvoRemoteClient::Present:
-        answered(upload.server);
-        return true;
-    default:
-        failed(upload.server, result);
-        return false;
+    for (auto next = m_Uploads.begin(); next != m_Uploads.end(); ++next) {
+        if (!available(next->server, now)) {
+            *wakeAt = std::min(
+                    *wakeAt,
+                    m_Servers[size_t(next->server)]->availableAt.load(std::memory_order_relaxed));
+        } else if (m_UploadsInFlight[size_t(next->server)] < m_MaxRequests) {
+            return next;
+        }
     }
+    return m_Uploads.end();
+}
+
+void RvoRemote::sent(const Upload &upload, const RvoRemoteClient::Result &result, qint64 written)
+{
+    const bool done
+            = result.status == RvoRemoteClient::Stored || result.status == RvoRemoteClient::Present;
+    bool stopping = false;
+    {
+        RvoMutexLocker locker(m_Lock);
+        stopping = m_Stopping;
+    }
+    if (done) {
+        if (result.status == RvoRemoteClient::Stored)
+            m_BytesWritten.fetch_add(written, std::memory_order_relaxed);
+        answered(upload.server);
+    } else if (!stopping) { // a client stopping with this remote ends its requests
+        failed(upload.server, result);
+    }
+    {
+        RvoMutexLocker locker(m_Lock);
+        --m_UploadsInFlight[size_t(upload.server)];
+        if (done || m_Stopping)
+            m_QueuedBytes -= upload.bytes;
+        else
+            m_Uploads.push_front(upload); // waits for its server's pause to end
+    }
+    m_Changed.notifyAll();
 }
 
 void RvoRemote::uploadLoop()
@@ -253,14 +357,7 @@ void RvoRemote::uploadLoop()
     while (!m_Stopping) {
         const qint64 now = nowMs();
         qint64 wakeAt = std::numeric_limits<qint64>::max();
-        auto next = m_Uploads.begin();
-        for (; next != m_Uploads.end(); ++next) {
-            if (available(next->server, now))
-                break;
-            wakeAt = std::min(
-                    wakeAt,
-                    m_Servers[size_t(next->server)]->availableAt.load(std::memory_order_relaxed));
-        }
+        const auto next = nextUpload(now, &wakeAt);
         if (next == m_Uploads.end()) {
             // The deadline is on the system clock, which ThreadSanitizer sees
             // (as in the write threads).
@@ -272,17 +369,23 @@ void RvoRemote::uploadLoop()
         }
         const Upload upload = *next;
         m_Uploads.erase(next);
-        m_Busy = true;
+        ++m_UploadsInFlight[size_t(upload.server)];
         locker.unlock();
-        const bool done = send(upload);
-        locker.relock();
-        m_Busy = false;
-        if (done)
-            m_QueuedBytes -= upload.bytes;
-        else
-            m_Uploads.push_front(upload); // waits for its server's pause to end
-        locker.unlock();
-        m_Changed.notifyAll();
+        QFile file(upload.path);
+        // A file deleted since it was queued (collected, trimmed) is not sent.
+        QByteArray bytes;
+        if (file.open(QIODevice::ReadOnly))
+            bytes = file.readAll();
+        if (bytes.size() != upload.bytes || bytes.isEmpty()) {
+            sent(upload, {RvoRemoteClient::Present, QString()}, 0);
+        } else {
+            const qint64 size = bytes.size();
+            m_Servers[size_t(upload.server)]->client->startPut(
+                    upload.name, std::move(bytes),
+                    [this, upload, size](const RvoRemoteClient::Result &result, QByteArray) {
+                        sent(upload, result, size);
+                    });
+        }
         locker.relock();
     }
 }

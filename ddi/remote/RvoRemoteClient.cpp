@@ -3,6 +3,7 @@
 #include "RvoHttpClient_p.h"
 #include "RvoRedisClient_p.h"
 
+#include <future>
 #include <limits>
 
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
@@ -21,4 +22,22 @@ std::unique_ptr<RvoRemoteClient> RvoRemoteClient::create(const RvoRemoteEndpoint
         return std::make_unique<RvoRedisClient>(endpoint);
     }
     return nullptr;
+}
+
+RvoRemoteClient::Result RvoRemoteClient::get(const QString &name, QByteArray *bytes)
+{
+    std::promise<std::pair<Result, QByteArray>> ended;
+    startGet(name, [&ended](const Result &result, QByteArray fetched) {
+        ended.set_value({result, std::move(fetched)});
+    });
+    auto outcome = ended.get_future().get();
+    *bytes = outcome.first.status == Found ? std::move(outcome.second) : QByteArray();
+    return outcome.first;
+}
+
+RvoRemoteClient::Result RvoRemoteClient::put(const QString &name, const QByteArray &bytes)
+{
+    std::promise<Result> ended;
+    startPut(name, bytes, [&ended](const Result &result, QByteArray) { ended.set_value(result); });
+    return ended.get_future().get();
 }

@@ -6,6 +6,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <functional>
 #include <memory>
 
 // The client of one remote server: fetches and stores block files by name
@@ -19,13 +20,18 @@
 // The client checks nothing of what it fetches: its caller verifies the
 // bytes against the name before they are used.
 //
-// No call waits longer than the endpoint's timeouts: connecting at most
-// connectTimeoutMs, the whole operation at most operationTimeoutMs.
+// Requests are asynchronous. Each client runs one thread of its own (an
+// event loop, "rvoddi-remote") on which any number of requests are in
+// flight at once over reused connections; whoever starts them bounds how
+// many (RvoRemote). A request ends within the endpoint's timeouts:
+// connecting at most connectTimeoutMs, the whole request at most
+// operationTimeoutMs.
 //
-// Threading: get() and put() may be called from several threads at once.
-// Each call uses a connection of its own from a small pool the client keeps
-// (connections are reused, never shared by two calls at once); a
-// connection that failed is closed rather than reused.
+// Threading: startGet() and startPut() may be called from any thread,
+// including from a callback. Callbacks run on the client's thread, once per
+// request, and must not wait for other requests of the same client. The
+// destructor ends the requests still under way (Unavailable, "client
+// stopped") and joins the thread; it must not run on that thread.
 class RvoRemoteClient
 {
 public:
@@ -47,6 +53,9 @@ public:
         QString error;
     };
 
+    // How a request ended; a get that found its name gives the bytes.
+    using Done = std::function<void(const Result &result, QByteArray bytes)>;
+
     // The largest value a client takes or fetches: a block file's 12-byte
     // header and the largest compressed payload (less under Qt 5, whose
     // QByteArray stops short of 2^31 bytes).
@@ -58,14 +67,21 @@ public:
 
     const RvoRemoteEndpoint &endpoint() const { return m_Endpoint; }
 
-    // Fetches the bytes stored under `name` into *bytes (left empty unless
-    // Found).
-    virtual Result get(const QString &name, QByteArray *bytes) = 0;
-    // Stores `bytes` under `name` unless the server has the name already.
-    virtual Result put(const QString &name, const QByteArray &bytes) = 0;
+    // Starts fetching the bytes stored under `name`.
+    virtual void startGet(const QString &name, Done done) = 0;
+    // Starts storing `bytes` under `name`, unless the server has the name.
+    virtual void startPut(const QString &name, QByteArray bytes, Done done) = 0;
+
+    // The same, waiting for the end (for tests and tools). *bytes is left
+    // empty unless Found.
+    Result get(const QString &name, QByteArray *bytes);
+    Result put(const QString &name, const QByteArray &bytes);
 
 protected:
-    explicit RvoRemoteClient(const RvoRemoteEndpoint &endpoint) : m_Endpoint(endpoint) { }
+    explicit RvoRemoteClient(const RvoRemoteEndpoint &endpoint)
+        : m_Endpoint(endpoint)
+    {
+    }
 
 private:
     const RvoRemoteEndpoint m_Endpoint;

@@ -83,6 +83,8 @@ bool parseEntry(const QString &entry, RvoRemoteSpec::Remote *remote, QString *er
         } else if (name == QLatin1String("upload-queue")
                    && (parsed = number(value, 0, 1 << 20)) >= 0) {
             remote->uploadQueueBytes = parsed << 20;
+        } else if (name == QLatin1String("max-requests") && (parsed = number(value, 1, 1024)) > 0) {
+            remote->maxRequests = int(parsed);
         } else if (name == QLatin1String("ca-file") && !value.isEmpty()) {
             if (const QFileInfo file(value); !file.isFile() || !file.isReadable()) {
                 *error = QStringLiteral("cannot read the ca-file '%1'").arg(value);

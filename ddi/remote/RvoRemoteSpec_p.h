@@ -15,7 +15,9 @@
 // Schemes http, https and redis; user and password in the URL are used to
 // connect. Attributes: read-only; connect-timeout=MS (default 100);
 // operation-timeout=MS (default 10000); upload-queue=MIB (the bytes of block
-// files that may wait for upload, default 256); shards=A,B,... (several
+// files that may wait for upload, default 256); max-requests=N (fetches, and
+// as many uploads, in flight at once per server, 1 to 1024, default 32);
+// shards=A,B,... (several
 // servers of one kind: each name replaces the '*' of the URL); ca-file=PATH
 // (https only: the certificates the server's must chain to, instead of the
 // system's).
@@ -29,6 +31,7 @@ public:
         QStringList shardNames; // empty without shards
         bool readOnly = false;
         qint64 uploadQueueBytes = 256LL << 20;
+        int maxRequests = 32;
         QString maskedText; // the entry with its credentials masked
     };
 

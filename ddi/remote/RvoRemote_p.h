@@ -9,9 +9,11 @@
 #include <QByteArray>
 #include <QString>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -20,21 +22,28 @@
 // among which every block file has one home, chosen by rendezvous hashing of
 // its name (adding a shard moves only the files that become its own).
 //
+// Requests in flight: each server has up to maxRequests fetches and as many
+// uploads under way at once (the setting's max-requests, default 32), so
+// that a server a few milliseconds away is not bound by round trips. More
+// wait here: fetches by priority (a lower value first, first come first
+// served within one), uploads in order.
+//
 // A server that fails (no connection, a timeout, a server error, refused
-// credentials) is left alone for a pause of 30 s: reads skip it and its
-// uploads wait. The failure is reported once per episode, naming the server
-// by its masked URL, and once more when the server answers again.
+// credentials) is left alone for a pause of 30 s: fetches waiting for it end
+// at once, fetches asked of it meanwhile end at once, and its uploads wait.
+// The failure is reported once per episode, naming the server by its masked
+// URL, and once more when the server answers again.
 //
 // Uploads: block files published locally are queued by path, and a thread of
-// the remote's own sends them (nothing already there is sent again). The
-// files' bytes count against the queue's limit; an upload that would pass it
-// is skipped and counted, so that neither a write thread nor a caller ever
-// waits for a remote.
+// the remote's own reads and starts them (nothing already there is sent
+// again). The files' bytes count against the queue's limit; an upload that
+// would pass it is skipped and counted, so that neither a write thread nor a
+// caller ever waits for a remote.
 //
-// Threading: every function may be called from any thread. m_Lock is a leaf
-// of the library's lock order (RvoDataBlockManager.h); the clients' own
-// connection pools are leaves too, and no lock of this class is held while a
-// client is called.
+// Threading: every function may be called from any thread; a fetch's
+// callback runs on the client's thread (or on the caller's, when it ends at
+// once). m_Lock is a leaf of the library's lock order (docs/ARCHITECTURE.md):
+// no lock of this class is held while a client or a callback is called.
 class RvoRemote
 {
 public:
@@ -49,18 +58,22 @@ public:
         qint64 uploadsSkipped = 0; // uploads dropped because the queue was full
     };
 
+    // How a fetch ended: the bytes, when the server had the name.
+    using Fetched = std::function<void(bool found, QByteArray bytes)>;
+
     // Connects lazily: nothing is asked of a server before the first use.
     explicit RvoRemote(const RvoRemoteSpec::Remote &spec);
-    // Stops the upload thread; uploads still queued are dropped.
+    // Stops the upload thread and the clients; uploads still queued are
+    // dropped, fetches under way end not found.
     ~RvoRemote();
 
     // The remote's entry in the setting, credentials masked.
     QString text() const { return m_Text; }
     bool isReadOnly() const { return m_ReadOnly; }
 
-    // Asks the home server of `name` for its file: true, with the bytes in
-    // *bytes, when it has it. A server in its pause is not asked.
-    bool get(const QString &name, QByteArray *bytes);
+    // Asks the home server of `name` for its file, with `priority` (0 is
+    // the highest); `done` runs once.
+    void get(const QString &name, int priority, Fetched done);
     // The bytes that get() gave for `name` failed the check (`why`).
     void reject(const QString &name, const QString &why);
 
@@ -84,12 +97,21 @@ public:
 private:
     Q_DISABLE_COPY_MOVE(RvoRemote)
 
+    // Fetch priorities kept apart; a lower value is served first.
+    static constexpr int kPriorities = 3;
+
     struct Server
     {
         std::unique_ptr<RvoRemoteClient> client;
         QByteArray shardKey; // the shard's name in UTF-8, for homeOf()
         std::atomic<qint64> availableAt {0}; // steady-clock milliseconds
         std::atomic<bool> failing {false}; // in an episode of failures
+    };
+
+    struct Fetch
+    {
+        QString name;
+        Fetched done;
     };
 
     struct Upload
@@ -107,15 +129,22 @@ private:
     void failed(int server, const RvoRemoteClient::Result &result);
     // Reports the end of an episode, if one was running.
     void answered(int server);
-    // Sends one file. False when the server failed (the upload waits).
-    bool send(const Upload &upload);
+    // The fetches of `server` that may start now, taken out of its queue.
+    std::vector<Fetch> startable(int server) REQUIRES(m_Lock);
+    void startFetches(int server, std::vector<Fetch> fetches);
+    void fetched(int server, const Fetch &fetch, const RvoRemoteClient::Result &result,
+                 QByteArray bytes);
+    // The first queued upload that may start now; m_Uploads.end() when none.
+    std::deque<Upload>::iterator nextUpload(qint64 now, qint64 *wakeAt) REQUIRES(m_Lock);
+    void sent(const Upload &upload, const RvoRemoteClient::Result &result, qint64 written);
+    void uploadLoop();
     // Nothing is queued for an available server and nothing is under way.
     bool flushed() const REQUIRES(m_Lock);
-    void uploadLoop();
 
     const QString m_Text;
     const bool m_ReadOnly;
     const qint64 m_UploadLimit;
+    const int m_MaxRequests;
     std::vector<std::unique_ptr<Server>> m_Servers;
 
     std::atomic<qint64> m_Hits {0};
@@ -130,9 +159,12 @@ private:
     mutable RvoMutex m_Lock;
     // Signalled when an upload is queued or finished, and when stopping.
     RvoConditionVariable m_Changed;
+    // Per server: the fetches waiting, by priority, and those under way.
+    std::vector<std::array<std::deque<Fetch>, kPriorities>> m_Fetches GUARDED_BY(m_Lock);
+    std::vector<int> m_FetchesInFlight GUARDED_BY(m_Lock);
     std::deque<Upload> m_Uploads GUARDED_BY(m_Lock); // front first
+    std::vector<int> m_UploadsInFlight GUARDED_BY(m_Lock); // per server
     qint64 m_QueuedBytes GUARDED_BY(m_Lock) = 0; // queued and under way
-    bool m_Busy GUARDED_BY(m_Lock) = false; // an upload is under way
     bool m_Stopping GUARDED_BY(m_Lock) = false;
     // Started with the first upload.
     std::thread m_Uploader GUARDED_BY(m_Lock);
