@@ -169,6 +169,25 @@ TEST(RvoRemoteTier, DamagedFilesAreRejectedAndASilentRemoteCostsAtMostItsTimeout
     redis.resume();
 }
 
+// Files move between machines unchanged: a host that writes zlib reads an
+// LZ4 or Zstandard file from a remote and keeps it as it came.
+TEST(RvoRemoteTier, Lz4FileFromARemoteIsReadByAZlibHost)
+{
+    LocalServer nginx(LocalServer::Nginx);
+    START_OR_SKIP(nginx);
+    ManagerSetup setup;
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(nginx.url()));
+    ASSERT_EQ(Manager::instance().blockCodec(), QStringLiteral("zlib"));
+    for (const RvoBlockCodecSetting &setting :
+         {RvoBlockCodecSetting::lz4(), RvoBlockCodecSetting::zstd()}) {
+        const QByteArray content = testContent(int(setting.kind()), 30000);
+        const QByteArray file = blockFile(content, setting);
+        ASSERT_TRUE(writeFile(nginx.filePath(nameOf(content)), file));
+        EXPECT_EQ(read(nameOf(content)), content);
+        EXPECT_EQ(readFile(localFile(nameOf(content))), file);
+    }
+}
+
 TEST(RvoRemoteTier, AKilledServerHoldsNothingUpAndUploadsResumeAfterItsRestart)
 {
     LocalServer nginx(LocalServer::Nginx);

@@ -15,7 +15,8 @@
 //   Zstandard:
 //     offset 4: 'Z' (0x5A)
 //     offset 5: byte-shuffle element size, 1 (none) to 16
-//     offset 6: one Zstandard frame, with its content size and checksum
+//     offset 6: CRC-32 (as gzip's) of the block's bytes, little-endian
+//     offset 10: one Zstandard frame, with its content size
 //
 // A zlib stream's first byte has compression method 8 in its low four bits
 // (RFC 1950), so neither tag can begin one: the tag alone tells the codec,
@@ -23,9 +24,11 @@
 // were added. Keeping Qt's format for zlib means those block files stay
 // readable by plain qUncompress() (tools, other readers) while the hot path
 // avoids zlib. LZ4's raw block decodes faster than its frame format (3.4
-// against 2.2 GB/s on image tiles) and has no checksum, hence our own; the
-// Zstandard frame checks its own content. The figures behind the choices
-// are at CompressionLevel below and in bench/RESULTS.md.
+// against 2.2 GB/s on image tiles) and has no checksum, hence our own. A
+// Zstandard frame could check its own content, but that would be the
+// shuffled bytes: a damaged shuffle byte would pass it, so both codecs
+// carry a CRC-32 of the block as the reader hands it out. The figures
+// behind the choices are at CompressionLevel below and in bench/RESULTS.md.
 //
 // The reader is stricter than qUncompress: the length field must equal the
 // size the caller expects, the stream must produce exactly that many bytes
@@ -76,11 +79,8 @@ constexpr qint64 MaxZstdRatio = 32768;
 
 constexpr uchar Lz4Tag = 'L';
 constexpr uchar ZstdTag = 'Z';
-constexpr qint64 Lz4Header = 6 + 4; // tag, shuffle, CRC-32
-constexpr qint64 ZstdHeader = 6 - 4; // tag, shuffle
-// Zstandard's frame header descriptor (after the 4-byte magic number):
-// bit 2 says the frame ends in a checksum of its content.
-constexpr uchar ZstdChecksumFlag = 0x04;
+// After the length field: tag, shuffle, CRC-32.
+constexpr qint64 TaggedHeader = 6;
 // Shuffle buffers up to this size are kept for the next block.
 constexpr qint64 KeptScratchSize = 16 << 20;
 
@@ -284,9 +284,9 @@ qint64 RvoBlockCodec::compressBound(qint64 size) const
         return HeaderSize;
     qint64 bound = -1;
     if (m_Setting.kind() == RvoBlockCodecSetting::Lz4 && size <= LZ4_MAX_INPUT_SIZE)
-        bound = Lz4Header + LZ4_compressBound(int(size));
+        bound = TaggedHeader + LZ4_compressBound(int(size));
     else if (m_Setting.kind() == RvoBlockCodecSetting::Zstd)
-        bound = ZstdHeader + qint64(ZSTD_compressBound(size_t(size)));
+        bound = TaggedHeader + qint64(ZSTD_compressBound(size_t(size)));
     else
         return zlibBound(size);
     if (bound > MaxArraySize - HeaderSize)
@@ -360,7 +360,7 @@ const char *RvoBlockCodec::shuffled(const char *data, qint64 size)
 
 qint64 RvoBlockCodec::compressLz4(const char *data, qint64 size, uchar *out, qint64 capacity)
 {
-    if (capacity <= Lz4Header)
+    if (capacity <= TaggedHeader)
         return 0;
     if (!m_Lz4State)
         m_Lz4State.reset(new (std::nothrow) char[size_t(LZ4_sizeofState())]);
@@ -371,16 +371,16 @@ qint64 RvoBlockCodec::compressLz4(const char *data, qint64 size, uchar *out, qin
         out[1] = uchar(m_Setting.shuffle());
         qToLittleEndian(crc32Of(data, size), out + 2);
         written = LZ4_compress_fast_extState(
-                m_Lz4State.get(), input, reinterpret_cast<char *>(out + Lz4Header), int(size),
-                int(qMin(capacity - Lz4Header, qint64(std::numeric_limits<int>::max()))), 1);
+                m_Lz4State.get(), input, reinterpret_cast<char *>(out + TaggedHeader), int(size),
+                int(qMin(capacity - TaggedHeader, qint64(std::numeric_limits<int>::max()))), 1);
     }
     releaseScratch();
-    return written > 0 ? Lz4Header + written : 0;
+    return written > 0 ? TaggedHeader + written : 0;
 }
 
 qint64 RvoBlockCodec::compressZstd(const char *data, qint64 size, uchar *out, qint64 capacity)
 {
-    if (capacity <= ZstdHeader)
+    if (capacity <= TaggedHeader)
         return 0;
     if (!m_ZstdCompressor)
         m_ZstdCompressor = ZSTD_createCCtx();
@@ -389,14 +389,14 @@ qint64 RvoBlockCodec::compressZstd(const char *data, qint64 size, uchar *out, qi
     if (m_ZstdCompressor && input) {
         out[0] = ZstdTag;
         out[1] = uchar(m_Setting.shuffle());
+        qToLittleEndian(crc32Of(data, size), out + 2);
         ZSTD_CCtx_reset(m_ZstdCompressor, ZSTD_reset_session_and_parameters);
         ZSTD_CCtx_setParameter(m_ZstdCompressor, ZSTD_c_compressionLevel, m_Setting.level());
-        ZSTD_CCtx_setParameter(m_ZstdCompressor, ZSTD_c_checksumFlag, 1);
-        written = ZSTD_compress2(m_ZstdCompressor, out + ZstdHeader, size_t(capacity - ZstdHeader),
-                                 input, size_t(size));
+        written = ZSTD_compress2(m_ZstdCompressor, out + TaggedHeader,
+                                 size_t(capacity - TaggedHeader), input, size_t(size));
     }
     releaseScratch();
-    return ZSTD_isError(written) || written == 0 ? 0 : ZstdHeader + qint64(written);
+    return ZSTD_isError(written) || written == 0 ? 0 : TaggedHeader + qint64(written);
 }
 
 // The zlib stream for size (1 to MaxBlockSize) bytes, into capacity bytes at
@@ -526,7 +526,7 @@ bool RvoBlockCodec::decodeZlib(const uchar *stream, qint64 streamLength, qint64 
 bool RvoBlockCodec::decodeLz4(const uchar *body, qint64 length, qint64 expectedSize,
                               QByteArray *out)
 {
-    const qint64 blockLength = length - Lz4Header;
+    const qint64 blockLength = length - TaggedHeader;
     const int element = length > 1 ? body[1] : 0;
     if (blockLength <= 0 || element < 1 || element > RvoBlockCodecSetting::kMaxShuffleElement
         || expectedSize > LZ4_MAX_INPUT_SIZE || blockLength > std::numeric_limits<int>::max()
@@ -537,7 +537,7 @@ bool RvoBlockCodec::decodeLz4(const uchar *body, qint64 length, qint64 expectedS
     // LZ4_decompress_safe never writes past its capacity nor reads past its
     // input, and fails unless the input is exactly one well-formed block.
     const bool decoded = target
-            && LZ4_decompress_safe(reinterpret_cast<const char *>(body + Lz4Header), target,
+            && LZ4_decompress_safe(reinterpret_cast<const char *>(body + TaggedHeader), target,
                                    int(blockLength), int(expectedSize))
                     == expectedSize;
     if (decoded && element > 1)
@@ -554,13 +554,13 @@ bool RvoBlockCodec::decodeLz4(const uchar *body, qint64 length, qint64 expectedS
 bool RvoBlockCodec::decodeZstd(const uchar *body, qint64 length, qint64 expectedSize,
                                QByteArray *out)
 {
-    const uchar *frame = body + ZstdHeader;
-    const qint64 frameLength = length - ZstdHeader;
+    const uchar *frame = body + TaggedHeader;
+    const qint64 frameLength = length - TaggedHeader;
     const int element = length > 1 ? body[1] : 0;
-    // The frame must name exactly the header's size, end in a checksum of
-    // its content and end where the payload does.
-    if (frameLength < 5 || element < 1 || element > RvoBlockCodecSetting::kMaxShuffleElement
-        || expectedSize / MaxZstdRatio > frameLength || !(frame[4] & ZstdChecksumFlag)
+    // The frame must name exactly the header's size and end where the
+    // payload does.
+    if (frameLength <= 0 || element < 1 || element > RvoBlockCodecSetting::kMaxShuffleElement
+        || expectedSize / MaxZstdRatio > frameLength
         || ZSTD_getFrameContentSize(frame, size_t(frameLength)) != quint64(expectedSize)
         || ZSTD_findFrameCompressedSize(frame, size_t(frameLength)) != size_t(frameLength))
         return false;
@@ -577,7 +577,8 @@ bool RvoBlockCodec::decodeZstd(const uchar *body, qint64 length, qint64 expected
         unshuffle(reinterpret_cast<const uchar *>(target), reinterpret_cast<uchar *>(block.data()),
                   expectedSize, element);
     releaseScratch();
-    if (!decoded)
+    if (!decoded
+        || crc32Of(block.constData(), expectedSize) != qFromLittleEndian<quint32>(body + 2))
         return false;
     *out = std::move(block);
     return true;
