@@ -298,7 +298,7 @@ using Setting = RvoBlockCodecSetting;
 const Setting Settings[] = {Setting::zlib(),
                             Setting::lz4(),
                             Setting::lz4().withShuffle(1),
-                            Setting::lz4().withShuffle(8),
+                            Setting::lz4().withShuffle(4),
                             Setting::zstd(),
                             Setting::zstd(-5).withShuffle(1),
                             Setting::zstd(3).withShuffle(3)};
@@ -359,7 +359,7 @@ TEST(RvoBlockCodec, DamagedLz4AndZstdPayloadsAreRefused)
         int flips = 0;
         for (int i = 5; i < n; i += 97, ++flips) {
             QByteArray bad = payload;
-            bad[i] = char(bad[i] ^ (i == 5 ? 0x0C : 0x10)); // at 5: shuffle 4 becomes 8
+            bad[i] = char(bad[i] ^ (i == 5 ? 0x0C : 0x10)); // at 5: shuffle 8 becomes 4
             QByteArray out("stale contents");
             if (reader.uncompress(bad.constData(), n, tile.size(), &out))
                 EXPECT_TRUE(out == tile) << "byte " << i;
@@ -380,7 +380,7 @@ TEST(RvoBlockCodec, SettingsParseFromTextAndABadOneSaysWhy)
             {"", "zlib"},
             {"zlib", "zlib"},
             {" LZ4 ", "lz4"},
-            {"zstd", "zstd:1"},
+            {"zstd", "zstd:2"},
             {"zstd:-5", "zstd:-5"},
             {"zstd:22", "zstd:22"},
             {"brotli", "Bad block codec 'brotli': use zlib, lz4, zstd or zstd:LEVEL"},

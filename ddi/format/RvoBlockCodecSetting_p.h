@@ -11,7 +11,8 @@
 //
 //   zlib           qCompress's format (ISA-L or libdeflate), the default
 //   lz4            LZ4, the fastest to read: playback
-//   zstd, zstd:N   Zstandard at level N (-50 to 22, not 0): the smallest
+//   zstd, zstd:N   Zstandard at level N (-50 to 22, not 0; default 2): the
+//                  smallest
 //
 // LZ4 and Zstandard payloads are written after a byte shuffle (element i of
 // every `shuffle` bytes goes to plane i), which turns interleaved pixel
@@ -24,12 +25,12 @@ class RVODDI_EXPORT RvoBlockCodecSetting
 public:
     enum Kind { Zlib, Lz4, Zstd };
 
-    static constexpr int kDefaultZstdLevel = 1;
+    static constexpr int kDefaultZstdLevel = 2;
     static constexpr int kMinZstdLevel = -50;
     static constexpr int kMaxZstdLevel = 22;
-    // The shuffle's element: a pixel of 8-bit RGBA, two channels of half
-    // float RGBA.
-    static constexpr int kShuffleElement = 4;
+    // The shuffle's element: a pixel of half-float RGBA, two of 8-bit RGBA
+    // (whose channels then still fall into planes of their own).
+    static constexpr int kShuffleElement = 8;
     // The largest element a payload may name; readers refuse larger ones.
     static constexpr int kMaxShuffleElement = 16;
 
@@ -45,7 +46,7 @@ public:
     // False, with *error saying what is wrong, and *setting untouched, when
     // it names no setting.
     static bool parse(const QString &text, RvoBlockCodecSetting *setting, QString *error);
-    // The setting's text in its one canonical form: "zlib", "lz4", "zstd:1".
+    // The setting's text in its one canonical form: "zlib", "lz4", "zstd:2".
     QString toString() const;
     // "zlib", "lz4" or "zstd".
     static const char *kindName(Kind kind);

@@ -123,7 +123,7 @@ public:
     // environment variable RVODDI_BLOCK_CODEC. A block compressed in memory
     // (RvoDataBlock::compress) is written as it is, in zlib.
     bool setBlockCodec(const QString &setting);
-    // The setting in its canonical form ("zlib", "lz4", "zstd:1").
+    // The setting in its canonical form ("zlib", "lz4", "zstd:2").
     QString blockCodec() const;
 
     QString subCache() const;
