@@ -3,9 +3,6 @@
 #include "RvoSampleImages_p.h"
 #include "RvoSelfCheckHooks_p.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
 

@@ -4,8 +4,6 @@
 
 #include <QThread>
 
-#include <thread>
-
 namespace {
 
 // Distinct, compressible bytes for job i.

@@ -1,9 +1,6 @@
 #include "ManagerTestAccess.h"
 #include "RvoDdiLog.h"
 
-#include <QDir>
-#include <QFile>
-
 using Access = RvoDataBlockManagerTestAccess;
 
 // The write limit is a quarter of the budget, divided toward zero; every

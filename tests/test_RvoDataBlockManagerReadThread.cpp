@@ -1,11 +1,8 @@
 #include "ManagerTestAccess.h"
 
-#include <QElapsedTimer>
 #include <QProcess>
 
-#include <atomic>
 #include <cstring>
-#include <thread>
 
 using Access = RvoDataBlockManagerTestAccess;
 using Reader = RvoDataBlockManagerReadThread;

@@ -1,8 +1,5 @@
 #include "ManagerTestAccess.h"
 
-#include <QElapsedTimer>
-#include <QFileInfo>
-
 #include <chrono>
 
 using Access = RvoDataBlockManagerTestAccess;

@@ -1,8 +1,6 @@
 #include "ManagerTestAccess.h"
 #include "RvoDiskLayout_p.h"
 
-#include <QDir>
-
 #include <cmath>
 #include <cstring>
 #include <random>

@@ -2,16 +2,12 @@
 #include "RvoCacheScan_p.h"
 #include "RvoGarbageCollectorThread_p.h"
 
-#include <QDir>
 #include <QDirIterator>
-#include <QFile>
 #include <QProcess>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <future>
-#include <thread>
 
 namespace {
 

@@ -1,8 +1,6 @@
 #include "ManagerTestAccess.h"
 
-#include <atomic>
 #include <random>
-#include <thread>
 #include <vector>
 
 namespace {

@@ -2,14 +2,11 @@
 #include "ManagerTestAccess.h"
 #include "RvoRemoteClient_p.h"
 
-#include <QElapsedTimer>
-#include <QFile>
 #include <QSet>
 
 #include <hiredis.h>
 
 #include <optional>
-#include <thread>
 
 namespace {
 

@@ -4,8 +4,6 @@
 #include "RvoRemoteClient_p.h"
 #include "RvoRemote_p.h"
 
-#include <QElapsedTimer>
-#include <QFile>
 #include <QRegularExpression>
 
 #include <numeric>

@@ -2,7 +2,6 @@
 #include "RvoResultCache.h"
 
 #include <memory>
-#include <thread>
 
 namespace {
 

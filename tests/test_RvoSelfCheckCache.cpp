@@ -1,8 +1,6 @@
 #include "ManagerTestAccess.h"
 #include "RvoSelfCheckCache_p.h"
 
-#include <QFileInfo>
-
 TEST(RvoSelfCheckCache, SetsUpOnFreshRootsCountsBlockFilesCleansUpAndReportsAnUnusableParent)
 {
     QTemporaryDir parent;

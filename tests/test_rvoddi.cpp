@@ -2,8 +2,6 @@
 
 #include "ManagerTestAccess.h"
 
-#include <QDir>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>

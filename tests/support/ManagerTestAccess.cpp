@@ -7,10 +7,7 @@
 #include "RvoDiskLayout_p.h"
 
 #include <QDateTime>
-#include <QDir>
 #include <QDirIterator>
-#include <QFile>
-#include <QFileInfo>
 
 #include <cstring>
 
