@@ -16,7 +16,7 @@
 
 #include "RvoCacheScan_p.h"
 #include "RvoConstAccessor.h"
-#include "RvoDataBlockManager.h"
+#include "RvoDataBlockManager_p.h"
 #include "RvoDataReference.h"
 #include "RvoGarbageCollectorThread_p.h"
 #include "RvoHashManager.h"
@@ -39,6 +39,12 @@
 #include <unistd.h>
 
 namespace {
+
+// The manager's side of the disk threads, which the benchmarks make by hand.
+RvoDiskHost &diskHost()
+{
+    return RvoDataBlockManager::Private::of(RvoDataBlockManager::instance());
+}
 
 constexpr int kFiles = 100000;
 constexpr int kFileBytes = 1000;
@@ -83,7 +89,7 @@ void BM_TrimPass_100k(benchmark::State &state)
         makeFile(root, i, bytes);
     const qint64 total = qint64(kFiles) * kFileBytes;
 
-    RvoGarbageCollectorThread collector(root, 10, nullptr); // not started
+    RvoGarbageCollectorThread collector(diskHost(), root, 10, nullptr); // not started
     collector.setShare(total - 1);
     qint64 deleted = 0;
     for (auto _ : state) {

@@ -19,7 +19,7 @@ protected:
     }
 
     QTemporaryDir root;
-    Reader reader {root.path(), 10, 50, nullptr};
+    Reader reader {Access::manager(), root.path(), 10, 50, nullptr};
 };
 
 TEST_F(RvoReadThread, QueueServesPrioritiesInOrder)

@@ -15,7 +15,7 @@ protected:
     }
 
     QTemporaryDir root;
-    Writer writer {root.path(), 10, 4, nullptr};
+    Writer writer {Access::manager(), root.path(), 10, 4, nullptr};
 };
 
 // A block marked cached is not queued; when its save owns it, it is deleted
@@ -131,7 +131,7 @@ TEST(RvoDataBlockManagerWriteThread, RefusedSavesWaitAndAreRetriedUntilTheDiskTa
     const QString root = dir.path() + QStringLiteral("/file/root");
     ASSERT_TRUE(writeFile(dir.path() + QStringLiteral("/file"), "x"));
     ManagerSetup setup; // a last digest release reaches the manager
-    Writer writer(root, 10, 10, nullptr);
+    Writer writer(Access::manager(), root, 10, 10, nullptr);
     writer.setRetryPauses(std::chrono::milliseconds(100), std::chrono::milliseconds(400));
     QVector<QByteArray> contents;
     QVector<RvoSmartPointer<RvoDataHash>> hashes;

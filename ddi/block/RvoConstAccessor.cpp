@@ -1,7 +1,7 @@
 #include "RvoConstAccessor.h"
 
+#include "RvoBlockStore_p.h"
 #include "RvoDataBlock.h"
-#include "RvoDataBlockManager.h"
 #include "RvoDataDeleteLocker.h"
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDdiMutexLocker.h"
@@ -56,7 +56,7 @@ void RvoConstAccessor::acquire(bool pin)
     RvoDataDeleteLocker locker;
     RvoDdiMutexLocker blockLocker(&m_Block->m_Mutex);
     if (pin && m_Block->m_AccessCount.load(std::memory_order_relaxed) == 0)
-        RvoDataBlockManager::instance().lockBlock(m_DataHash.data());
+        RvoBlockStore::instance().lockBlock(m_DataHash.data());
     m_Block->m_AccessCount.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -66,7 +66,7 @@ void RvoConstAccessor::release()
         RvoDataDeleteLocker locker;
         RvoDdiMutexLocker blockLocker(&m_Block->m_Mutex);
         if (m_Block->m_AccessCount.fetch_sub(1, std::memory_order_relaxed) == 1)
-            RvoDataBlockManager::instance().unlockBlock(m_DataHash.data());
+            RvoBlockStore::instance().unlockBlock(m_DataHash.data());
         m_Block = nullptr;
     }
     m_DataHash.reset();

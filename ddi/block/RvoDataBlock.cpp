@@ -1,6 +1,6 @@
 #include "RvoDataBlock.h"
 
-#include "RvoDataBlockManager.h"
+#include "RvoBlockStore_p.h"
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDdiMutexLocker.h"
 
@@ -141,7 +141,7 @@ bool RvoDataBlock::operator==(const RvoDataBlock &other) const
 
 qint64 RvoDataBlock::maxBlockSize()
 {
-    return qMin<qint64>(RvoDataBlockManager::instance().maxDataCacheSize(), 0x7FFFFFFF);
+    return qMin<qint64>(RvoBlockStore::instance().maxDataCacheSize(), 0x7FFFFFFF);
 }
 
 void RvoDataBlock::dispose(RvoDataBlock *block)

@@ -12,7 +12,7 @@
 
 class RvoConstAccessor;
 class RvoModifyAccessor;
-class RvoDataBlockManagerReadThread;
+class RvoBlockLoad;
 class RvoDataBlockManagerWriteThread;
 
 // One payload buffer of the cache, held raw or compressed (Qt's qCompress
@@ -98,7 +98,7 @@ public:
 protected:
     friend class RvoConstAccessor;
     friend class RvoModifyAccessor;
-    friend class RvoDataBlockManagerReadThread;
+    friend class RvoBlockLoad;
     friend class RvoDataBlockManagerWriteThread;
 
     // Serialises accessor-count changes. Lock order: after the manager's

@@ -1,5 +1,6 @@
 #include "RvoDataReference.h"
 
+#include "RvoBlockStore_p.h"
 #include "RvoConstAccessor.h"
 #include "RvoDataBlock.h"
 #include "RvoDataDeleteLocker.h"
@@ -97,7 +98,7 @@ bool RvoDataReference::isInMemory() const
     // Waited for before the delete lock: the job needs that lock to finish.
     checkAndWaitJob();
     RvoDataDeleteLocker locker;
-    return RvoDataBlockManager::instance().isInMemory(m_DataHash.data());
+    return RvoBlockStore::instance().isInMemory(m_DataHash.data());
 }
 
 QString RvoDataReference::hash() const
@@ -125,10 +126,10 @@ void RvoDataReference::setUserId(int id)
         m_DataHash->setUserId(id);
 }
 
-void RvoDataReference::preload(RvoDataBlockManager::PreloadPriority priority) const
+void RvoDataReference::preload(RvoDataBlockManagerBase::PreloadPriority priority) const
 {
     checkAndWaitJob();
-    RvoDataBlockManager::instance().preloadData(RvoDataReference(m_DataHash), priority);
+    RvoBlockStore::instance().preloadData(RvoDataReference(m_DataHash), priority);
 }
 
 RvoConstAccessor RvoDataReference::constAccessor() const
@@ -143,7 +144,7 @@ RvoConstAccessor RvoDataReference::constAccessor() const
     // A null digest goes on like any other: the manager has no block for it,
     // and the accessor made from neither block nor digest reports that too.
     // The result is a null accessor either way.
-    RvoDataBlock *block = RvoDataBlockManager::instance().getDataBlock(m_DataHash.data());
+    RvoDataBlock *block = RvoBlockStore::instance().getDataBlock(m_DataHash.data());
     return RvoConstAccessor(m_DataHash, block);
 }
 
@@ -157,7 +158,7 @@ RvoModifyAccessor RvoDataReference::modifyAccessor()
         rvoReport(QStringLiteral("Null Value of m_DataHash"));
         return RvoModifyAccessor();
     }
-    const RvoDataBlock *block = RvoDataBlockManager::instance().getDataBlock(m_DataHash.data());
+    const RvoDataBlock *block = RvoBlockStore::instance().getDataBlock(m_DataHash.data());
     if (!block) {
         qCDebug(lcDdi, "No block to modify for %s", qPrintable(m_DataHash->toString()));
         return RvoModifyAccessor();

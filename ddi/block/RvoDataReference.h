@@ -2,7 +2,7 @@
 #define RVODATAREFERENCE_H
 
 #include "RvoBlockFuture.h"
-#include "RvoDataBlockManager.h"
+#include "RvoDataBlockManagerBase.h"
 #include "RvoDataHash.h"
 #include "RvoDdiGlobal.h"
 #include "RvoSmartPointer.h"
@@ -59,7 +59,7 @@ public:
     void setUserId(int id);
     // Asks for the block to be brought into memory ahead of use. Returns at
     // once.
-    void preload(RvoDataBlockManager::PreloadPriority priority) const;
+    void preload(RvoDataBlockManagerBase::PreloadPriority priority) const;
     // Read access that pins the block in memory while it lives; a null
     // accessor when there is no block to read.
     RvoConstAccessor constAccessor() const;
@@ -77,8 +77,6 @@ public:
     static void operator delete(void *pointer, void *place) noexcept;
 
 private:
-    friend class RvoDataBlockManager;
-
     // Resolves a pending reference, following a chain of jobs to its end.
     void checkAndWaitJob() const;
 

@@ -1,7 +1,7 @@
 #include "RvoHashingJob.h"
 
+#include "RvoBlockStore_p.h"
 #include "RvoDataBlock.h"
-#include "RvoDataBlockManager.h"
 #include "RvoHashManager.h"
 #include "RvoTsan_p.h"
 
@@ -92,15 +92,15 @@ RvoDataReference RvoHashingJob::processBlock(RvoDataBlock *block)
     block->uncompress();
     RvoSmartPointer<RvoDataHash> hash
             = RvoHashManager::instance().getHash(block->constData(), block->size());
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    manager.makeBlockLive(hash.data(), block);
-    return manager.getReference(hash.data());
+    RvoBlockStore &store = RvoBlockStore::instance();
+    store.makeBlockLive(hash.data(), block);
+    return store.getReference(hash.data());
 }
 
 RvoDataReference RvoHashingJob::processBlockByteArray(const QByteArray &bytes)
 {
     RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(bytes);
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    manager.makeBlockLive(hash.data(), RvoDataBlock::sharing(bytes));
-    return manager.getReference(hash.data());
+    RvoBlockStore &store = RvoBlockStore::instance();
+    store.makeBlockLive(hash.data(), RvoDataBlock::sharing(bytes));
+    return store.getReference(hash.data());
 }

@@ -1,7 +1,7 @@
 #include "RvoModifyAccessor.h"
 
+#include "RvoBlockStore_p.h"
 #include "RvoDataBlock.h"
-#include "RvoDataBlockManager.h"
 #include "RvoDataReference.h"
 #include "RvoDdiMutexLocker.h"
 
@@ -91,5 +91,5 @@ RvoDataReference RvoModifyAccessor::release(Caching caching, bool synchronous)
         m_Block->m_AccessCount.fetch_sub(1, std::memory_order_relaxed);
         m_Block = nullptr;
     }
-    return RvoDataBlockManager::instance().addBlock(given, caching, synchronous);
+    return RvoBlockStore::instance().addBlock(given, caching, synchronous);
 }

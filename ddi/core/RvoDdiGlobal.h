@@ -13,4 +13,15 @@ using RvoQHashType = size_t;
 using RvoQHashType = uint;
 #endif
 
+// Clang's thread-safety analysis (-Wthread-safety) reads these attributes on
+// the lock types and on the members they guard; other compilers see nothing.
+// Installed headers spell them with this one macro, so that a host's macro
+// names stay its own; the library's sources use the usual short names of
+// RvoThreadAnnotations_p.h.
+#if defined(__clang__)
+#define RVODDI_THREAD_ANNOTATION(x) __attribute__((x))
+#else
+#define RVODDI_THREAD_ANNOTATION(x)
+#endif
+
 #endif // RVODDIGLOBAL_H

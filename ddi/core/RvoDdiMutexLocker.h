@@ -6,10 +6,11 @@
 // Scoped holder of an RvoDdiMutex. A null mutex gives an inert locker.
 // The locker remembers whether it holds the lock: the destructor unlocks only
 // then, relock() locks only when not held. unlock() always unlocks.
-class RVODDI_EXPORT RvoDdiMutexLocker
+class RVODDI_EXPORT RVODDI_THREAD_ANNOTATION(scoped_lockable) RvoDdiMutexLocker
 {
 public:
     explicit RvoDdiMutexLocker(RvoDdiMutex *mutex)
+            RVODDI_THREAD_ANNOTATION(acquire_capability(mutex))
         : m_Mutex(mutex)
     {
         if (m_Mutex) {
@@ -18,7 +19,7 @@ public:
         }
     }
 
-    ~RvoDdiMutexLocker()
+    ~RvoDdiMutexLocker() RVODDI_THREAD_ANNOTATION(release_capability())
     {
         if (m_Held && m_Mutex)
             m_Mutex->unlock();
@@ -31,14 +32,14 @@ public:
     RvoDdiMutexLocker &operator=(const RvoDdiMutexLocker &other) = default;
 
     // REQUIRES: the calling thread holds the mutex.
-    void unlock()
+    void unlock() RVODDI_THREAD_ANNOTATION(release_capability())
     {
         m_Held = false;
         if (m_Mutex)
             m_Mutex->unlock();
     }
 
-    void relock()
+    void relock() RVODDI_THREAD_ANNOTATION(acquire_capability())
     {
         if (m_Mutex && !m_Held) {
             m_Mutex->lock();

@@ -2,14 +2,12 @@
 
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockFile_p.h"
-#include "RvoBlockSaver_p.h"
+#include "RvoBlockLoad_p.h"
 #include "RvoBufferPool_p.h"
 #include "RvoCacheScan_p.h"
-#include "RvoDataBlock.h"
 #include "RvoDdiDiagnostics_p.h"
+#include "RvoDiskHost_p.h"
 #include "RvoDiskLayout_p.h"
-#include "RvoDiskUsage_p.h"
-#include "RvoRemoteTier_p.h"
 #include "RvoTsan_p.h"
 
 #include <QDir>
@@ -23,94 +21,24 @@
 
 namespace {
 
-// Decodes one payload on a pool thread and completes the load's future.
+// Reports a corrupt block file and deletes it, so that a later save of the
+// same content can replace it.
+void discardCorrupt(const QString &path, const char *why)
+{
+    qCDebug(lcDdi, "Corrupt block file '%s' deleted (%s)", qPrintable(path), why);
+    QFile::remove(path);
+}
+
+// Decodes one payload read from the root on a pool thread and completes its
+// load.
 class DecodeTask : public QRunnable
 {
 public:
-    // Decodes the payload: false when it is corrupt; otherwise *block is
-    // the new block (null when it went to the manager).
-    using Decode = bool (*)(DecodeTask &task, RvoDataBlock **block);
-
-    DecodeTask(QFutureInterface<RvoDataBlock *> promise, RvoBufferPool::Buffer buffer,
-               qint64 length, qint64 size, RvoSmartPointer<RvoDataHash> hash, bool makeLive,
-               QString path, Decode decode)
-        : promise(std::move(promise))
-        , buffer(std::move(buffer))
-        , length(length)
-        , size(size)
-        , hash(std::move(hash))
-        , makeLive(makeLive)
-        , path(std::move(path))
-        , m_Decode(decode)
-    {
-        setAutoDelete(true);
-    }
-
-    void run() override
-    {
-        rvoHappensAfter(this);
-        RvoDataBlock *block = nullptr;
-        const bool decoded = m_Decode(*this, &block);
-        RvoBufferPool::instance().release(std::move(buffer));
-        if (decoded) {
-            if (block)
-                rvoHappensBefore(block);
-            promise.reportResult(block);
-        } else {
-            promise.reportCanceled();
-        }
-        promise.reportFinished();
-    }
-
-    QFutureInterface<RvoDataBlock *> promise;
-    RvoBufferPool::Buffer buffer;
-    qint64 length;
-    qint64 size;
-    RvoSmartPointer<RvoDataHash> hash;
-    bool makeLive;
-    QString path;
-
-private:
-    Decode m_Decode;
-};
-
-QFuture<RvoDataBlock *> canceledLoad(QFutureInterface<RvoDataBlock *> &promise)
-{
-    promise.reportCanceled();
-    promise.reportFinished();
-    return promise.future();
-}
-
-// One decoder per pool thread, kept for the thread's life.
-RvoBlockCodec &poolCodec()
-{
-    thread_local RvoBlockCodec codec;
-    return codec;
-}
-
-// Checks a block file fetched from a remote on a pool thread, asks the next
-// remotes when it fails, publishes the first sound one into the root and
-// completes the load's future with its block.
-class RemoteTask : public QRunnable
-{
-public:
-    using MakeBlock = RvoDataBlock *(*)(QByteArray bytes, const RvoSmartPointer<RvoDataHash> &hash,
-                                        bool makeLive, qint64 size, bool cached);
-
-    RemoteTask(QFutureInterface<RvoDataBlock *> promise, std::shared_ptr<RvoRemoteTier> tier,
-               int remote, QByteArray file, RvoSmartPointer<RvoDataHash> hash, bool makeLive,
-               QString directory, QString fileName, std::shared_ptr<RvoDiskUsage> diskUsage,
-               MakeBlock makeBlock)
-        : m_Promise(std::move(promise))
-        , m_Tier(std::move(tier))
-        , m_Remote(remote)
-        , m_File(std::move(file))
-        , m_Hash(std::move(hash))
-        , m_MakeLive(makeLive)
-        , m_Directory(std::move(directory))
-        , m_FileName(std::move(fileName))
-        , m_DiskUsage(std::move(diskUsage))
-        , m_MakeBlock(makeBlock)
+    DecodeTask(RvoBlockLoad load, RvoBufferPool::Buffer buffer, qint64 length, qint64 size)
+        : m_Load(std::move(load))
+        , m_Buffer(std::move(buffer))
+        , m_Length(length)
+        , m_Size(size)
     {
         setAutoDelete(true);
     }
@@ -119,59 +47,38 @@ public:
     {
         rvoHappensAfter(this);
         QByteArray bytes;
-        RvoBlockFile::Header header;
-        for (;;) {
-            const RvoBlockFile::Fault fault = RvoBlockFile::verify(
-                    poolCodec(), m_File.constData(), m_File.size(), m_FileName, &bytes, &header);
-            if (fault == RvoBlockFile::Sound)
-                break;
-            m_Tier->reject(m_Remote, m_FileName, QLatin1String(RvoBlockFile::faultText(fault)));
-            m_File = m_Tier->get(m_FileName, m_Remote + 1, &m_Remote);
-            if (m_Remote < 0) {
-                qCDebug(lcDdi, "Cannot Open File %s to read. Exist?=0",
-                        qPrintable(m_Directory + QDir::separator() + m_FileName));
-                m_Hash->setPreloading(false);
-                m_Promise.reportCanceled();
-                m_Promise.reportFinished();
-                return;
-            }
+        const RvoBlockFile::Fault fault = RvoBlockFile::decodePayload(
+                RvoBlockCodec::forThisThread(), m_Buffer.data(), m_Length, m_Size, &bytes);
+        RvoBufferPool::instance().release(std::move(m_Buffer));
+        m_Load.hash()->setPreloading(false);
+        if (fault != RvoBlockFile::Sound) {
+            discardCorrupt(m_Load.path(), RvoBlockFile::faultText(fault));
+            m_Load.fail();
+            return;
         }
-        // Published like a save: under a temporary name, then renamed. A
-        // root that refuses it leaves the block without a disk copy, to be
-        // saved when it leaves memory.
-        const RvoBlockSaver::Outcome outcome
-                = RvoBlockSaver::save(header.size, m_File.constData() + RvoBlockFile::kHeaderSize,
-                                      header.payloadLength, m_Directory, m_FileName);
-        if (outcome.written > 0 && m_DiskUsage)
-            m_DiskUsage->added(RvoBlockFile::kHeaderSize + outcome.written);
-        m_File.clear();
-        m_Hash->setPreloading(false);
-        RvoDataBlock *block
-                = m_MakeBlock(std::move(bytes), m_Hash, m_MakeLive, header.size, outcome.onDisk);
-        if (block)
-            rvoHappensBefore(block);
-        m_Promise.reportResult(block);
-        m_Promise.reportFinished();
+        m_Load.finish(std::move(bytes), m_Size, true);
     }
 
 private:
-    QFutureInterface<RvoDataBlock *> m_Promise;
-    std::shared_ptr<RvoRemoteTier> m_Tier;
-    int m_Remote;
-    QByteArray m_File;
-    RvoSmartPointer<RvoDataHash> m_Hash;
-    bool m_MakeLive;
-    QString m_Directory;
-    QString m_FileName;
-    std::shared_ptr<RvoDiskUsage> m_DiskUsage;
-    MakeBlock m_MakeBlock;
+    RvoBlockLoad m_Load;
+    RvoBufferPool::Buffer m_Buffer;
+    qint64 m_Length;
+    qint64 m_Size;
 };
+
+QFuture<RvoDataBlock *> failed(RvoBlockLoad &load)
+{
+    load.fail();
+    return load.future();
+}
 
 } // namespace
 
-RvoDataBlockManagerReadThread::RvoDataBlockManagerReadThread(const QString &root, int bucketCount,
-                                                             int maxRequests, QObject *parent)
+RvoDataBlockManagerReadThread::RvoDataBlockManagerReadThread(RvoDiskHost &host, const QString &root,
+                                                             int bucketCount, int maxRequests,
+                                                             QObject *parent)
     : QThread(parent)
+    , m_Host(host)
     , m_Root(root)
     , m_BucketCount(bucketCount)
     , m_MaxRequests(maxRequests)
@@ -189,7 +96,7 @@ RvoDataBlockManagerReadThread::~RvoDataBlockManagerReadThread()
 }
 
 void RvoDataBlockManagerReadThread::request(RvoDataHash *hash,
-                                            RvoDataBlockManager::PreloadPriority priority)
+                                            RvoDataBlockManagerBase::PreloadPriority priority)
 {
     if (!hash)
         return;
@@ -216,7 +123,7 @@ void RvoDataBlockManagerReadThread::request(RvoDataHash *hash,
         std::lock_guard<std::mutex> locker(m_Lock);
         if (hash->isPreloading())
             return; // queued or being loaded already; the entry is dropped below
-        if (priority == RvoDataBlockManager::PreloadBackground
+        if (priority == RvoDataBlockManagerBase::PreloadBackground
             && m_Queue.size() >= size_t(qMax(m_MaxRequests, 0)))
             return;
         auto position = m_Queue.begin();
@@ -254,17 +161,16 @@ void RvoDataBlockManagerReadThread::run()
 QFuture<RvoDataBlock *>
 RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &hash, bool makeLive)
 {
-    QFutureInterface<RvoDataBlock *> promise;
-    promise.reportStarted();
-
     QString directory;
     QString fileName;
-    if (!buildFilename(hash.data(), m_Root, subCache(), quint32(qMax(m_BucketCount, 1)), directory,
-                       fileName))
-        return canceledLoad(promise);
+    const bool named = buildFilename(hash.data(), m_Root, subCache(),
+                                     quint32(qMax(m_BucketCount, 1)), directory, fileName);
+    RvoBlockLoad load(m_Host, hash, makeLive, directory, fileName, m_DiskUsage);
+    if (!named)
+        return failed(load);
     if (!QDir(directory).exists())
         QDir().mkpath(directory);
-    const QString path = directory + QDir::separator() + fileName;
+    const QString path = load.path();
 
     QFile file(path);
     // Opened under the block-file lock: a block read from its file counts
@@ -276,19 +182,13 @@ RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &has
     };
     if (!open()) {
         // A save of this block may be under way: let the writers finish.
-        // Writers with nothing to do are not flushed: that would only cost
-        // the flush's pause, on every block a remote has to bring.
-        RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-        if (manager.writesPending())
-            manager.flush(false, RvoDataBlockManager::WriteThreads);
+        m_Host.finishPendingSaves();
         if (!open()) {
-            const std::shared_ptr<RvoRemoteTier> tier
-                    = RvoDataBlockManager::instance().remoteTier();
-            if (tier && loadFromRemote(tier, promise, hash, makeLive, directory, fileName))
-                return promise.future();
+            if (m_Host.fetchMissing(load))
+                return load.future();
             qCDebug(lcDdi, "Cannot Open File %s to read. Exist?=%d", qPrintable(path),
                     QFile::exists(path) ? 1 : 0);
-            return canceledLoad(promise);
+            return failed(load);
         }
     }
 
@@ -311,7 +211,7 @@ RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &has
         else if (fileLength < RvoBlockFile::kHeaderSize + qint64(header.payloadLength))
             qCDebug(lcDdi, "Cannot read all Data from File '%s'", qPrintable(path));
         discardCorrupt(path, RvoBlockFile::faultText(fault));
-        return canceledLoad(promise);
+        return failed(load);
     }
     // The header matched the file's length, so this is what the file holds.
     const qint32 blockSize = header.payloadLength;
@@ -319,82 +219,23 @@ RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &has
     RvoBufferPool::Buffer buffer = RvoBufferPool::instance().acquire(blockSize);
     if (buffer.isNull()) {
         rvoReport(QStringLiteral("Cannot allocate %1 bytes to read %2").arg(blockSize).arg(path));
-        return canceledLoad(promise);
+        return failed(load);
     }
     if (file.read(buffer.data(), blockSize) != blockSize) {
         qCDebug(lcDdi, "Cannot read all Data from File '%s'", qPrintable(path));
         RvoBufferPool::instance().release(std::move(buffer));
         discardCorrupt(path, RvoBlockFile::faultText(RvoBlockFile::Short));
-        return canceledLoad(promise);
+        return failed(load);
     }
     file.close();
     RvoCacheScan::noteUse(path);
     m_BytesRead.fetch_add(size, std::memory_order_relaxed);
 
-    QFuture<RvoDataBlock *> future = promise.future();
-    auto *task
-            = new DecodeTask(promise, std::move(buffer), blockSize, size, hash, makeLive, path,
-                             [](DecodeTask &t, RvoDataBlock **block) {
-                                 return decompressAndMakeBlock(t.buffer.data(), t.length, t.hash,
-                                                               t.makeLive, t.size, t.path, block);
-                             });
+    QFuture<RvoDataBlock *> future = load.future();
+    auto *task = new DecodeTask(std::move(load), std::move(buffer), blockSize, size);
     rvoHappensBefore(task);
     QThreadPool::globalInstance()->start(task);
     return future;
-}
-
-bool RvoDataBlockManagerReadThread::loadFromRemote(const std::shared_ptr<RvoRemoteTier> &tier,
-                                                   QFutureInterface<RvoDataBlock *> &promise,
-                                                   const RvoSmartPointer<RvoDataHash> &hash,
-                                                   bool makeLive, const QString &directory,
-                                                   const QString &fileName)
-{
-    // Fetched here, on the thread that asked; checked and decoded on the
-    // pool, as a file read from the root would be.
-    int remote = -1;
-    QByteArray file = tier->get(fileName, 0, &remote);
-    if (remote < 0)
-        return false;
-    auto *task = new RemoteTask(promise, tier, remote, std::move(file), hash, makeLive, directory,
-                                fileName, m_DiskUsage, &makeBlock);
-    rvoHappensBefore(task);
-    QThreadPool::globalInstance()->start(task);
-    return true;
-}
-
-RvoDataBlock *RvoDataBlockManagerReadThread::makeBlock(QByteArray bytes,
-                                                       const RvoSmartPointer<RvoDataHash> &hash,
-                                                       bool makeLive, qint64 size, bool cached)
-{
-    auto *block = new RvoDataBlock(0, 0);
-    block->m_Data = std::move(bytes);
-    block->m_Size = size;
-    block->m_Compressed = false;
-    block->m_Cached.store(cached, std::memory_order_release);
-    if (makeLive) {
-        // The manager owns it from here and may drop it as a duplicate.
-        RvoDataBlockManager::instance().makeBlockLive(hash.data(), block);
-        return nullptr;
-    }
-    return block;
-}
-
-bool RvoDataBlockManagerReadThread::decompressAndMakeBlock(const char *payload, qint64 length,
-                                                           const RvoSmartPointer<RvoDataHash> &hash,
-                                                           bool makeLive, qint64 size,
-                                                           const QString &path,
-                                                           RvoDataBlock **result)
-{
-    QByteArray bytes;
-    const RvoBlockFile::Fault fault
-            = RvoBlockFile::decodePayload(poolCodec(), payload, length, size, &bytes);
-    hash->setPreloading(false);
-    if (fault != RvoBlockFile::Sound) {
-        discardCorrupt(path, RvoBlockFile::faultText(fault));
-        return false;
-    }
-    *result = makeBlock(std::move(bytes), hash, makeLive, size, true);
-    return true;
 }
 
 RvoDataBlock *RvoDataBlockManagerReadThread::waitForBlock(QFuture<RvoDataBlock *> future)
@@ -406,12 +247,6 @@ RvoDataBlock *RvoDataBlockManagerReadThread::waitForBlock(QFuture<RvoDataBlock *
     if (block)
         rvoHappensAfter(block);
     return block;
-}
-
-void RvoDataBlockManagerReadThread::discardCorrupt(const QString &path, const char *why)
-{
-    qCDebug(lcDdi, "Corrupt block file '%s' deleted (%s)", qPrintable(path), why);
-    QFile::remove(path);
 }
 
 void RvoDataBlockManagerReadThread::killRequests()

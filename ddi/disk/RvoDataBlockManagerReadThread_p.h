@@ -1,7 +1,7 @@
 #ifndef RVODATABLOCKMANAGERREADTHREAD_P_H
 #define RVODATABLOCKMANAGERREADTHREAD_P_H
 
-#include "RvoDataBlockManager.h"
+#include "RvoDataBlockManagerBase.h"
 #include "RvoDataHash.h"
 #include "RvoSmartPointer.h"
 
@@ -19,9 +19,8 @@
 #include <mutex>
 
 class RvoDataBlock;
+class RvoDiskHost;
 class RvoDiskUsage;
-class RvoRemoteTier;
-class QFile;
 
 // Brings the blocks of one cache root back from their block files.
 //
@@ -30,9 +29,8 @@ class QFile;
 // the queue is long), and the thread loads it and makes it live in the
 // manager. Direct loads: loadBlock() reads the file on the calling thread.
 // Either way the payload is decoded on the global thread pool. A block file
-// missing from the root is asked of the remote tier, when there is one; a
-// file a remote sends is checked against its name on the pool and published
-// into the root before its block is made.
+// missing from the root is asked of the manager's host (the remote tier),
+// which completes the load when it finds the file.
 //
 // A block file that RvoBlockFile does not find sound (lengths that lie, a
 // payload that does not decode to exactly its recorded size) is corrupt: it
@@ -46,14 +44,14 @@ class QFile;
 class RvoDataBlockManagerReadThread : public QThread
 {
 public:
-    RvoDataBlockManagerReadThread(const QString &root, int bucketCount, int maxRequests,
-                                  QObject *parent);
+    RvoDataBlockManagerReadThread(RvoDiskHost &host, const QString &root, int bucketCount,
+                                  int maxRequests, QObject *parent);
     ~RvoDataBlockManagerReadThread() override;
 
     // Queues a preload of `hash`, or, with promotion enabled, moves a queued
     // one a step toward the front. A digest marked as preloading is not
     // queued twice.
-    void request(RvoDataHash *hash, RvoDataBlockManager::PreloadPriority priority);
+    void request(RvoDataHash *hash, RvoDataBlockManagerBase::PreloadPriority priority);
 
     // Reads the block file of `hash` on the calling thread and decodes it on
     // the thread pool. The future is canceled, with no result, when the file
@@ -98,33 +96,13 @@ protected:
     void run() override;
 
 private:
-    friend class RvoDataBlockManagerTestAccess;
-
     struct Entry
     {
         int priority;
         RvoSmartPointer<RvoDataHash> hash;
     };
 
-    // Decodes a payload into a new block known to be on disk; with makeLive
-    // hands it to the manager (*block is then null). False, with the file
-    // deleted, when the payload is corrupt. Runs on a pool thread.
-    static bool decompressAndMakeBlock(const char *payload, qint64 length,
-                                       const RvoSmartPointer<RvoDataHash> &hash, bool makeLive,
-                                       qint64 size, const QString &path, RvoDataBlock **block);
-    // Reports a corrupt block file and deletes it.
-    static void discardCorrupt(const QString &path, const char *why);
-    // A new block of `bytes`, known to be on disk when `cached`; with
-    // makeLive handed to the manager (null is returned then).
-    static RvoDataBlock *makeBlock(QByteArray bytes, const RvoSmartPointer<RvoDataHash> &hash,
-                                   bool makeLive, qint64 size, bool cached);
-    // Starts fetching the block file `fileName` from the remote tier into
-    // `directory`; false when no remote has it.
-    bool loadFromRemote(const std::shared_ptr<RvoRemoteTier> &tier,
-                        QFutureInterface<RvoDataBlock *> &promise,
-                        const RvoSmartPointer<RvoDataHash> &hash, bool makeLive,
-                        const QString &directory, const QString &fileName);
-
+    RvoDiskHost &m_Host;
     const QString m_Root;
     // Guards m_Queue, m_SubCache and m_Closing. Lock order: a leaf.
     mutable std::mutex m_Lock;

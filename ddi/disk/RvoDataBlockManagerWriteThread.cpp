@@ -1,11 +1,12 @@
 #include "RvoDataBlockManagerWriteThread_p.h"
 
+#include "RvoBlockFile_p.h"
 #include "RvoDataBlock.h"
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDdiLog.h"
+#include "RvoDiskHost_p.h"
 #include "RvoDiskLayout_p.h"
 #include "RvoDiskUsage_p.h"
-#include "RvoRemoteTier_p.h"
 
 #include <QDir>
 
@@ -14,9 +15,11 @@
 
 #include <iterator>
 
-RvoDataBlockManagerWriteThread::RvoDataBlockManagerWriteThread(const QString &root, int bucketCount,
+RvoDataBlockManagerWriteThread::RvoDataBlockManagerWriteThread(RvoDiskHost &host,
+                                                               const QString &root, int bucketCount,
                                                                int maxRequests, QObject *parent)
     : QThread(parent)
+    , m_Host(host)
     , m_Root(root)
     , m_MaxRequests(maxRequests)
     , m_BucketCount(bucketCount)
@@ -56,7 +59,7 @@ void RvoDataBlockManagerWriteThread::finishWith(RvoDataBlockSaveRequest &request
         delete block; // the manager gave it up while this save was queued
 }
 
-void RvoDataBlockManagerWriteThread::writeBlock(RvoDataBlockManager::PreloadPriority priority,
+void RvoDataBlockManagerWriteThread::writeBlock(RvoDataBlockManagerBase::PreloadPriority priority,
                                                 RvoSmartPointer<RvoDataHash> hash,
                                                 RvoDataBlock *block, bool deleteAfterWrite)
 {
@@ -263,10 +266,7 @@ bool RvoDataBlockManagerWriteThread::park(Entry &&entry, Clock::time_point attem
 void RvoDataBlockManagerWriteThread::retire(RvoDataBlockSaveRequest &request)
 {
     finishWith(request);
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    manager.lockDeletes();
-    request.hash.reset();
-    manager.unlockDeletes();
+    m_Host.releaseDigest(request.hash);
 }
 
 void RvoDataBlockManagerWriteThread::run()
@@ -376,14 +376,12 @@ RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &request,
         if (outcome.written > 0) {
             m_BytesWritten.fetch_add(outcome.written, std::memory_order_relaxed);
             if (m_DiskUsage)
-                m_DiskUsage->added(kBlockFileHeaderSize + outcome.written);
+                m_DiskUsage->added(RvoBlockFile::kHeaderSize + outcome.written);
             m_RequestsHandled.fetch_add(1, std::memory_order_relaxed);
             // A file this process made is shared; one found there was made
             // (and shared) by whoever wrote it.
-            if (const std::shared_ptr<RvoRemoteTier> tier
-                = RvoDataBlockManager::instance().remoteTier())
-                tier->upload(directory + QDir::separator() + fileName, fileName,
-                             kBlockFileHeaderSize + outcome.written);
+            m_Host.blockFilePublished(directory + QDir::separator() + fileName, fileName,
+                                      RvoBlockFile::kHeaderSize + outcome.written);
         }
         // The one point where a save succeeds: the block file is complete
         // under its name. Only then is the block marked saved, and only then

@@ -3,7 +3,7 @@
 
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockSaver_p.h"
-#include "RvoDataBlockManager.h"
+#include "RvoDataBlockManagerBase.h"
 #include "RvoDataBlockSaveRequest_p.h"
 
 #include <QList>
@@ -18,6 +18,7 @@
 #include <memory>
 #include <mutex>
 
+class RvoDiskHost;
 class RvoDiskUsage;
 
 // Writes the blocks of one cache root into block files, in the background,
@@ -46,15 +47,15 @@ class RvoDiskUsage;
 class RvoDataBlockManagerWriteThread : public QThread
 {
 public:
-    RvoDataBlockManagerWriteThread(const QString &root, int bucketCount, int maxRequests,
-                                   QObject *parent);
+    RvoDataBlockManagerWriteThread(RvoDiskHost &host, const QString &root, int bucketCount,
+                                   int maxRequests, QObject *parent);
     // Frees the queued requests; their blocks are not deleted.
     ~RvoDataBlockManagerWriteThread() override;
 
     // Queues a save of `block` under `hash`. A block that is on disk already
     // is not queued (and deleted at once when deleteAfterWrite is set). With
     // deleteAfterWrite the thread owns the block and deletes it after saving.
-    void writeBlock(RvoDataBlockManager::PreloadPriority priority,
+    void writeBlock(RvoDataBlockManagerBase::PreloadPriority priority,
                     RvoSmartPointer<RvoDataHash> hash, RvoDataBlock *block, bool deleteAfterWrite);
 
     // No save is queued or being written.
@@ -133,7 +134,7 @@ private:
     // finishWith(), then releases the request's digest inside the manager's
     // delete lock (a last release retires the digest, which reaches the
     // manager's tables). Call without the queue lock.
-    static void retire(RvoDataBlockSaveRequest &request);
+    void retire(RvoDataBlockSaveRequest &request);
     // The entry to save next, taken out of the queue, or the queue's end when
     // none is due; moves refused saves nobody else refers to into `dropped`
     // and sets `wakeAt` to when the next refused save is due. Requires
@@ -146,6 +147,7 @@ private:
     // while the disk was still full) begins none. Requires m_Lock.
     bool park(Entry &&entry, Clock::time_point attemptedAt);
 
+    RvoDiskHost &m_Host;
     const QString m_Root;
     // Guards m_SubCache, m_Queue, m_BytesInQueue, m_ParkedInQueue,
     // m_Closing, m_Busy, m_Current, m_FlushSerial, m_RecoveredAt and the

@@ -2,6 +2,7 @@
 
 #include "RvoCacheScan_p.h"
 #include "RvoDdiDiagnostics_p.h"
+#include "RvoDiskHost_p.h"
 #include "RvoDiskLayout_p.h"
 #include "RvoDiskUsage_p.h"
 #include "RvoHashManager.h"
@@ -26,9 +27,10 @@ bool isStrayTemporaryFile(const QFileInfo &file)
 
 } // namespace
 
-RvoGarbageCollectorThread::RvoGarbageCollectorThread(const QString &root, int bucketCount,
-                                                     QObject *parent)
+RvoGarbageCollectorThread::RvoGarbageCollectorThread(RvoDiskHost &host, const QString &root,
+                                                     int bucketCount, QObject *parent)
     : QThread(parent)
+    , m_Host(host)
     , m_Root(root)
     , m_BucketCount(bucketCount)
     , m_Usage(std::make_shared<RvoDiskUsage>())
@@ -45,13 +47,12 @@ RvoGarbageCollectorThread::~RvoGarbageCollectorThread()
 
 void RvoGarbageCollectorThread::run()
 {
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     while (!m_Closing.load(std::memory_order_acquire)) {
         if (m_Usage->trimDue())
             trim();
-        const bool collecting = manager.garbageCollecting();
+        const bool collecting = m_Host.garbageCollecting();
         if (collecting)
-            collect(nullptr, nullptr);
+            collect({});
         if (m_Closing.load(std::memory_order_acquire))
             break;
         // While collecting, a pass every tenth of a second; otherwise nothing
@@ -61,19 +62,17 @@ void RvoGarbageCollectorThread::run()
     }
 }
 
-void RvoGarbageCollectorThread::collect(RvoDataBlockManager::ProgressReporter *reporter,
-                                        int *counter)
+void RvoGarbageCollectorThread::collect(const std::function<void()> &directoryVisited)
 {
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     // Refused passes stop here, before any lock or file.
-    if (!manager.garbageCollecting())
+    if (!m_Host.garbageCollecting())
         return;
-    const QString subCache = manager.subCache();
+    const QString subCache = m_Host.subCache();
     // Only inside a named sub-cache: other sub-caches and the root level are
     // never touched.
     if (subCache.isEmpty())
         return;
-    if (!manager.garbageCollectingThreadStarted())
+    if (!m_Host.garbageCollectingThreadStarted())
         return;
 
     {
@@ -98,10 +97,8 @@ void RvoGarbageCollectorThread::collect(RvoDataBlockManager::ProgressReporter *r
             QVector<QPair<QString, qint64>> candidates;
             while (!directories.isEmpty()) {
                 const QString directory = directories.takeFirst();
-                if (reporter && counter) {
-                    ++*counter;
-                    reporter->setProgress(*counter, QString());
-                }
+                if (directoryVisited)
+                    directoryVisited();
                 const QFileInfoList entries = QDir(directory).entryInfoList(
                         QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot,
                         QDir::Unsorted);
@@ -116,7 +113,7 @@ void RvoGarbageCollectorThread::collect(RvoDataBlockManager::ProgressReporter *r
             }
             for (const auto &candidate : std::as_const(candidates)) {
                 // Switching collection off takes effect between two deletions.
-                if (!manager.garbageCollecting())
+                if (!m_Host.garbageCollecting())
                     break;
                 if (!deleteIfDead(QFileInfo(candidate.first).fileName(), candidate.first))
                     continue;
@@ -126,7 +123,7 @@ void RvoGarbageCollectorThread::collect(RvoDataBlockManager::ProgressReporter *r
             m_SubCacheLock->downgrade();
         }
     }
-    manager.garbageCollectingThreadFinished();
+    m_Host.garbageCollectingThreadFinished();
 }
 
 void RvoGarbageCollectorThread::trim()
@@ -179,9 +176,8 @@ void RvoGarbageCollectorThread::trim()
         for (int f = 0; f < subCache.blockFiles.size(); ++f)
             candidates.push_back({subCache.blockFiles.at(f).modifiedMs, s, f});
     }
-    std::sort(candidates.begin(), candidates.end(), [](const Candidate &a, const Candidate &b) {
-        return a.modifiedMs < b.modifiedMs;
-    });
+    std::sort(candidates.begin(), candidates.end(),
+              [](const Candidate &a, const Candidate &b) { return a.modifiedMs < b.modifiedMs; });
 
     qint64 files = 0;
     qint64 bytes = 0;

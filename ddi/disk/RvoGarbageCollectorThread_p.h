@@ -1,16 +1,17 @@
 #ifndef RVOGARBAGECOLLECTORTHREAD_P_H
 #define RVOGARBAGECOLLECTORTHREAD_P_H
 
-#include "RvoDataBlockManager.h"
 #include "RvoSubCacheLock_p.h"
 
 #include <QString>
 #include <QThread>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <shared_mutex>
 
+class RvoDiskHost;
 class RvoDiskUsage;
 
 // Looks after the block files of one root.
@@ -46,12 +47,13 @@ class RvoDiskUsage;
 class RvoGarbageCollectorThread : public QThread
 {
 public:
-    RvoGarbageCollectorThread(const QString &root, int bucketCount, QObject *parent);
+    RvoGarbageCollectorThread(RvoDiskHost &host, const QString &root, int bucketCount,
+                              QObject *parent);
     ~RvoGarbageCollectorThread() override;
 
-    // One full pass. With both reporter and counter, counts each directory
-    // visited and reports the count.
-    void collect(RvoDataBlockManager::ProgressReporter *reporter, int *counter);
+    // One full pass; `directoryVisited`, when set, is called for each
+    // directory the pass lists.
+    void collect(const std::function<void()> &directoryVisited);
     // Removes a file if it exists; true when it is gone.
     bool deleteBlock(const QString &path);
     // Removes the block file at `path` unless the digest `fileName` names is
@@ -88,6 +90,7 @@ protected:
     void run() override;
 
 private:
+    RvoDiskHost &m_Host;
     const QString m_Root;
     // Held by a pass (exclusive: a pass turns m_SubCacheLock exclusive and
     // back, which two passes must not do at once) and by setSubCache. Guards

@@ -127,6 +127,12 @@ RvoBlockCodec::~RvoBlockCodec()
     libdeflate_free_decompressor(m_Decompressor);
 }
 
+RvoBlockCodec &RvoBlockCodec::forThisThread()
+{
+    thread_local RvoBlockCodec codec;
+    return codec;
+}
+
 int RvoBlockCodec::level(Encoder encoder)
 {
     return encoder == Encoder::IsaL ? CompressionLevel : LibdeflateLevel;

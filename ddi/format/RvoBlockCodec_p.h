@@ -33,6 +33,10 @@ public:
     explicit RvoBlockCodec(Encoder encoder = defaultEncoder());
     ~RvoBlockCodec();
 
+    // The calling thread's own codec, made on its first use and kept for the
+    // thread's life (for pool threads, which decode block after block).
+    static RvoBlockCodec &forThisThread();
+
     // The payload for size bytes at data, or a null array when there is none:
     // size negative, beyond the 32-bit length field or beyond what a
     // QByteArray holds, or no memory for the compressor.

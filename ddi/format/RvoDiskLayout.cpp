@@ -25,6 +25,19 @@ bool buildFilename(const RvoDataHash *hash, const QString &root, const QString &
     return true;
 }
 
+int rootIndex(const QString &hashText, int rootCount)
+{
+    if (rootCount <= 0 || hashText.size() < 4)
+        return -1;
+    // Files written earlier are found again only if this rule never changes.
+    int sum = 0;
+    for (int i = 3; i >= 0; --i) {
+        const int digit = hashText.at(i).digitValue();
+        sum += digit < 0 ? -1 : digit;
+    }
+    return sum % rootCount;
+}
+
 std::mutex &blockFileLock()
 {
     static std::mutex lock;
@@ -44,7 +57,7 @@ int code(QChar c)
 }
 
 // The one rule for both spellings of a name.
-template <typename Char>
+template<typename Char>
 bool hasBlockFileShape(const Char *name, qsizetype length)
 {
     int dashes = 0;
@@ -53,7 +66,7 @@ bool hasBlockFileShape(const Char *name, qsizetype length)
     return dashes == 15;
 }
 
-template <typename Char>
+template<typename Char>
 bool hasTemporaryFileShape(const Char *name, qsizetype length)
 {
     static const char prefix[] = "write-";

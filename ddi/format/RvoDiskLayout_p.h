@@ -3,15 +3,11 @@
 
 // Where a digest's block file lies in the disk cache:
 //     root / sub-cache / bucket / digest text form
-// The bucket is the digest's first 32-bit little-endian word modulo the
-// bucket count. The layout is the on-disk contract between processes set up
-// with the same roots, sub-cache name and bucket count; it never changes.
-//
-// Block file (integers in the machine's little-endian order, written raw):
-//     offset 0   qint64  Size       uncompressed size of the block
-//     offset 8   qint32  BlockSize  payload length
-//     offset 12  payload            qCompress format: 4-byte big-endian
-//                                   length, then a zlib stream
+// The root is chosen by the digest's text (rootIndex), the bucket is the
+// digest's first 32-bit little-endian word modulo the bucket count. The
+// layout is the on-disk contract between processes set up with the same
+// roots, sub-cache name and bucket count; it never changes. What a block
+// file holds is RvoBlockFile's.
 
 #include <QString>
 #include <QtGlobal>
@@ -20,7 +16,12 @@
 
 class RvoDataHash;
 
-constexpr int kBlockFileHeaderSize = 12;
+// The index of the root, among `rootCount`, that holds the block file of
+// the digest whose text form is `hashText`: the digit values of its first
+// four characters summed (a character that is not a digit counts -1), modulo
+// the count, truncated toward zero. Negative for a sum below zero; -1 for no
+// roots or a text shorter than four characters.
+int rootIndex(const QString &hashText, int rootCount);
 
 // Gives the bucket directory (with its doubled separators, ending in one)
 // and the file name of `hash` under `root` and `subCache`. The full path is

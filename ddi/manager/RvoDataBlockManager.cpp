@@ -1,6 +1,6 @@
 // Lifecycle and configuration of the block manager.
 
-#include "RvoDataBlockManager.h"
+#include "RvoDataBlockManager_p.h"
 
 #include "RvoBlockSaver_p.h"
 #include "RvoBlockTable_p.h"
@@ -50,9 +50,9 @@ std::unique_ptr<RvoSubCacheLock> lockSubCache(const QString &root, const QString
 } // namespace
 
 RvoDataBlockManager::RvoDataBlockManager()
-    : m_Blocks(std::make_unique<RvoBlockTable>())
+    : d(std::make_unique<Private>(*this))
 {
-    logBudget(maxDataCacheSize(), maxWritePendingSize());
+    logBudget(d->maxDataCacheSize(), d->maxWritePendingSize());
     // What the manager's destructor and IO threads still use is made first,
     // so that it is destroyed after the manager: the registry, the log, the
     // buffer pool, then the block saver, whose workers hand buffers back to
@@ -77,13 +77,27 @@ RvoDataBlockManager &RvoDataBlockManager::instance()
     return manager;
 }
 
-void RvoDataBlockManager::checkInitialized() const
+RvoBlockStore &RvoBlockStore::instance()
+{
+    return RvoDataBlockManager::Private::of(RvoDataBlockManager::instance());
+}
+
+RvoDataBlockManager::Private::Private(RvoDataBlockManager &owner)
+    : q(owner)
+    , m_Blocks(std::make_unique<RvoBlockTable>())
+{
+}
+
+RvoDataBlockManager::Private::~Private() = default;
+
+void RvoDataBlockManager::Private::checkInitialized() const
 {
     if (!isInitialized())
         rvoReport(QStringLiteral("Data Block Manager Not Initialized. Aborting"));
 }
 
-bool RvoDataBlockManager::setup(const QStringList &roots, qint64 maxCacheSize, int numBuckets)
+bool RvoDataBlockManager::Private::setup(const QStringList &roots, qint64 maxCacheSize,
+                                         int numBuckets)
 {
     if (isInitialized())
         rvoReport(QStringLiteral("Setup called twice on DataBlock Manager"));
@@ -119,9 +133,11 @@ bool RvoDataBlockManager::setup(const QStringList &roots, qint64 maxCacheSize, i
     const int buckets = this->numBuckets();
     for (int i = 0; i < roots.size(); ++i) {
         const QString &root = roots.at(i);
-        auto *writer = new RvoDataBlockManagerWriteThread(root, buckets, kWriteQueueCapacity, this);
-        auto *reader = new RvoDataBlockManagerReadThread(root, buckets, kReadBackgroundLimit, this);
-        auto *collector = new RvoGarbageCollectorThread(root, buckets, this);
+        auto *writer
+                = new RvoDataBlockManagerWriteThread(*this, root, buckets, kWriteQueueCapacity, &q);
+        auto *reader
+                = new RvoDataBlockManagerReadThread(*this, root, buckets, kReadBackgroundLimit, &q);
+        auto *collector = new RvoGarbageCollectorThread(*this, root, buckets, &q);
         // Threads added by a later setup follow the current configuration.
         writer->setSubCache(m_SubCache);
         reader->setSubCache(m_SubCache);
@@ -143,14 +159,14 @@ bool RvoDataBlockManager::setup(const QStringList &roots, qint64 maxCacheSize, i
     return true;
 }
 
-void RvoDataBlockManager::setMaxDataCacheSize(qint64 size)
+void RvoDataBlockManager::Private::setMaxDataCacheSize(qint64 size)
 {
     m_MaxDataCacheSize.store(size, std::memory_order_relaxed);
     m_MaxWritePendingSize.store(size / 4, std::memory_order_relaxed);
     logBudget(size, size / 4);
 }
 
-qint64 RvoDataBlockManager::liveBlocks() const
+qint64 RvoDataBlockManager::Private::liveBlocks() const
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     return m_Blocks->lruSize();
@@ -161,13 +177,19 @@ qint64 RvoDataBlockManager::managedBlocks() const
     return RvoHashManager::instance().hashCount();
 }
 
-QString RvoDataBlockManager::subCache() const
+QStringList RvoDataBlockManager::Private::cacheRoots() const
+{
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    return m_CacheRoots;
+}
+
+QString RvoDataBlockManager::Private::subCache() const
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     return m_SubCache;
 }
 
-void RvoDataBlockManager::setSubCache(const QString &name)
+void RvoDataBlockManager::Private::setSubCache(const QString &name)
 {
     if (garbageCollecting())
         return;
@@ -201,7 +223,7 @@ void RvoDataBlockManager::setSubCache(const QString &name)
     }
 }
 
-void RvoDataBlockManager::setRequestPromotionEnabled(bool on)
+void RvoDataBlockManager::Private::setRequestPromotionEnabled(bool on)
 {
     if (on == requestPromotionEnabled())
         return;
@@ -218,7 +240,7 @@ void RvoDataBlockManager::validateState()
     RvoHashManager::instance().validateState();
 }
 
-void RvoDataBlockManager::dumpStats()
+void RvoDataBlockManager::Private::dumpStats()
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     qCDebug(lcDdi, "==== RvoDdi Block Stats ====");
@@ -244,7 +266,7 @@ void RvoDataBlockManager::dumpStats()
     }
 }
 
-void RvoDataBlockManager::dumpThreadStats()
+void RvoDataBlockManager::Private::dumpThreadStats()
 {
     const QVector<RvoDataBlockManagerReadThread *> readers = readThreads();
     const QVector<RvoDataBlockManagerWriteThread *> writers = writeThreads();
@@ -255,19 +277,19 @@ void RvoDataBlockManager::dumpThreadStats()
         qCDebug(lcDdi, " Write Thread %d has %d requests", i, writers.at(i)->requests());
 }
 
-QVector<RvoDataBlockManagerWriteThread *> RvoDataBlockManager::writeThreads() const
+QVector<RvoDataBlockManagerWriteThread *> RvoDataBlockManager::Private::writeThreads() const
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     return m_WriteThreads;
 }
 
-QVector<RvoDataBlockManagerReadThread *> RvoDataBlockManager::readThreads() const
+QVector<RvoDataBlockManagerReadThread *> RvoDataBlockManager::Private::readThreads() const
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     return m_ReadThreads;
 }
 
-void RvoDataBlockManager::cleanUp()
+void RvoDataBlockManager::Private::cleanUp()
 {
     if (!isInitialized())
         return;
@@ -309,4 +331,241 @@ void RvoDataBlockManager::cleanUp()
         QCoreApplication::processEvents();
     if (QThreadPool *pool = QThreadPool::globalInstance())
         pool->waitForDone();
+}
+
+// The public operations forward to the implementation.
+
+bool RvoDataBlockManager::setup(const QStringList &roots, qint64 maxCacheSize, int numBuckets)
+{
+    return d->setup(roots, maxCacheSize, numBuckets);
+}
+
+bool RvoDataBlockManager::isInitialized() const
+{
+    return d->isInitialized();
+}
+
+QStringList RvoDataBlockManager::cacheRoots() const
+{
+    return d->cacheRoots();
+}
+
+int RvoDataBlockManager::numBuckets() const
+{
+    return d->numBuckets();
+}
+
+qint64 RvoDataBlockManager::maxDataCacheSize() const
+{
+    return d->maxDataCacheSize();
+}
+
+void RvoDataBlockManager::setMaxDataCacheSize(qint64 size)
+{
+    d->setMaxDataCacheSize(size);
+}
+
+qint64 RvoDataBlockManager::maxWritePendingSize() const
+{
+    return d->maxWritePendingSize();
+}
+
+qint64 RvoDataBlockManager::liveBytes() const
+{
+    return d->liveBytes();
+}
+
+void RvoDataBlockManager::setMaxDiskCacheSize(qint64 bytes)
+{
+    d->setMaxDiskCacheSize(bytes);
+}
+
+qint64 RvoDataBlockManager::maxDiskCacheSize() const
+{
+    return d->maxDiskCacheSize();
+}
+
+qint64 RvoDataBlockManager::liveBlocks() const
+{
+    return d->liveBlocks();
+}
+
+bool RvoDataBlockManager::setRemoteStorage(const QString &spec)
+{
+    return d->setRemoteStorage(spec);
+}
+
+QString RvoDataBlockManager::remoteStorage() const
+{
+    return d->remoteStorage();
+}
+
+QString RvoDataBlockManager::subCache() const
+{
+    return d->subCache();
+}
+
+void RvoDataBlockManager::setSubCache(const QString &name)
+{
+    d->setSubCache(name);
+}
+
+bool RvoDataBlockManager::requestPromotionEnabled() const
+{
+    return d->requestPromotionEnabled();
+}
+
+void RvoDataBlockManager::setRequestPromotionEnabled(bool on)
+{
+    d->setRequestPromotionEnabled(on);
+}
+
+bool RvoDataBlockManager::garbageCollecting() const
+{
+    return d->garbageCollecting();
+}
+
+void RvoDataBlockManager::startGarbageCollection()
+{
+    d->startGarbageCollection();
+}
+
+void RvoDataBlockManager::stopGarbageCollection()
+{
+    d->stopGarbageCollection();
+}
+
+bool RvoDataBlockManager::garbageCollectingThreadStarted()
+{
+    return d->garbageCollectingThreadStarted();
+}
+
+void RvoDataBlockManager::garbageCollectingThreadFinished()
+{
+    d->garbageCollectingThreadFinished();
+}
+
+void RvoDataBlockManager::collectGarbage(ProgressReporter *reporter)
+{
+    d->collectGarbage(reporter);
+}
+
+void RvoDataBlockManager::dumpStats()
+{
+    d->dumpStats();
+}
+
+void RvoDataBlockManager::dumpThreadStats()
+{
+    d->dumpThreadStats();
+}
+
+void RvoDataBlockManager::cleanUp()
+{
+    d->cleanUp();
+}
+
+RvoDataReference RvoDataBlockManager::addBlock(const QByteArray &data,
+                                               RvoModifyAccessor::Caching caching, bool synchronous)
+{
+    return d->addBlock(data, caching, synchronous);
+}
+
+RvoDataReference RvoDataBlockManager::getReference(RvoDataHash *hash)
+{
+    return d->getReference(hash);
+}
+
+bool RvoDataBlockManager::isInMemory(RvoDataHash *hash)
+{
+    return d->isInMemory(hash);
+}
+
+qint64 RvoDataBlockManager::blockSize(RvoDataHash *hash)
+{
+    return d->blockSize(hash);
+}
+
+void RvoDataBlockManager::freeAllBlocks()
+{
+    d->freeAllBlocks();
+}
+
+void RvoDataBlockManager::snapshot(QList<RvoDataReference> &out) const
+{
+    d->snapshot(out);
+}
+
+void RvoDataBlockManager::preloadData(const RvoDataReference &ref, PreloadPriority priority)
+{
+    d->preloadData(ref, priority);
+}
+
+void RvoDataBlockManager::processIO()
+{
+    d->processIO();
+}
+
+bool RvoDataBlockManager::isWriteThreadsFull()
+{
+    return d->isWriteThreadsFull();
+}
+
+void RvoDataBlockManager::flush(bool writeAll, ThreadType threads)
+{
+    d->flush(writeAll, threads);
+}
+
+QString RvoDataBlockManager::getBlockDestination(const QString &subCache, const QString &hashText)
+{
+    return d->getBlockDestination(subCache, hashText);
+}
+
+bool RvoDataBlockManager::subCacheExists(const QString &name)
+{
+    const QStringList roots = cacheRoots();
+    if (roots.isEmpty())
+        return false;
+    return QDir(roots.first() + QDir::separator() + name).exists();
+}
+
+RvoDataReference RvoDataBlockManager::addBlock(RvoDataBlock *block,
+                                               RvoModifyAccessor::Caching caching, bool synchronous)
+{
+    return d->addBlock(block, caching, synchronous);
+}
+
+RvoDataBlock *RvoDataBlockManager::getDataBlock(RvoDataHash *hash)
+{
+    return d->getDataBlock(hash);
+}
+
+void RvoDataBlockManager::makeBlockLive(RvoDataHash *hash, RvoDataBlock *block)
+{
+    d->makeBlockLive(hash, block);
+}
+
+void RvoDataBlockManager::blockUsed(RvoDataHash *hash)
+{
+    d->blockUsed(hash);
+}
+
+void RvoDataBlockManager::freeBlock(RvoDataHash *hash, bool writeToDisk, bool unlockHash)
+{
+    d->freeBlock(hash, writeToDisk, unlockHash);
+}
+
+void RvoDataBlockManager::lockBlock(RvoDataHash *hash)
+{
+    d->lockBlock(hash);
+}
+
+void RvoDataBlockManager::unlockBlock(RvoDataHash *hash)
+{
+    d->unlockBlock(hash);
+}
+
+bool RvoDataBlockManager::blockIsLocked(RvoDataHash *hash)
+{
+    return d->blockIsLocked(hash);
 }

@@ -1,11 +1,11 @@
 #ifndef RVODATABLOCKMANAGER_H
 #define RVODATABLOCKMANAGER_H
 
+#include "RvoDataBlockManagerBase.h"
 #include "RvoDataHash.h"
+#include "RvoDataReference.h"
 #include "RvoDdiGlobal.h"
-#include "RvoDdiMutex.h"
 #include "RvoModifyAccessor.h"
-#include "RvoSmartPointer.h"
 
 #include <QByteArray>
 #include <QList>
@@ -14,21 +14,9 @@
 #include <QStringList>
 #include <QVector>
 
-#include <QVector>
-
-#include <atomic>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 
-class RvoBlockTable;
 class RvoDataBlock;
-class RvoDataReference;
-class RvoDataBlockManagerReadThread;
-class RvoDataBlockManagerWriteThread;
-class RvoDataDeleteLocker;
-class RvoGarbageCollectorThread;
-class RvoRemoteTier;
 
 // The one object through which every data block lives: the blocks in
 // memory, keyed by their interned digest; the memory budget and the
@@ -50,48 +38,15 @@ class RvoRemoteTier;
 // any thread. The instance is made on first use; the first call is to come
 // from one thread before others use the library.
 //
-// Lock order of the library (a lock may be taken while holding only locks
-// listed above it; none is held while waiting for a thread to end):
-//   1. the manager's delete lock (m_DeleteLock, recursive), which also
-//      guards the block table and its LRU;
-//   2. a block's accessor mutex (RvoDataBlock::m_Mutex);
-//   3. a digest's own lock (RvoDataHash::m_Lock), then the block-file lock
-//      (blockFileLock(), RvoDiskLayout_p.h), then the registry lock
-//      (RvoHashManager::m_Lock); the registry never takes a digest's lock,
-//      and the block-file lock's holders take only the registry lock;
-//   4. an IO thread's queue lock (write and read threads' m_Lock), a leaf:
-//      nothing is called out of the thread while it is held;
-//   5. the write threads' background block saver's lock
-//      (RvoBlockSaver::m_Lock), a leaf;
-//   6. the buffer pool's lock (RvoBufferPool::m_Lock), a leaf;
-//   7. the log's file lock (RvoDdiLog::m_Lock), a leaf;
-//   8. a root's disk-usage lock (RvoDiskUsage::m_Lock), a leaf;
-//   9. the manager's remote-tier lock (m_RemoteLock), a leaf;
-//  10. a remote's upload queue lock (RvoRemote::m_Lock), a leaf;
-//  11. a remote client's connection pool lock (RvoConnectionPool::m_Lock),
-//      a leaf: no connection is opened, used or closed while it is held.
-// No lock of this list is held while a remote server is called.
-// A collector thread's lock (RvoGarbageCollectorThread::m_Lock) sits between
-// 1 and 3: setSubCache takes it inside the delete lock, and a pass holding
-// it takes only the block-file lock and the registry lock (to ask whether a
-// digest is live and delete its file as one step), never the delete lock,
-// a block's or a digest's lock.
-// Outside this order, a sub-cache's lock file (RvoSubCacheLock, an flock
-// shared with other processes): setup and setSubCache take it shared before
-// the delete lock, because it may wait for another process's pass; a pass
-// turns it exclusive only without waiting.
-// A digest's last release takes the delete lock, then the digest's lock,
-// then the registry lock, and takes the digest out of the registry and the
-// block table in one step: no manager operation ever sees a digest whose
-// last reference is gone. A release that is not the last takes only the
-// digest's lock. An IO thread takes the delete lock only with its own lock
-// released.
-class RVODDI_EXPORT RvoDataBlockManager : public QObject
+// Locks: the manager's own are internal; docs/ARCHITECTURE.md gives the
+// library's lock order. A caller holds none of the library's locks except
+// through RvoDataDeleteLocker, which comes first.
+class RVODDI_EXPORT RvoDataBlockManager : public QObject, public RvoDataBlockManagerBase
 {
 public:
-    // The priority of a read request, and of a save request. Queues serve
-    // ascending values first.
-    enum PreloadPriority { PreloadFirst = 0, PreloadNormal = 1, PreloadBackground = 2 };
+    // PreloadPriority (PreloadFirst, PreloadNormal, PreloadBackground) is
+    // RvoDataBlockManagerBase's: the priority of a read or save request;
+    // queues serve ascending values first.
 
     // Which thread families an operation affects (bit flags).
     enum ThreadType {
@@ -121,18 +76,15 @@ public:
     bool setup(const QStringList &roots, qint64 maxCacheSize, int numBuckets);
     static qint64 defaultCacheSize() { return 2147483648LL; }
 
-    bool isInitialized() const { return m_IsInitialized.load(std::memory_order_acquire); }
-    QStringList cacheRoots() const { return m_CacheRoots; }
-    int numBuckets() const { return m_NumBuckets.load(std::memory_order_relaxed); }
-    qint64 maxDataCacheSize() const { return m_MaxDataCacheSize.load(std::memory_order_relaxed); }
+    bool isInitialized() const;
+    QStringList cacheRoots() const;
+    int numBuckets() const;
+    qint64 maxDataCacheSize() const;
     // Sets the budget and the back-pressure limit (a quarter of it); evicts
     // nothing by itself.
     void setMaxDataCacheSize(qint64 size);
-    qint64 maxWritePendingSize() const
-    {
-        return m_MaxWritePendingSize.load(std::memory_order_relaxed);
-    }
-    qint64 liveBytes() const { return m_LiveBytes.load(std::memory_order_relaxed); }
+    qint64 maxWritePendingSize() const;
+    qint64 liveBytes() const;
     // The disk budget: the bytes of block files the roots may hold together;
     // 0 (the default) leaves the disk cache unbounded. Each root's share is
     // the budget divided by the number of roots; its collector thread keeps
@@ -141,7 +93,7 @@ public:
     // holds, never one whose digest is live in this process. May be called
     // before setup(); kept across cleanUp().
     void setMaxDiskCacheSize(qint64 bytes);
-    qint64 maxDiskCacheSize() const { return m_MaxDiskCacheSize.load(std::memory_order_relaxed); }
+    qint64 maxDiskCacheSize() const;
     // Blocks in memory.
     qint64 liveBlocks() const;
     // Digests known to the registry.
@@ -167,20 +119,17 @@ public:
     // processes to see (RvoSubCacheLock): it may wait here for another
     // process's collection pass over it to end.
     void setSubCache(const QString &name);
-    bool requestPromotionEnabled() const
-    {
-        return m_RequestPromotionEnabled.load(std::memory_order_relaxed);
-    }
+    bool requestPromotionEnabled() const;
     void setRequestPromotionEnabled(bool on);
     // Garbage collection: while on, each root's collector deletes the block
     // files of the current sub-cache whose digests nobody references, in
     // passes made only while no other process holds the sub-cache.
-    bool garbageCollecting() const { return m_GarbageCollecting.load(std::memory_order_acquire); }
+    bool garbageCollecting() const;
     void startGarbageCollection();
     // Switches collection off and returns when no pass is under way.
     void stopGarbageCollection();
-    // A collector asks before a pass (false: it must not collect) and signs
-    // off after a permitted one.
+    // The collector threads' handshake: a pass asks before it starts
+    // (false: it must not collect) and signs off after a permitted one.
     bool garbageCollectingThreadStarted();
     void garbageCollectingThreadFinished();
     // One pass over every root on the calling thread (when collection is
@@ -247,6 +196,10 @@ public:
     // Whether the sub-cache directory exists (under the first root).
     bool subCacheExists(const QString &name);
 
+    // The implementation: the block table, the threads, the locks and the
+    // configuration (RvoDataBlockManager_p.h, not installed).
+    class Private;
+
 protected:
     RvoDataBlockManager();
 
@@ -275,94 +228,7 @@ protected:
     bool blockIsLocked(RvoDataHash *hash);
 
 private:
-    friend void rvoReleaseLastReference(RvoDataHash *hash);
-    friend class RvoConstAccessor;
-    friend class RvoDataDeleteLocker;
-    friend class RvoDataReference;
-    friend class RvoHashingJob;
-    friend class RvoModifyAccessor;
-    friend class RvoDataBlockManagerReadThread;
-    friend class RvoDataBlockManagerWriteThread;
-    friend class RvoGarbageCollectorThread;
-    friend class RvoDataBlockManagerTestAccess;
-
-    void lockDeletes() { m_DeleteLock.lock(); }
-    void unlockDeletes() { m_DeleteLock.unlock(); }
-
-    // The last reference of `hash` is being dropped: takes it out of the
-    // registry and the block table together and deletes it and its block.
-    void releaseLastReference(RvoDataHash *hash);
-    // Frees blocks from the back of the LRU until the live bytes are at most
-    // 90 % of the budget; victims without a disk copy go to their write
-    // thread. REQUIRES: the delete lock held.
-    void evict();
-
-    // The root whose threads serve a digest, by the digit sum of the first
-    // four characters of its text form; negative or out of range when none.
-    int cacheIndex(const QString &hashText);
-    int cacheIndex(const RvoDataHash *hash);
-
-    void stopAllIoThreads();
-    // The remote tier, or null without one; a caller's copy keeps it alive.
-    std::shared_ptr<RvoRemoteTier> remoteTier() const;
-    // Makes the remote tier of the current setting (the environment's
-    // when none was given) when there is none yet.
-    void startRemoteTier();
-    // Waits for the uploads queued, then stops the tier.
-    void stopRemoteTier();
-    // Gives each collector its share of the disk budget. REQUIRES: the
-    // delete lock held.
-    void shareDiskBudget();
-    // Some write thread has a save queued or under way.
-    bool writesPending() const;
-    // The sum of the bytes queued on every write thread.
-    qint64 bytesQueuedForWriting() const;
-    // Prints the not-initialized notice when not initialized; carries on.
-    void checkInitialized() const;
-    // Copies of the thread vectors, taken under the delete lock.
-    QVector<RvoDataBlockManagerWriteThread *> writeThreads() const;
-    QVector<RvoDataBlockManagerReadThread *> readThreads() const;
-    QVector<RvoGarbageCollectorThread *> collectorThreads() const;
-
-    // Blocks in memory and the LRU, guarded by m_DeleteLock. The table owns
-    // the blocks.
-    std::unique_ptr<RvoBlockTable> m_Blocks;
-    QStringList m_CacheRoots;
-    std::atomic<qint64> m_MaxDataCacheSize {2147483648LL};
-    std::atomic<qint64> m_MaxWritePendingSize {536870912LL};
-    std::atomic<qint64> m_MaxDiskCacheSize {0};
-    // Changed under m_DeleteLock, read anywhere.
-    std::atomic<qint64> m_LiveBytes {0};
-    std::atomic<int> m_NumBuckets {10};
-    std::atomic<bool> m_GarbageCollecting {false};
-    QString m_SubCache; // guarded by m_DeleteLock
-    std::atomic<bool> m_IsInitialized {false};
-    std::atomic<bool> m_RequestPromotionEnabled {false};
-    // Index i serves m_CacheRoots[i]. Changed under m_DeleteLock.
-    QVector<RvoDataBlockManagerReadThread *> m_ReadThreads;
-    QVector<RvoDataBlockManagerWriteThread *> m_WriteThreads;
-    QVector<RvoGarbageCollectorThread *> m_CollectorThreads;
-    // Guards m_RunningCollectors and the changes of m_GarbageCollecting and
-    // m_GcGeneration; taken alone or inside the delete lock, never around
-    // another lock.
-    std::mutex m_GcMutex;
-    // Signalled when the last running pass ends after collection was
-    // switched off.
-    std::condition_variable m_GcCondition;
-    int m_RunningCollectors = 0;
-    int m_GcGeneration = 0; // counts switches on and off; nothing reads it
-    // Guards m_RemoteSpec, m_RemoteSpecGiven and m_RemoteTier. Lock order: a
-    // leaf (item 9 above).
-    mutable std::mutex m_RemoteLock;
-    QString m_RemoteSpec;
-    bool m_RemoteSpecGiven = false; // set by setRemoteStorage
-    std::shared_ptr<RvoRemoteTier> m_RemoteTier;
-    // The manager's main lock: block-map changes, the sub-cache name and the
-    // thread vectors. First in the lock order.
-    mutable RvoDdiMutex m_DeleteLock {0, RvoDdiMutex::Recursive};
+    const std::unique_ptr<Private> d;
 };
-
-// addBlock and its kin return references by value.
-#include "RvoDataReference.h"
 
 #endif // RVODATABLOCKMANAGER_H

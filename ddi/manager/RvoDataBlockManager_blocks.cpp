@@ -1,6 +1,8 @@
 // The blocks in memory: adding, finding, pinning, the budget and eviction.
 
-#include "RvoDataBlockManager.h"
+#include "RvoDataBlockManager_p.h"
+
+#include "RvoBlockRelease_p.h"
 
 #include "RvoBlockTable_p.h"
 #include "RvoDataBlock.h"
@@ -30,16 +32,18 @@ QString addressText(const RvoDataHash *hash)
 
 } // namespace
 
-RvoDataReference RvoDataBlockManager::addBlock(const QByteArray &data,
-                                               RvoModifyAccessor::Caching caching, bool synchronous)
+RvoDataReference RvoDataBlockManager::Private::addBlock(const QByteArray &data,
+                                                        RvoModifyAccessor::Caching caching,
+                                                        bool synchronous)
 {
     if (caching == RvoModifyAccessor::CacheContent && !synchronous)
         return RvoDataReference(RvoSmartPointer<RvoBlockFuture>(new RvoHashingJob(data)));
     return addBlock(RvoDataBlock::sharing(data), caching, synchronous);
 }
 
-RvoDataReference RvoDataBlockManager::addBlock(RvoDataBlock *block,
-                                               RvoModifyAccessor::Caching caching, bool synchronous)
+RvoDataReference RvoDataBlockManager::Private::addBlock(RvoDataBlock *block,
+                                                        RvoModifyAccessor::Caching caching,
+                                                        bool synchronous)
 {
     if (caching == RvoModifyAccessor::DontCache) {
         const quint64 number = g_DontCacheSequence.fetch_add(1, std::memory_order_relaxed);
@@ -69,18 +73,18 @@ RvoDataReference RvoDataBlockManager::addBlock(RvoDataBlock *block,
 
 RvoModifyAccessor RvoDataBlockManager::createNewBlock(qint64 size, uchar fill)
 {
-    checkInitialized();
+    d->checkInitialized();
     return RvoModifyAccessor(new RvoDataBlock(size, fill));
 }
 
-RvoDataReference RvoDataBlockManager::getReference(RvoDataHash *hash)
+RvoDataReference RvoDataBlockManager::Private::getReference(RvoDataHash *hash)
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     checkInitialized();
     return RvoDataReference(RvoSmartPointer<RvoDataHash>(hash));
 }
 
-RvoDataBlock *RvoDataBlockManager::getDataBlock(RvoDataHash *hash)
+RvoDataBlock *RvoDataBlockManager::Private::getDataBlock(RvoDataHash *hash)
 {
     checkInitialized();
     if (!hash)
@@ -123,7 +127,7 @@ RvoDataBlock *RvoDataBlockManager::getDataBlock(RvoDataHash *hash)
     return m_Blocks->find(hash);
 }
 
-void RvoDataBlockManager::makeBlockLive(RvoDataHash *hash, RvoDataBlock *block)
+void RvoDataBlockManager::Private::makeBlockLive(RvoDataHash *hash, RvoDataBlock *block)
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     checkInitialized();
@@ -168,7 +172,7 @@ void RvoDataBlockManager::makeBlockLive(RvoDataHash *hash, RvoDataBlock *block)
     }
 }
 
-void RvoDataBlockManager::evict()
+void RvoDataBlockManager::Private::evict()
 {
     // Nothing leaves memory before setup: there is no disk to go to.
     if (!isInitialized())
@@ -193,7 +197,7 @@ void RvoDataBlockManager::evict()
     }
 }
 
-void RvoDataBlockManager::blockUsed(RvoDataHash *hash)
+void RvoDataBlockManager::Private::blockUsed(RvoDataHash *hash)
 {
     if (!hash || hash->isDontCache())
         return;
@@ -203,7 +207,7 @@ void RvoDataBlockManager::blockUsed(RvoDataHash *hash)
         m_Blocks->touch(hash);
 }
 
-bool RvoDataBlockManager::isInMemory(RvoDataHash *hash)
+bool RvoDataBlockManager::Private::isInMemory(RvoDataHash *hash)
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     checkInitialized();
@@ -214,7 +218,7 @@ bool RvoDataBlockManager::isInMemory(RvoDataHash *hash)
     return true;
 }
 
-void RvoDataBlockManager::lockBlock(RvoDataHash *hash)
+void RvoDataBlockManager::Private::lockBlock(RvoDataHash *hash)
 {
     if (!hash || hash->isDontCache())
         return;
@@ -224,7 +228,7 @@ void RvoDataBlockManager::lockBlock(RvoDataHash *hash)
         rvoReport(QStringLiteral("Hash %1 is Not Contained in the LRU").arg(addressText(hash)));
 }
 
-void RvoDataBlockManager::unlockBlock(RvoDataHash *hash)
+void RvoDataBlockManager::Private::unlockBlock(RvoDataHash *hash)
 {
     if (!hash || hash->isDontCache())
         return;
@@ -236,13 +240,13 @@ void RvoDataBlockManager::unlockBlock(RvoDataHash *hash)
         m_Blocks->touch(hash); // a digest whose block has gone stays out
 }
 
-bool RvoDataBlockManager::blockIsLocked(RvoDataHash *hash)
+bool RvoDataBlockManager::Private::blockIsLocked(RvoDataHash *hash)
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     return !m_Blocks->inLru(hash);
 }
 
-qint64 RvoDataBlockManager::blockSize(RvoDataHash *hash)
+qint64 RvoDataBlockManager::Private::blockSize(RvoDataHash *hash)
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     checkInitialized();
@@ -250,7 +254,7 @@ qint64 RvoDataBlockManager::blockSize(RvoDataHash *hash)
     return block ? block->size() : 0;
 }
 
-void RvoDataBlockManager::freeBlock(RvoDataHash *hash, bool writeToDisk, bool unlockHash)
+void RvoDataBlockManager::Private::freeBlock(RvoDataHash *hash, bool writeToDisk, bool unlockHash)
 {
     if (!isInitialized() || !hash)
         return;
@@ -278,7 +282,7 @@ void RvoDataBlockManager::freeBlock(RvoDataHash *hash, bool writeToDisk, bool un
         RvoDataBlock::dispose(block);
 }
 
-void RvoDataBlockManager::freeAllBlocks()
+void RvoDataBlockManager::Private::freeAllBlocks()
 {
     flush(false, AllThreads);
     std::vector<std::pair<RvoDataHash *, RvoDataBlock *>> freed;
@@ -309,7 +313,7 @@ void RvoDataBlockManager::freeAllBlocks()
     flush(false, AllThreads);
 }
 
-void RvoDataBlockManager::snapshot(QList<RvoDataReference> &out) const
+void RvoDataBlockManager::Private::snapshot(QList<RvoDataReference> &out) const
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     checkInitialized();
@@ -320,7 +324,7 @@ void RvoDataBlockManager::snapshot(QList<RvoDataReference> &out) const
         out.append(RvoDataReference(hash));
 }
 
-void RvoDataBlockManager::releaseLastReference(RvoDataHash *hash)
+void RvoDataBlockManager::Private::releaseLastReference(RvoDataHash *hash)
 {
     RvoDataBlock *block = nullptr;
     {
@@ -335,7 +339,33 @@ void RvoDataBlockManager::releaseLastReference(RvoDataHash *hash)
     delete hash;
 }
 
+void RvoDataBlockManager::Private::releaseDigest(RvoSmartPointer<RvoDataHash> &hash)
+{
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    hash.reset();
+}
+
+bool RvoDataBlockManager::Private::holdsBlock(const RvoDataHash *hash) const
+{
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    return m_Blocks->contains(hash);
+}
+
+QList<RvoDataHash *> RvoDataBlockManager::Private::lruOrder() const
+{
+    // Reads the order without disturbing it: the tail is taken and touched
+    // once per entry, which rotates the list through one full turn.
+    RvoDdiMutexLocker locker(&m_DeleteLock);
+    QList<RvoDataHash *> order;
+    for (qint64 i = 0; i < m_Blocks->lruSize(); ++i) {
+        RvoDataHash *oldest = m_Blocks->leastRecentlyUsed();
+        order.prepend(oldest);
+        m_Blocks->touch(oldest);
+    }
+    return order;
+}
+
 void rvoReleaseLastReference(RvoDataHash *hash)
 {
-    RvoDataBlockManager::instance().releaseLastReference(hash);
+    RvoDataBlockManager::Private::of(RvoDataBlockManager::instance()).releaseLastReference(hash);
 }

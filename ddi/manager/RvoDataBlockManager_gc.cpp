@@ -1,22 +1,23 @@
 // Switching garbage collection on and off, and collecting on demand.
 
-#include "RvoDataBlockManager.h"
+#include "RvoDataBlockManager_p.h"
 
 #include "RvoDataBlockManagerReadThread_p.h"
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDdiMutexLocker.h"
 #include "RvoGarbageCollectorThread_p.h"
+#include "RvoMutexLocker_p.h"
 
 RvoDataBlockManager::ProgressReporter::~ProgressReporter() = default;
 
-void RvoDataBlockManager::startGarbageCollection()
+void RvoDataBlockManager::Private::startGarbageCollection()
 {
     QVector<RvoGarbageCollectorThread *> collectors;
     {
         RvoDdiMutexLocker locker(&m_DeleteLock);
         checkInitialized();
         {
-            std::lock_guard<std::mutex> gcLocker(m_GcMutex);
+            RvoMutexLocker gcLocker(m_GcMutex);
             m_GarbageCollecting.store(true, std::memory_order_release);
             ++m_GcGeneration;
         }
@@ -27,7 +28,7 @@ void RvoDataBlockManager::startGarbageCollection()
         collector->wake();
 }
 
-void RvoDataBlockManager::stopGarbageCollection()
+void RvoDataBlockManager::Private::stopGarbageCollection()
 {
     if (!garbageCollecting())
         return;
@@ -37,30 +38,31 @@ void RvoDataBlockManager::stopGarbageCollection()
 
     RvoDdiMutexLocker locker(&m_DeleteLock);
     checkInitialized();
-    std::unique_lock<std::mutex> gcLocker(m_GcMutex);
+    RvoMutexLocker gcLocker(m_GcMutex);
     m_GarbageCollecting.store(false, std::memory_order_release);
     ++m_GcGeneration;
     // A permitted pass takes no manager lock, so it ends while this waits.
-    m_GcCondition.wait(gcLocker, [this] { return m_RunningCollectors == 0; });
+    while (m_RunningCollectors > 0)
+        m_GcCondition.wait(m_GcMutex);
 }
 
-bool RvoDataBlockManager::garbageCollectingThreadStarted()
+bool RvoDataBlockManager::Private::garbageCollectingThreadStarted()
 {
-    std::lock_guard<std::mutex> gcLocker(m_GcMutex);
+    RvoMutexLocker gcLocker(m_GcMutex);
     if (!garbageCollecting())
         return false;
     ++m_RunningCollectors;
     return true;
 }
 
-void RvoDataBlockManager::garbageCollectingThreadFinished()
+void RvoDataBlockManager::Private::garbageCollectingThreadFinished()
 {
-    std::lock_guard<std::mutex> gcLocker(m_GcMutex);
+    RvoMutexLocker gcLocker(m_GcMutex);
     if (--m_RunningCollectors == 0 && !garbageCollecting())
-        m_GcCondition.notify_all();
+        m_GcCondition.notifyAll();
 }
 
-void RvoDataBlockManager::collectGarbage(ProgressReporter *reporter)
+void RvoDataBlockManager::Private::collectGarbage(ProgressReporter *reporter)
 {
     checkInitialized();
     const QVector<RvoGarbageCollectorThread *> collectors = collectorThreads();
@@ -68,19 +70,22 @@ void RvoDataBlockManager::collectGarbage(ProgressReporter *reporter)
     if (reporter)
         reporter->startProgress(QObject::tr("Garbage Collecting"), total);
     int done = 0;
+    std::function<void()> directoryVisited;
+    if (reporter)
+        directoryVisited = [reporter, &done] { reporter->setProgress(++done, QString()); };
     for (RvoGarbageCollectorThread *collector : collectors)
-        collector->collect(reporter, &done);
+        collector->collect(directoryVisited);
     if (reporter)
         reporter->finishProgress();
 }
 
-QVector<RvoGarbageCollectorThread *> RvoDataBlockManager::collectorThreads() const
+QVector<RvoGarbageCollectorThread *> RvoDataBlockManager::Private::collectorThreads() const
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     return m_CollectorThreads;
 }
 
-void RvoDataBlockManager::setMaxDiskCacheSize(qint64 bytes)
+void RvoDataBlockManager::Private::setMaxDiskCacheSize(qint64 bytes)
 {
     if (bytes < 0) {
         rvoReport(QStringLiteral("Disk cache size %1 is negative: the disk cache is unbounded")
@@ -93,7 +98,7 @@ void RvoDataBlockManager::setMaxDiskCacheSize(qint64 bytes)
     shareDiskBudget();
 }
 
-void RvoDataBlockManager::shareDiskBudget()
+void RvoDataBlockManager::Private::shareDiskBudget()
 {
     // Every collector looks after one root (a second setup adds roots).
     const qint64 roots = m_CollectorThreads.size();

@@ -1,6 +1,6 @@
 // Driving the IO threads: preloads, back-pressure, flushing and stopping.
 
-#include "RvoDataBlockManager.h"
+#include "RvoDataBlockManager_p.h"
 
 #include "RvoBlockTable_p.h"
 #include "RvoDataBlock.h"
@@ -15,14 +15,15 @@
 
 #include <algorithm>
 
-void RvoDataBlockManager::preloadData(const RvoDataReference &ref, PreloadPriority priority)
+void RvoDataBlockManager::Private::preloadData(const RvoDataReference &ref,
+                                               PreloadPriority priority)
 {
     if (ref.isNull())
         return;
     // A pending reference is resolved first: its hashing job needs the
     // delete lock to finish.
-    ref.checkAndWaitJob();
-    RvoDataHash *hash = ref.m_DataHash.data();
+    const RvoSmartPointer<RvoDataHash> resolved = ref.hashPtr();
+    RvoDataHash *hash = resolved.data();
     RvoDdiMutexLocker locker(&m_DeleteLock);
     checkInitialized();
     if (!hash)
@@ -39,7 +40,7 @@ void RvoDataBlockManager::preloadData(const RvoDataReference &ref, PreloadPriori
     m_ReadThreads.at(index)->request(hash, priority);
 }
 
-qint64 RvoDataBlockManager::bytesQueuedForWriting() const
+qint64 RvoDataBlockManager::Private::bytesQueuedForWriting() const
 {
     qint64 total = 0;
     for (RvoDataBlockManagerWriteThread *writer : writeThreads())
@@ -47,7 +48,7 @@ qint64 RvoDataBlockManager::bytesQueuedForWriting() const
     return total;
 }
 
-bool RvoDataBlockManager::writesPending() const
+bool RvoDataBlockManager::Private::writesPending() const
 {
     const QVector<RvoDataBlockManagerWriteThread *> writers = writeThreads();
     return std::any_of(
@@ -55,7 +56,7 @@ bool RvoDataBlockManager::writesPending() const
             [](const RvoDataBlockManagerWriteThread *writer) { return !writer->isIdle(); });
 }
 
-void RvoDataBlockManager::processIO()
+void RvoDataBlockManager::Private::processIO()
 {
     for (;;) {
         const qint64 total = bytesQueuedForWriting();
@@ -71,12 +72,20 @@ void RvoDataBlockManager::processIO()
     }
 }
 
-bool RvoDataBlockManager::isWriteThreadsFull()
+void RvoDataBlockManager::Private::finishPendingSaves()
+{
+    // Writers with nothing to do are not flushed: that would only cost the
+    // flush's pause, on every block a remote has to bring.
+    if (writesPending())
+        flush(false, WriteThreads);
+}
+
+bool RvoDataBlockManager::Private::isWriteThreadsFull()
 {
     return bytesQueuedForWriting() >= maxWritePendingSize();
 }
 
-void RvoDataBlockManager::flush(bool writeAll, ThreadType threads)
+void RvoDataBlockManager::Private::flush(bool writeAll, ThreadType threads)
 {
     checkInitialized();
     // The waits run without the delete lock: a write thread takes it to
@@ -120,7 +129,7 @@ void RvoDataBlockManager::flush(bool writeAll, ThreadType threads)
     QThread::msleep(1);
 }
 
-void RvoDataBlockManager::stopAllIoThreads()
+void RvoDataBlockManager::Private::stopAllIoThreads()
 {
     checkInitialized();
     flush(false, AllThreads);

@@ -1,15 +1,14 @@
 // Where the manager finds a digest's root, threads and block file.
 
-#include "RvoDataBlockManager.h"
+#include "RvoDataBlockManager_p.h"
 
-#include "RvoDataBlockManagerReadThread_p.h"
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDdiMutexLocker.h"
 #include "RvoDiskLayout_p.h"
 
 #include <QDir>
 
-int RvoDataBlockManager::cacheIndex(const QString &hashText)
+int RvoDataBlockManager::Private::cacheIndex(const QString &hashText)
 {
     RvoDdiMutexLocker locker(&m_DeleteLock);
     const int roots = int(m_CacheRoots.size());
@@ -22,15 +21,7 @@ int RvoDataBlockManager::cacheIndex(const QString &hashText)
         return -1;
     }
     checkInitialized();
-
-    // Files written earlier are found again only if this rule never changes:
-    // the digit values of the first four characters, separators counting -1.
-    int sum = 0;
-    for (int i = 3; i >= 0; --i) {
-        const int digit = hashText.at(i).digitValue();
-        sum += digit < 0 ? -1 : digit;
-    }
-    const int index = sum % roots; // truncates toward zero: negative sums stay negative
+    const int index = rootIndex(hashText, roots);
     if (index >= 0 && index < m_ReadThreads.size())
         return index;
     rvoReport(QStringLiteral("Cannot find suitable cache reading thread %1 for %2")
@@ -39,7 +30,7 @@ int RvoDataBlockManager::cacheIndex(const QString &hashText)
     return index;
 }
 
-int RvoDataBlockManager::cacheIndex(const RvoDataHash *hash)
+int RvoDataBlockManager::Private::cacheIndex(const RvoDataHash *hash)
 {
     checkInitialized();
     if (!hash)
@@ -47,7 +38,8 @@ int RvoDataBlockManager::cacheIndex(const RvoDataHash *hash)
     return cacheIndex(hash->toString());
 }
 
-QString RvoDataBlockManager::getBlockDestination(const QString &subCache, const QString &hashText)
+QString RvoDataBlockManager::Private::getBlockDestination(const QString &subCache,
+                                                          const QString &hashText)
 {
     const RvoDataHash hash(hashText);
     checkInitialized();
@@ -63,12 +55,4 @@ QString RvoDataBlockManager::getBlockDestination(const QString &subCache, const 
                        fileName))
         return QString();
     return directory + fileName;
-}
-
-bool RvoDataBlockManager::subCacheExists(const QString &name)
-{
-    const QStringList roots = cacheRoots();
-    if (roots.isEmpty())
-        return false;
-    return QDir(roots.first() + QDir::separator() + name).exists();
 }

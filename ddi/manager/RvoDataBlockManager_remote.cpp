@@ -1,11 +1,13 @@
 // The remote tier's setting and lifetime.
 
-#include "RvoDataBlockManager.h"
+#include "RvoDataBlockManager_p.h"
 
 #include "RvoDdiDiagnostics_p.h"
+#include "RvoMutexLocker_p.h"
+#include "RvoRemoteFetch_p.h"
 #include "RvoRemoteTier_p.h"
 
-bool RvoDataBlockManager::setRemoteStorage(const QString &spec)
+bool RvoDataBlockManager::Private::setRemoteStorage(const QString &spec)
 {
     QVector<RvoRemoteSpec::Remote> remotes;
     QString error;
@@ -15,7 +17,7 @@ bool RvoDataBlockManager::setRemoteStorage(const QString &spec)
     }
     std::shared_ptr<RvoRemoteTier> replaced;
     {
-        std::lock_guard<std::mutex> locker(m_RemoteLock);
+        RvoMutexLocker locker(m_RemoteLock);
         m_RemoteSpec = spec;
         m_RemoteSpecGiven = true;
         replaced = std::move(m_RemoteTier);
@@ -28,21 +30,21 @@ bool RvoDataBlockManager::setRemoteStorage(const QString &spec)
     return true;
 }
 
-QString RvoDataBlockManager::remoteStorage() const
+QString RvoDataBlockManager::Private::remoteStorage() const
 {
-    std::lock_guard<std::mutex> locker(m_RemoteLock);
+    RvoMutexLocker locker(m_RemoteLock);
     return m_RemoteSpec;
 }
 
-std::shared_ptr<RvoRemoteTier> RvoDataBlockManager::remoteTier() const
+std::shared_ptr<RvoRemoteTier> RvoDataBlockManager::Private::remoteTier() const
 {
-    std::lock_guard<std::mutex> locker(m_RemoteLock);
+    RvoMutexLocker locker(m_RemoteLock);
     return m_RemoteTier;
 }
 
-void RvoDataBlockManager::startRemoteTier()
+void RvoDataBlockManager::Private::startRemoteTier()
 {
-    std::lock_guard<std::mutex> locker(m_RemoteLock);
+    RvoMutexLocker locker(m_RemoteLock);
     if (m_RemoteTier)
         return;
     if (!m_RemoteSpecGiven)
@@ -57,13 +59,28 @@ void RvoDataBlockManager::startRemoteTier()
         m_RemoteTier = std::make_shared<RvoRemoteTier>(remotes);
 }
 
-void RvoDataBlockManager::stopRemoteTier()
+void RvoDataBlockManager::Private::stopRemoteTier()
 {
     std::shared_ptr<RvoRemoteTier> tier;
     {
-        std::lock_guard<std::mutex> locker(m_RemoteLock);
+        RvoMutexLocker locker(m_RemoteLock);
         tier = std::move(m_RemoteTier);
     }
     if (tier)
         tier->flush();
+}
+
+bool RvoDataBlockManager::Private::fetchMissing(const RvoBlockLoad &load)
+{
+    const std::shared_ptr<RvoRemoteTier> tier = remoteTier();
+    return tier && RvoRemoteFetch::start(tier, load);
+}
+
+void RvoDataBlockManager::Private::blockFilePublished(const QString &path, const QString &fileName,
+                                                      qint64 bytes)
+{
+    // A file this process made is shared; one found there was made (and
+    // shared) by whoever wrote it.
+    if (const std::shared_ptr<RvoRemoteTier> tier = remoteTier())
+        tier->upload(path, fileName, bytes);
 }

@@ -2,35 +2,12 @@
 
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockFile_p.h"
-#include "RvoBlockTable_p.h"
-#include "RvoDdiMutexLocker.h"
 #include "RvoDiskLayout_p.h"
 
 #include <QDateTime>
 #include <QDirIterator>
 
 #include <cstring>
-
-bool RvoDataBlockManagerTestAccess::holdsBlock(RvoDataHash *hash)
-{
-    RvoDdiMutexLocker locker(&manager().m_DeleteLock);
-    return manager().m_Blocks->contains(hash);
-}
-
-QList<RvoDataHash *> RvoDataBlockManagerTestAccess::lruOrder()
-{
-    // Reads the order without disturbing it: the tail is taken and touched
-    // once per entry, which rotates the list through one full turn.
-    RvoDdiMutexLocker locker(&manager().m_DeleteLock);
-    RvoBlockTable &table = *manager().m_Blocks;
-    QList<RvoDataHash *> order;
-    for (qint64 i = 0; i < table.lruSize(); ++i) {
-        RvoDataHash *oldest = table.leastRecentlyUsed();
-        order.prepend(oldest);
-        table.touch(oldest);
-    }
-    return order;
-}
 
 ManagerSetup::ManagerSetup(int rootCount, const QString &subCache, int buckets, qint64 budget)
 {

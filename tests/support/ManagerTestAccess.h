@@ -9,9 +9,9 @@
 #include "OutputCapture.h"
 #include "RvoConstAccessor.h"
 #include "RvoDataBlock.h"
-#include "RvoDataBlockManager.h"
 #include "RvoDataBlockManagerReadThread_p.h"
 #include "RvoDataBlockManagerWriteThread_p.h"
+#include "RvoDataBlockManager_p.h"
 #include "RvoDataReference.h"
 #include "RvoHashManager.h"
 #include "RvoWaitUntil_p.h"
@@ -32,10 +32,14 @@
 #include <thread>
 #include <vector>
 
+// The manager's internals, through its implementation.
 class RvoDataBlockManagerTestAccess
 {
 public:
-    static RvoDataBlockManager &manager() { return RvoDataBlockManager::instance(); }
+    static RvoDataBlockManager::Private &manager()
+    {
+        return RvoDataBlockManager::Private::of(RvoDataBlockManager::instance());
+    }
     static int cacheIndex(const QString &hashText) { return manager().cacheIndex(hashText); }
     static int cacheIndex(const RvoDataHash *hash) { return manager().cacheIndex(hash); }
     static void makeBlockLive(RvoDataHash *hash, RvoDataBlock *block)
@@ -52,13 +56,13 @@ public:
     }
     static int writeThreadCount() { return int(manager().writeThreads().size()); }
     static int readThreadCount() { return int(manager().readThreads().size()); }
-    static bool holdsBlock(RvoDataHash *hash);
+    static bool holdsBlock(RvoDataHash *hash) { return manager().holdsBlock(hash); }
     static bool blockIsLocked(RvoDataHash *hash) { return manager().blockIsLocked(hash); }
     static void lockBlock(RvoDataHash *hash) { manager().lockBlock(hash); }
     static void unlockBlock(RvoDataHash *hash) { manager().unlockBlock(hash); }
     static void freeBlock(RvoDataHash *hash) { manager().freeBlock(hash, false, false); }
     // The digests in the LRU, most recently used first.
-    static QList<RvoDataHash *> lruOrder();
+    static QList<RvoDataHash *> lruOrder() { return manager().lruOrder(); }
 };
 
 // A block that records its deletion.

@@ -1,16 +1,16 @@
 #ifndef RVODATADELETELOCKER_H
 #define RVODATADELETELOCKER_H
 
-#include "RvoDataBlockManager.h"
+#include "RvoDdiGlobal.h"
 
 // Holds the block manager's delete lock for its lifetime, so that no block is
-// freed while the holder works. First in the library's lock order (see
-// RvoDataBlockManager.h): take it before any digest, block or thread lock.
+// freed while the holder works. First in the library's lock order
+// (docs/ARCHITECTURE.md): take it before any digest, block or thread lock.
 class RVODDI_EXPORT RvoDataDeleteLocker
 {
 public:
-    RvoDataDeleteLocker() { RvoDataBlockManager::instance().lockDeletes(); }
-    ~RvoDataDeleteLocker() { RvoDataBlockManager::instance().unlockDeletes(); }
+    RvoDataDeleteLocker();
+    ~RvoDataDeleteLocker();
     RvoDataDeleteLocker(const RvoDataDeleteLocker &) = delete;
     RvoDataDeleteLocker &operator=(const RvoDataDeleteLocker &) = delete;
 };
