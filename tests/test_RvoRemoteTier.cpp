@@ -175,7 +175,9 @@ TEST(RvoRemoteTier, SilentRemoteCostsAtMostItsTimeout)
     redis.resume();
 }
 
-TEST(RvoRemoteTier, AKilledServerHoldsNothingUpAndUploadsResumeAfterItsRestart)
+// Meanwhile the server holds nothing up and the disk serves every block;
+// its going and coming back are each said once.
+TEST(RvoRemoteTier, UploadsResumeWhenAKilledServerRestarts)
 {
     LocalServer nginx(LocalServer::Nginx);
     START_OR_SKIP(nginx);
