@@ -261,9 +261,7 @@ TEST(DdiTester, ToolExitCodeSaysWhetherEveryCheckPassed)
                                  QStringLiteral("0")};
     QStringList lines;
     EXPECT_EQ(runTool(arguments, &lines), 0);
-    EXPECT_EQ(lines.size(), kChecks.size());
-    for (const QString &line : lines)
-        EXPECT_TRUE(line.startsWith(QStringLiteral("[ OK ] "))) << line.toStdString();
+    EXPECT_EQ(lines.filter(QStringLiteral("[ OK ] ")).size(), kChecks.size());
 
     const QFileInfo raw = QDir(data.path()).entryInfoList({QStringLiteral("*.argb32")}).value(0);
     flipByte(raw.filePath(), 10);
