@@ -160,10 +160,11 @@ TEST(RvoDataBlockManagerWriteThread, RefusedSavesWaitAndAreRetriedUntilTheDiskTa
     ASSERT_TRUE(copy);
     EXPECT_EQ(bytesOf(copy.get()), contents.at(1));
 
-    // Pauses of 100, 200, 400, 400 ms: a save's fifth refusal comes after
-    // 1100 ms. A save whose digest nobody else holds is dropped meanwhile.
+    // Pauses of 100, 200, 400, 400 ms: the four saves' fifth refusals come
+    // after 1100 ms, and before then there are at most 16 refusals, however
+    // late the save whose digest nobody else holds is dropped meanwhile.
     hashes[2].reset();
-    ASSERT_TRUE(waitUntil([&] { return writer.refusedAttempts() >= 5 * 3; }));
+    ASSERT_TRUE(waitUntil([&] { return writer.refusedAttempts() >= 5 * 4; }));
     EXPECT_GE(timer.elapsed(), 1100);
     EXPECT_TRUE(deleted[2]);
     writer.flush(); // no save in flight: every one counted in the queue
