@@ -141,18 +141,28 @@ TEST(RvoBlockCodec, CompressWritesNothingBeyondItsCapacity)
         }
 }
 
-TEST(RvoBlockCodec, CutPayloadIsRefused)
+// A short text's payload and an image tile's, made by the default codec.
+class RvoBlockCodecDamage : public ::testing::Test
 {
+protected:
+    void SetUp() override
+    {
+        ASSERT_GT(smallPayload.size(), 10);
+        ASSERT_GT(payload.size(), 8192);
+    }
+
     RvoBlockCodec codec;
     const QByteArray small = textBytes(255);
     const QByteArray smallPayload = codec.compress(small.constData(), small.size());
-    ASSERT_GT(smallPayload.size(), 10);
-    for (int length = 0; length < smallPayload.size(); ++length)
-        EXPECT_TRUE(refused(codec, smallPayload, length, small.size())) << "prefix " << length;
     const QByteArray tile = makeImageLikeTile(6);
     const QByteArray payload = codec.compress(tile.constData(), tile.size());
+};
+
+TEST_F(RvoBlockCodecDamage, CutPayloadIsRefused)
+{
+    for (int length = 0; length < smallPayload.size(); ++length)
+        EXPECT_TRUE(refused(codec, smallPayload, length, small.size())) << "prefix " << length;
     const int n = int(payload.size());
-    ASSERT_GT(n, 8192);
     for (int length : {4, 5, 6, 7, 100, n / 4, n / 2, n - 4096, n - 5, n - 4, n - 1})
         EXPECT_TRUE(refused(codec, payload, length, tile.size())) << "cut at " << length;
 }
@@ -161,18 +171,13 @@ TEST(RvoBlockCodec, CutPayloadIsRefused)
 // checksum refuses almost every flip; a flipped bit may still leave the
 // output unchanged (a match distance that points at identical pixels, say),
 // and then the bytes handed out are the block's own.
-TEST(RvoBlockCodec, FlippedByteIsRefusedOrChangesNothing)
+TEST_F(RvoBlockCodecDamage, FlippedByteIsRefusedOrChangesNothing)
 {
-    RvoBlockCodec codec;
-    const QByteArray small = textBytes(255);
-    const QByteArray smallPayload = codec.compress(small.constData(), small.size());
     for (int i = 4; i < smallPayload.size(); ++i) {
         QByteArray bad = smallPayload;
         bad[i] = char(bad[i] ^ 0xFF);
         EXPECT_TRUE(refused(codec, bad, bad.size(), small.size())) << "byte " << i;
     }
-    const QByteArray tile = makeImageLikeTile(6);
-    const QByteArray payload = codec.compress(tile.constData(), tile.size());
     int refusals = 0;
     int flips = 0;
     for (int i = 4; i < payload.size(); i += 509, ++flips) {
