@@ -93,6 +93,7 @@ TEST_F(RvoWriteThread, FileOnDiskIsNotWrittenAgain)
     writer.start();
     writer.flush();
     EXPECT_EQ(readFile(pathOf(hash)), file);
+    EXPECT_EQ(writer.requestsHandled(), 0) << "a file found is no save";
     EXPECT_TRUE(again->cached());
 }
 

@@ -40,6 +40,7 @@ TEST(RvoDataHash, DigestIsSkeinsOfItsSizeAndItsTextRoundTrips)
 TEST(RvoDataHash, BufferThatCannotBeHashesAsTheEmptyMessage)
 {
     DebugCapture debug;
+    RvoDataHash(nullptr, 0, RvoDataHash::Skein512); // no bytes at no address: the empty message
     const unsigned char *abc = reinterpret_cast<const unsigned char *>("abc");
     EXPECT_EQ(RvoDataHash(abc, -5, RvoDataHash::Skein512).toString(), QLatin1String(kEmpty512Text));
     EXPECT_EQ(RvoDataHash(nullptr, 100, RvoDataHash::Skein512).toString(),
