@@ -106,6 +106,7 @@ TEST(RvoDdiMutex, PlainMutexRefusesItsHolder)
     mutex.lock();
     EXPECT_FALSE(mutex.tryLock());
     EXPECT_FALSE(mutex.tryLock(5));
+    EXPECT_FALSE(freeForOtherThreads(mutex));
     mutex.unlock();
     EXPECT_TRUE(freeForOtherThreads(mutex));
 }

@@ -224,7 +224,10 @@ TEST(RvoRedisRemoteClient, PathSelectsTheDatabase)
     EXPECT_EQ(askRedis(server.port(), "GET", key, 3), "bytes");
     EXPECT_EQ(askRedis(server.port(), "GET", key), std::nullopt) << "database 0";
     endpoint.path = QStringLiteral("/x");
+    QElapsedTimer clock;
+    clock.start();
     const Remote::Result result = Remote::create(endpoint)->put(blockName(2), "b");
+    EXPECT_LT(clock.elapsed(), 1000);
     EXPECT_EQ(result.status, Remote::Unavailable);
     EXPECT_EQ(result.error, QStringLiteral("not a database number: /x"));
 }
