@@ -5,10 +5,7 @@
 #include "RvoDiskLayout_p.h"
 
 #include <QDateTime>
-#include <QDir>
 #include <QDirIterator>
-#include <QFile>
-#include <QFileInfo>
 
 #include <cstring>
 

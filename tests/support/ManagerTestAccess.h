@@ -3,7 +3,8 @@
 
 // What the tests share: reaching the block manager's and the IO threads'
 // internals, setting the manager up on temporary roots, test content and
-// files; it brings GoogleTest and the output captures along.
+// files; it brings GoogleTest, the output captures, Qt's file classes and
+// the standard thread headers along.
 
 #include "OutputCapture.h"
 #include "RvoBlockCodecSetting_p.h"
@@ -17,13 +18,19 @@
 #include "RvoWaitUntil_p.h"
 
 #include <QByteArray>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
+#include <thread>
 #include <vector>
 
 // The manager's internals, through its implementation.
