@@ -230,15 +230,16 @@ TEST(RvoRemoteTier, KillingTheServerMidRequestsLosesNothing)
     ASSERT_TRUE(Manager::instance().setRemoteStorage(through(nginx, proxy)
                                                      + QStringLiteral("|operation-timeout=1000")));
     DebugCapture debug;
+    QList<RvoDataReference> refs;
+    for (int seed = 0; seed < 32; ++seed)
+        refs.append(addBlock(testContent(seed, 20000)));
+    Manager::instance().flush(false, Manager::WriteThreads); // the uploads start
+    // Each fetch takes a 200 ms round trip; the preloads start them at once.
     QList<RvoDataReference> fetched;
     for (int seed = 100; seed < 132; ++seed) {
         fetched.append(referenceTo(testContent(seed, 20000)));
         fetched.last().preload(Manager::PreloadNormal);
     }
-    QList<RvoDataReference> refs;
-    for (int seed = 0; seed < 32; ++seed)
-        refs.append(addBlock(testContent(seed, 20000)));
-    Manager::instance().flush(false, Manager::WriteThreads); // the uploads start
     nginx.kill();
     QElapsedTimer timer;
     timer.start();

@@ -140,14 +140,20 @@ bool RvoRemote::available(int server, qint64 now) const
     return m_Servers[size_t(server)]->availableAt.load(std::memory_order_relaxed) <= now;
 }
 
-void RvoRemote::failed(int server, const RvoRemoteClient::Result &result)
+void RvoRemote::failed(int server, const RvoRemoteClient::Result &result, qint64 startedAt)
 {
     Server &s = *m_Servers[size_t(server)];
     m_Errors.fetch_add(1, std::memory_order_relaxed);
+    // With requests in flight, one begun before the server answered again
+    // may fail after it did: that says nothing of the server now.
+    if (startedAt < s.recoveredAt.load(std::memory_order_relaxed))
+        return;
+    const qint64 now = nowMs();
     const qint64 pause = pauseMs.load(std::memory_order_relaxed);
-    s.availableAt.store(nowMs() + pause, std::memory_order_relaxed);
+    s.availableAt.store(now + pause, std::memory_order_relaxed);
     if (s.failing.exchange(true))
         return;
+    s.failedAt.store(now, std::memory_order_relaxed);
     const QString url = s.client->endpoint().maskedUrl();
     const QString seconds = QString::number(pause / 1000.0);
     if (result.status == RvoRemoteClient::Unauthorized) {
@@ -164,11 +170,15 @@ void RvoRemote::failed(int server, const RvoRemoteClient::Result &result)
     }
 }
 
-void RvoRemote::answered(int server)
+void RvoRemote::answered(int server, qint64 startedAt)
 {
     Server &s = *m_Servers[size_t(server)];
-    if (s.failing.load(std::memory_order_relaxed) && s.failing.exchange(false))
-        announce(QStringLiteral("Remote %1 available again").arg(s.client->endpoint().maskedUrl()));
+    // Likewise an answer to a request begun before the failure.
+    if (!s.failing.load(std::memory_order_relaxed)
+        || startedAt < s.failedAt.load(std::memory_order_relaxed) || !s.failing.exchange(false))
+        return;
+    s.recoveredAt.store(nowMs(), std::memory_order_relaxed);
+    announce(QStringLiteral("Remote %1 available again").arg(s.client->endpoint().maskedUrl()));
 }
 
 void RvoRemote::get(const QString &name, int priority, Fetched done)
@@ -212,6 +222,7 @@ void RvoRemote::startFetches(int server, std::vector<Fetch> fetches)
     RvoRemoteClient &client = *m_Servers[size_t(server)]->client;
     for (Fetch &fetch : fetches) {
         const QString name = fetch.name;
+        fetch.startedAt = nowMs();
         client.startGet(name,
                         [this, server, fetch = std::move(fetch)](
                                 const RvoRemoteClient::Result &result, QByteArray bytes) {
@@ -230,14 +241,14 @@ void RvoRemote::fetched(int server, const Fetch &fetch, const RvoRemoteClient::R
     }
     const bool found = result.status == RvoRemoteClient::Found;
     if (found) {
-        answered(server);
+        answered(server, fetch.startedAt);
         m_Hits.fetch_add(1, std::memory_order_relaxed);
         m_BytesRead.fetch_add(bytes.size(), std::memory_order_relaxed);
     } else if (result.status == RvoRemoteClient::Missing) {
-        answered(server);
+        answered(server, fetch.startedAt);
         m_Misses.fetch_add(1, std::memory_order_relaxed);
     } else if (!stopping) { // a client stopping with this remote ends its requests
-        failed(server, result);
+        failed(server, result, fetch.startedAt);
     }
     // A server in its pause is asked nothing more: what waits for it ends.
     std::vector<Fetch> starting;
@@ -323,7 +334,8 @@ std::deque<RvoRemote::Upload>::iterator RvoRemote::nextUpload(qint64 now, qint64
     return m_Uploads.end();
 }
 
-void RvoRemote::sent(const Upload &upload, const RvoRemoteClient::Result &result, qint64 written)
+void RvoRemote::sent(const Upload &upload, const RvoRemoteClient::Result &result, qint64 written,
+                     qint64 startedAt)
 {
     const bool done
             = result.status == RvoRemoteClient::Stored || result.status == RvoRemoteClient::Present;
@@ -335,9 +347,10 @@ void RvoRemote::sent(const Upload &upload, const RvoRemoteClient::Result &result
     if (done) {
         if (result.status == RvoRemoteClient::Stored)
             m_BytesWritten.fetch_add(written, std::memory_order_relaxed);
-        answered(upload.server);
+        if (startedAt >= 0)
+            answered(upload.server, startedAt);
     } else if (!stopping) { // a client stopping with this remote ends its requests
-        failed(upload.server, result);
+        failed(upload.server, result, startedAt);
     }
     {
         RvoMutexLocker locker(m_Lock);
@@ -376,14 +389,16 @@ void RvoRemote::uploadLoop()
         QByteArray bytes;
         if (file.open(QIODevice::ReadOnly))
             bytes = file.readAll();
+        const qint64 startedAt = nowMs();
         if (bytes.size() != upload.bytes || bytes.isEmpty()) {
-            sent(upload, {RvoRemoteClient::Present, QString()}, 0);
+            sent(upload, {RvoRemoteClient::Present, QString()}, 0, -1); // nothing to send
         } else {
             const qint64 size = bytes.size();
             m_Servers[size_t(upload.server)]->client->startPut(
                     upload.name, std::move(bytes),
-                    [this, upload, size](const RvoRemoteClient::Result &result, QByteArray) {
-                        sent(upload, result, size);
+                    [this, upload, size, startedAt](const RvoRemoteClient::Result &result,
+                                                    QByteArray) {
+                        sent(upload, result, size, startedAt);
                     });
         }
         locker.relock();

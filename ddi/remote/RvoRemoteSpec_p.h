@@ -17,10 +17,9 @@
 // operation-timeout=MS (default 10000); upload-queue=MIB (the bytes of block
 // files that may wait for upload, default 256); max-requests=N (fetches, and
 // as many uploads, in flight at once per server, 1 to 1024, default 32);
-// shards=A,B,... (several
-// servers of one kind: each name replaces the '*' of the URL); ca-file=PATH
-// (https only: the certificates the server's must chain to, instead of the
-// system's).
+// shards=A,B,... (several servers of one kind: each name replaces the '*' of
+// the URL); ca-file=PATH (https only: the certificates the server's must
+// chain to, instead of the system's).
 class RvoRemoteSpec
 {
 public:

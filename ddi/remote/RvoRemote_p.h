@@ -106,12 +106,15 @@ private:
         QByteArray shardKey; // the shard's name in UTF-8, for homeOf()
         std::atomic<qint64> availableAt {0}; // steady-clock milliseconds
         std::atomic<bool> failing {false}; // in an episode of failures
+        std::atomic<qint64> failedAt {0}; // when the episode began
+        std::atomic<qint64> recoveredAt {0}; // when the last one ended
     };
 
     struct Fetch
     {
         QString name;
         Fetched done;
+        qint64 startedAt = 0; // steady-clock milliseconds, once started
     };
 
     struct Upload
@@ -124,11 +127,12 @@ private:
 
     static qint64 nowMs();
     bool available(int server, qint64 now) const;
-    // Counts a failed call and starts the server's pause; reports the
-    // episode's first failure.
-    void failed(int server, const RvoRemoteClient::Result &result);
-    // Reports the end of an episode, if one was running.
-    void answered(int server);
+    // Counts a failed request, begun at `startedAt`, and starts the
+    // server's pause; reports the episode's first failure.
+    void failed(int server, const RvoRemoteClient::Result &result, qint64 startedAt);
+    // Reports the end of an episode, if one was running before the
+    // request began.
+    void answered(int server, qint64 startedAt);
     // The fetches of `server` that may start now, taken out of its queue.
     std::vector<Fetch> startable(int server) REQUIRES(m_Lock);
     void startFetches(int server, std::vector<Fetch> fetches);
@@ -136,7 +140,9 @@ private:
                  QByteArray bytes);
     // The first queued upload that may start now; m_Uploads.end() when none.
     std::deque<Upload>::iterator nextUpload(qint64 now, qint64 *wakeAt) REQUIRES(m_Lock);
-    void sent(const Upload &upload, const RvoRemoteClient::Result &result, qint64 written);
+    // An upload ended; `startedAt` -1: its file was gone, nothing was sent.
+    void sent(const Upload &upload, const RvoRemoteClient::Result &result, qint64 written,
+              qint64 startedAt);
     void uploadLoop();
     // Nothing is queued for an available server and nothing is under way.
     bool flushed() const REQUIRES(m_Lock);
