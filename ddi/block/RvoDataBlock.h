@@ -102,7 +102,7 @@ protected:
     friend class RvoDataBlockManagerWriteThread;
 
     // Serialises accessor-count changes. Lock order: after the manager's
-    // delete lock.
+    // delete lock (docs/ARCHITECTURE.md).
     RvoDdiMutex m_Mutex {0, RvoDdiMutex::Recursive};
     std::atomic<int> m_AccessCount {0};
     int m_SpareCount = 0;
@@ -118,9 +118,8 @@ private:
     void beginSave();
     bool endSave();
 
-    // Both guarded by m_Mutex.
-    int m_PendingSaves = 0;
-    bool m_Disposed = false;
+    int m_PendingSaves RVODDI_THREAD_ANNOTATION(guarded_by(m_Mutex)) = 0;
+    bool m_Disposed RVODDI_THREAD_ANNOTATION(guarded_by(m_Mutex)) = false;
 };
 
 #endif // RVODATABLOCK_H

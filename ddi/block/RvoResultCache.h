@@ -4,11 +4,10 @@
 #include "RvoDataReference.h"
 #include "RvoDdiGlobal.h"
 
-#include <QMap>
 #include <QString>
 
 #include <atomic>
-#include <shared_mutex>
+#include <memory>
 
 // A memo table from the name of a computation to the block holding its
 // result. The first result stored under a name wins; entries are never
@@ -20,7 +19,8 @@
 class RVODDI_EXPORT RvoResultCache
 {
 public:
-    RvoResultCache() = default;
+    RvoResultCache();
+    ~RvoResultCache();
     RvoResultCache(const RvoResultCache &) = delete;
     RvoResultCache &operator=(const RvoResultCache &) = delete;
 
@@ -42,11 +42,9 @@ public:
 private:
     std::atomic<int> m_CacheHits {0};
     std::atomic<bool> m_Enabled {true};
-    // Guards m_Results. Taken before a digest's own lock (copying a
-    // reference counts it); no reference's last release happens under it,
-    // so it never waits for the block manager's locks.
-    mutable std::shared_mutex m_Lock;
-    QMap<QString, RvoDataReference> m_Results;
+    // The table and its lock (RvoResultCache.cpp).
+    struct Private;
+    const std::unique_ptr<Private> d;
 };
 
 #endif // RVORESULTCACHE_H

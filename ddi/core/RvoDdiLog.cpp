@@ -1,9 +1,9 @@
 #include "RvoDdiLog.h"
 
 #include "RvoDdiDiagnostics_p.h"
+#include "RvoDdiMutexLocker.h"
 
 #include <QDir>
-#include <QMutexLocker>
 #include <QTime>
 
 namespace {
@@ -50,7 +50,7 @@ bool RvoDdiLog::setSubCache(const QString &directory)
 
     // Taken although configuration runs before the IO threads log: it costs
     // nothing here and keeps a late log() from writing to a closing file.
-    QMutexLocker locker(&m_Lock);
+    RvoDdiMutexLocker locker(&m_Lock);
     if (m_File.isOpen()) {
         m_File.flush();
         m_File.close();
@@ -76,7 +76,7 @@ bool RvoDdiLog::log(Level level, const char *file, int line, const QString &mess
     if (!enabled())
         return true;
 
-    QMutexLocker locker(&m_Lock);
+    RvoDdiMutexLocker locker(&m_Lock);
     if (!m_File.isOpen())
         return true;
 

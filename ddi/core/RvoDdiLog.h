@@ -2,9 +2,9 @@
 #define RVODDILOG_H
 
 #include "RvoDdiGlobal.h"
+#include "RvoDdiMutex.h"
 
 #include <QFile>
-#include <QMutex>
 #include <QString>
 
 #include <atomic>
@@ -46,10 +46,10 @@ private:
     RvoDdiLog();
     ~RvoDdiLog();
 
-    // Guards m_File. Lock order: a leaf, taken alone and never while calling
-    // out of the log.
-    QMutex m_Lock;
-    QFile m_File;
+    // Lock order: a leaf, taken alone and never while calling out of the
+    // log.
+    RvoDdiMutex m_Lock;
+    QFile m_File RVODDI_THREAD_ANNOTATION(guarded_by(m_Lock));
     std::atomic<bool> m_Enabled {true};
 };
 

@@ -8,6 +8,7 @@
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDiskHost_p.h"
 #include "RvoDiskLayout_p.h"
+#include "RvoMutexLocker_p.h"
 #include "RvoTsan_p.h"
 
 #include <QDir>
@@ -83,6 +84,7 @@ RvoDataBlockManagerReadThread::RvoDataBlockManagerReadThread(RvoDiskHost &host, 
     , m_BucketCount(bucketCount)
     , m_MaxRequests(maxRequests)
 {
+    setObjectName(QStringLiteral("rvoddi-read")); // the thread's name, for top -H and debuggers
 }
 
 RvoDataBlockManagerReadThread::~RvoDataBlockManagerReadThread()
@@ -102,7 +104,7 @@ void RvoDataBlockManagerReadThread::request(RvoDataHash *hash,
         return;
     if (m_PromotionEnabled.load(std::memory_order_relaxed) && hash->isPreloading()) {
         const qint64 promotions = m_PromotionCount.fetch_add(1, std::memory_order_relaxed) + 1;
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         for (size_t i = 1; i < m_Queue.size(); ++i) {
             if (m_Queue[i].hash.data() != hash)
                 continue;
@@ -120,7 +122,7 @@ void RvoDataBlockManagerReadThread::request(RvoDataHash *hash,
     // Taken before the lock: a reference takes the digest's own lock.
     Entry entry {int(priority), RvoSmartPointer<RvoDataHash>(hash)};
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         if (hash->isPreloading())
             return; // queued or being loaded already; the entry is dropped below
         if (priority == RvoDataBlockManagerBase::PreloadBackground
@@ -132,30 +134,31 @@ void RvoDataBlockManagerReadThread::request(RvoDataHash *hash,
         m_Queue.insert(position, std::move(entry));
         hash->setPreloading(true);
     }
-    m_Changed.notify_all();
+    m_Changed.notifyAll();
 }
 
 void RvoDataBlockManagerReadThread::run()
 {
-    std::unique_lock<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     for (;;) {
-        m_Changed.wait(locker, [this] { return m_Closing || !m_Queue.empty(); });
+        while (!m_Closing && m_Queue.empty())
+            m_Changed.wait(m_Lock);
         if (m_Closing)
             break;
         Entry entry = std::move(m_Queue.front());
         m_Queue.pop_front();
         m_RequestsHandled.fetch_add(1, std::memory_order_relaxed);
         locker.unlock();
-        m_Changed.notify_all();
+        m_Changed.notifyAll();
         if (entry.hash)
             loadBlock(entry.hash, true);
         entry.hash.reset();
-        locker.lock();
+        locker.relock();
     }
     std::deque<Entry> dropped;
     dropped.swap(m_Queue);
     locker.unlock();
-    m_Changed.notify_all();
+    m_Changed.notifyAll();
 }
 
 QFuture<RvoDataBlock *>
@@ -177,7 +180,7 @@ RvoDataBlockManagerReadThread::loadBlock(const RvoSmartPointer<RvoDataHash> &has
     // as saved, so no collector may delete the file on a look at the
     // registry made before this digest was interned.
     auto open = [&file] {
-        std::lock_guard<std::mutex> fileLocker(blockFileLock());
+        RvoMutexLocker fileLocker(blockFileLock());
         return file.open(QIODevice::ReadOnly | QIODevice::Unbuffered);
     };
     if (!open()) {
@@ -253,50 +256,51 @@ void RvoDataBlockManagerReadThread::killRequests()
 {
     std::deque<Entry> dropped;
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         dropped.swap(m_Queue);
     }
-    m_Changed.notify_all();
+    m_Changed.notifyAll();
 }
 
 void RvoDataBlockManagerReadThread::flush()
 {
-    std::unique_lock<std::mutex> locker(m_Lock);
-    m_Changed.wait(locker, [this] { return m_Queue.empty() || m_Closing || !isRunning(); });
+    RvoMutexLocker locker(m_Lock);
+    while (!m_Queue.empty() && !m_Closing && isRunning())
+        m_Changed.wait(m_Lock);
 }
 
 void RvoDataBlockManagerReadThread::closeDown()
 {
     flush();
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         m_Closing = true;
     }
-    m_Changed.notify_all();
+    m_Changed.notifyAll();
 }
 
 int RvoDataBlockManagerReadThread::requests() const
 {
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     return int(m_Queue.size());
 }
 
 void RvoDataBlockManagerReadThread::setSubCache(const QString &name)
 {
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     m_SubCache = name;
 }
 
 QString RvoDataBlockManagerReadThread::subCache() const
 {
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     return m_SubCache;
 }
 
 QList<QPair<int, RvoDataHash *>> RvoDataBlockManagerReadThread::queuedRequests() const
 {
     QList<QPair<int, RvoDataHash *>> result;
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     for (const Entry &entry : m_Queue)
         result.append(qMakePair(entry.priority, entry.hash.data()));
     return result;

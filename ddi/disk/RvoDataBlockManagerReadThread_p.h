@@ -1,8 +1,10 @@
 #ifndef RVODATABLOCKMANAGERREADTHREAD_P_H
 #define RVODATABLOCKMANAGERREADTHREAD_P_H
 
+#include "RvoConditionVariable_p.h"
 #include "RvoDataBlockManagerBase.h"
 #include "RvoDataHash.h"
+#include "RvoMutex_p.h"
 #include "RvoSmartPointer.h"
 
 #include <QFuture>
@@ -13,10 +15,8 @@
 #include <QThread>
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 
 class RvoDataBlock;
 class RvoDiskHost;
@@ -104,17 +104,17 @@ private:
 
     RvoDiskHost &m_Host;
     const QString m_Root;
-    // Guards m_Queue, m_SubCache and m_Closing. Lock order: a leaf.
-    mutable std::mutex m_Lock;
+    // Lock order: a leaf (docs/ARCHITECTURE.md).
+    mutable RvoMutex m_Lock;
     // Signalled when a request is queued or taken, and on closeDown.
-    std::condition_variable m_Changed;
-    bool m_Closing = false;
-    QString m_SubCache;
+    RvoConditionVariable m_Changed;
+    bool m_Closing GUARDED_BY(m_Lock) = false;
+    QString m_SubCache GUARDED_BY(m_Lock);
     const int m_BucketCount;
     const int m_MaxRequests;
     std::atomic<int> m_RequestsHandled {0};
     std::atomic<qint64> m_BytesRead {0};
-    std::deque<Entry> m_Queue; // front first
+    std::deque<Entry> m_Queue GUARDED_BY(m_Lock); // front first
     std::atomic<bool> m_PromotionEnabled {false};
     std::atomic<qint64> m_PromotionCount {0};
     std::shared_ptr<RvoDiskUsage> m_DiskUsage; // set before start, then read only

@@ -7,6 +7,7 @@
 #include "RvoDiskHost_p.h"
 #include "RvoDiskLayout_p.h"
 #include "RvoDiskUsage_p.h"
+#include "RvoMutexLocker_p.h"
 
 #include <QDir>
 
@@ -24,6 +25,7 @@ RvoDataBlockManagerWriteThread::RvoDataBlockManagerWriteThread(RvoDiskHost &host
     , m_MaxRequests(maxRequests)
     , m_BucketCount(bucketCount)
 {
+    setObjectName(QStringLiteral("rvoddi-write")); // the thread's name, for top -H and debuggers
 }
 
 RvoDataBlockManagerWriteThread::~RvoDataBlockManagerWriteThread()
@@ -34,7 +36,7 @@ RvoDataBlockManagerWriteThread::~RvoDataBlockManagerWriteThread()
     }
     std::deque<Entry> dropped;
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         dropped.swap(m_Queue);
         m_BytesInQueue = 0;
         m_ParkedInQueue = 0;
@@ -87,7 +89,7 @@ void RvoDataBlockManagerWriteThread::writeBlock(RvoDataBlockManagerBase::Preload
                  {std::move(hash), block, deleteAfterWrite},
                  std::move(job)};
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         // The queue is sorted: insert after the last entry of a priority not
         // greater than this one (first come first served within a priority).
         auto position = m_Queue.end();
@@ -96,74 +98,78 @@ void RvoDataBlockManagerWriteThread::writeBlock(RvoDataBlockManagerBase::Preload
         m_Queue.insert(position, std::move(entry));
         m_BytesInQueue += block->size();
     }
-    m_Changed.notify_all();
+    m_Changed.notifyAll();
 }
 
 bool RvoDataBlockManagerWriteThread::isIdle() const
 {
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     return m_Queue.empty() && !m_Busy;
 }
 
 bool RvoDataBlockManagerWriteThread::canServiceRequests() const
 {
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     return m_Queue.size() < size_t(qMax(m_MaxRequests, 0));
 }
 
 int RvoDataBlockManagerWriteThread::requests() const
 {
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     return int(m_Queue.size());
 }
 
 qint64 RvoDataBlockManagerWriteThread::bytesInQueue() const
 {
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     return m_BytesInQueue;
 }
 
 void RvoDataBlockManagerWriteThread::flush()
 {
-    std::unique_lock<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     // Saves waiting for a retry are due now: a flush never waits out a pause.
     const quint64 serial = ++m_FlushSerial;
-    m_Changed.notify_all();
-    m_Changed.wait(locker, [this, serial] {
-        if (m_Closing || !isRunning())
-            return true;
-        if (m_Busy)
-            return false;
-        return std::all_of(m_Queue.begin(), m_Queue.end(),
-                           [serial](const Entry &entry) { return entry.triedInFlush >= serial; });
-    });
+    m_Changed.notifyAll();
+    while (!flushed(serial))
+        m_Changed.wait(m_Lock);
+}
+
+bool RvoDataBlockManagerWriteThread::flushed(quint64 serial) const
+{
+    if (m_Closing || !isRunning())
+        return true;
+    if (m_Busy)
+        return false;
+    return std::all_of(m_Queue.begin(), m_Queue.end(),
+                       [serial](const Entry &entry) { return entry.triedInFlush >= serial; });
 }
 
 void RvoDataBlockManagerWriteThread::closeDown()
 {
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         m_Closing = true;
     }
-    m_Changed.notify_all();
+    m_Changed.notifyAll();
 }
 
 void RvoDataBlockManagerWriteThread::setSubCache(const QString &name)
 {
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     m_SubCache = name;
 }
 
 QString RvoDataBlockManagerWriteThread::subCache() const
 {
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     return m_SubCache;
 }
 
 QList<QPair<int, RvoDataHash *>> RvoDataBlockManagerWriteThread::queuedRequests() const
 {
     QList<QPair<int, RvoDataHash *>> result;
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     for (const Entry &entry : m_Queue)
         result.append(qMakePair(entry.priority, entry.request.hash.data()));
     return result;
@@ -177,7 +183,7 @@ RvoDataBlock *RvoDataBlockManagerWriteThread::queuedCopy(const RvoDataHash *hash
     qint64 size = 0;
     bool compressed = false;
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         auto holds = [hash](const Entry &entry) {
             return entry.request.hash.data() == hash && entry.request.block;
         };
@@ -204,7 +210,7 @@ RvoDataBlock *RvoDataBlockManagerWriteThread::queuedCopy(const RvoDataHash *hash
 void RvoDataBlockManagerWriteThread::setRetryPauses(std::chrono::milliseconds first,
                                                     std::chrono::milliseconds longest)
 {
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     m_FirstRetryPause = first;
     m_LongestRetryPause = longest;
 }
@@ -271,7 +277,7 @@ void RvoDataBlockManagerWriteThread::retire(RvoDataBlockSaveRequest &request)
 
 void RvoDataBlockManagerWriteThread::run()
 {
-    std::unique_lock<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     for (;;) {
         std::deque<Entry> dropped;
         Clock::time_point wakeAt = Clock::time_point::max();
@@ -281,8 +287,8 @@ void RvoDataBlockManagerWriteThread::run()
             locker.unlock();
             for (Entry &entry : dropped)
                 retire(entry.request);
-            m_Changed.notify_all();
-            locker.lock();
+            m_Changed.notifyAll();
+            locker.relock();
             continue;
         }
         // Saves still queued now are not written: the manager flushes first.
@@ -294,10 +300,9 @@ void RvoDataBlockManagerWriteThread::run()
             // A clock step only moves one wake-up; due times are checked
             // again after it.
             if (wakeAt == Clock::time_point::max())
-                m_Changed.wait(locker);
+                m_Changed.wait(m_Lock);
             else
-                m_Changed.wait_until(locker,
-                                     std::chrono::system_clock::now() + (wakeAt - Clock::now()));
+                m_Changed.waitFor(m_Lock, wakeAt - Clock::now());
             continue;
         }
         Entry entry = std::move(*due);
@@ -309,18 +314,18 @@ void RvoDataBlockManagerWriteThread::run()
         m_Busy = true;
         m_Current = &entry;
         locker.unlock();
-        m_Changed.notify_all();
+        m_Changed.notifyAll();
 
         const RvoBlockSaver::Outcome outcome = handleRequest(entry.request, entry.job);
 
-        locker.lock();
+        locker.relock();
         m_Current = nullptr;
         if (outcome.refused) {
             const int waiting = int(m_Queue.size()) + 1;
             const bool episodeBegins = park(std::move(entry), outcome.attemptedAt);
             m_Busy = false;
             locker.unlock();
-            m_Changed.notify_all();
+            m_Changed.notifyAll();
             if (episodeBegins) {
                 rvoReport(outcome.report);
                 const QString message
@@ -330,7 +335,7 @@ void RvoDataBlockManagerWriteThread::run()
                 qCDebug(lcDdi, "%s", qPrintable(message));
                 RVODDI_LOG(RvoDdiLog::Information, message);
             }
-            locker.lock();
+            locker.relock();
             continue;
         }
         m_SavesRetired.fetch_add(1, std::memory_order_release);
@@ -350,9 +355,9 @@ void RvoDataBlockManagerWriteThread::run()
             qCDebug(lcDdi, "%s", qPrintable(message));
             RVODDI_LOG(RvoDdiLog::Information, message);
         }
-        locker.lock();
+        locker.relock();
         m_Busy = false;
-        m_Changed.notify_all();
+        m_Changed.notifyAll();
     }
 }
 

@@ -3,8 +3,10 @@
 
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockSaver_p.h"
+#include "RvoConditionVariable_p.h"
 #include "RvoDataBlockManagerBase.h"
 #include "RvoDataBlockSaveRequest_p.h"
+#include "RvoMutex_p.h"
 
 #include <QList>
 #include <QPair>
@@ -13,10 +15,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 
 class RvoDiskHost;
 class RvoDiskUsage;
@@ -137,45 +137,47 @@ private:
     void retire(RvoDataBlockSaveRequest &request);
     // The entry to save next, taken out of the queue, or the queue's end when
     // none is due; moves refused saves nobody else refers to into `dropped`
-    // and sets `wakeAt` to when the next refused save is due. Requires
-    // m_Lock.
-    std::deque<Entry>::iterator nextDue(std::deque<Entry> &dropped, Clock::time_point *wakeAt);
+    // and sets `wakeAt` to when the next refused save is due.
+    std::deque<Entry>::iterator nextDue(std::deque<Entry> &dropped, Clock::time_point *wakeAt)
+            REQUIRES(m_Lock);
     // Puts a refused save back in the queue, ahead of the saves of its
     // priority, to be tried after its pause. True when it begins an episode
     // of refusals (the caller reports it, without the lock): an attempt
     // begun before saves succeeded again (a background save that failed
-    // while the disk was still full) begins none. Requires m_Lock.
-    bool park(Entry &&entry, Clock::time_point attemptedAt);
+    // while the disk was still full) begins none.
+    bool park(Entry &&entry, Clock::time_point attemptedAt) REQUIRES(m_Lock);
+    // Whether a flush that began as `serial` may return.
+    bool flushed(quint64 serial) const REQUIRES(m_Lock);
 
     RvoDiskHost &m_Host;
     const QString m_Root;
-    // Guards m_SubCache, m_Queue, m_BytesInQueue, m_ParkedInQueue,
-    // m_Closing, m_Busy, m_Current, m_FlushSerial, m_RecoveredAt and the
-    // retry pauses.
-    // Lock order: a leaf (see RvoDataBlockManager.h).
-    mutable std::mutex m_Lock;
+    // Lock order: a leaf (docs/ARCHITECTURE.md).
+    mutable RvoMutex m_Lock;
     // Signalled when a save is queued, taken or finished, and on closeDown.
-    std::condition_variable m_Changed;
-    QString m_SubCache;
+    RvoConditionVariable m_Changed;
+    QString m_SubCache GUARDED_BY(m_Lock);
     const int m_MaxRequests;
     const int m_BucketCount;
-    bool m_Closing = false;
-    bool m_Busy = false; // a save taken from the queue is being written
-    const Entry *m_Current = nullptr; // that save, while m_Busy
-    quint64 m_FlushSerial = 0; // flushes begun; entries remember the last they saw
-    std::chrono::milliseconds m_FirstRetryPause {1000};
-    std::chrono::milliseconds m_LongestRetryPause {30000};
+    bool m_Closing GUARDED_BY(m_Lock) = false;
+    // A save taken from the queue is being written.
+    bool m_Busy GUARDED_BY(m_Lock) = false;
+    const Entry *m_Current GUARDED_BY(m_Lock) = nullptr; // that save, while m_Busy
+    // Flushes begun; entries remember the last they saw.
+    quint64 m_FlushSerial GUARDED_BY(m_Lock) = 0;
+    std::chrono::milliseconds m_FirstRetryPause GUARDED_BY(m_Lock) {1000};
+    std::chrono::milliseconds m_LongestRetryPause GUARDED_BY(m_Lock) {30000};
     std::atomic<bool> m_Refusing {false};
-    Clock::time_point m_RecoveredAt {}; // when saves last succeeded again
+    // When saves last succeeded again.
+    Clock::time_point m_RecoveredAt GUARDED_BY(m_Lock) {};
     std::atomic<int> m_RefusedAttempts {0};
     std::atomic<quint64> m_SavesRetired {0};
     std::atomic<int> m_RequestsHandled {0};
     std::atomic<qint64> m_BytesWritten {0};
-    qint64 m_BytesInQueue = 0;
+    qint64 m_BytesInQueue GUARDED_BY(m_Lock) = 0;
     // Queued saves that were refused before, so that a queue with none (the
     // usual case) is not searched for them on every save.
-    int m_ParkedInQueue = 0;
-    std::deque<Entry> m_Queue; // front first
+    int m_ParkedInQueue GUARDED_BY(m_Lock) = 0;
+    std::deque<Entry> m_Queue GUARDED_BY(m_Lock); // front first
     // The thread's own compressor, for the saves the background workers do
     // not do (no workers, exit, a sub-cache changed); used only by run().
     RvoBlockCodec m_Codec;

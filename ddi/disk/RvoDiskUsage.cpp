@@ -1,5 +1,7 @@
 #include "RvoDiskUsage_p.h"
 
+#include "RvoMutexLocker_p.h"
+
 #include <algorithm>
 
 void RvoDiskUsage::added(qint64 bytes)
@@ -37,18 +39,21 @@ bool RvoDiskUsage::trimDue() const
 void RvoDiskUsage::wake()
 {
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         m_Woken = true;
     }
-    m_Wake.notify_all();
+    m_Wake.notifyAll();
 }
 
 void RvoDiskUsage::sleep(std::chrono::milliseconds timeout)
 {
-    std::unique_lock<std::mutex> locker(m_Lock);
-    if (timeout.count() < 0)
-        m_Wake.wait(locker, [this] { return m_Woken; });
-    else
-        m_Wake.wait_for(locker, timeout, [this] { return m_Woken; });
+    RvoMutexLocker locker(m_Lock);
+    const auto deadline = std::chrono::system_clock::now() + timeout;
+    while (!m_Woken) {
+        if (timeout.count() < 0)
+            m_Wake.wait(m_Lock);
+        else if (!m_Wake.waitUntil(m_Lock, deadline))
+            break;
+    }
     m_Woken = false;
 }

@@ -1,12 +1,13 @@
 #ifndef RVODISKUSAGE_P_H
 #define RVODISKUSAGE_P_H
 
+#include "RvoConditionVariable_p.h"
+#include "RvoMutex_p.h"
+
 #include <QtGlobal>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 
 // The bytes of the block files under one cache root, as this process knows
 // them, against the root's share of the disk budget; and the wake-up of the
@@ -19,7 +20,7 @@
 //
 // Threading: every function may be called from any thread. The counts are
 // atomics; m_Lock guards m_Woken only and is a leaf of the library's lock
-// order (RvoDataBlockManager.h).
+// order (docs/ARCHITECTURE.md).
 class RvoDiskUsage
 {
 public:
@@ -54,10 +55,9 @@ private:
     std::atomic<bool> m_Known {false};
     std::atomic<qint64> m_Share {0};
     std::atomic<qint64> m_NextTrim {0};
-    // Guards m_Woken; a leaf.
-    std::mutex m_Lock;
-    std::condition_variable m_Wake;
-    bool m_Woken = false;
+    RvoMutex m_Lock;
+    RvoConditionVariable m_Wake;
+    bool m_Woken GUARDED_BY(m_Lock) = false;
 };
 
 #endif // RVODISKUSAGE_P_H

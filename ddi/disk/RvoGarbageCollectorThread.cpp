@@ -6,6 +6,9 @@
 #include "RvoDiskLayout_p.h"
 #include "RvoDiskUsage_p.h"
 #include "RvoHashManager.h"
+#include "RvoMutexLocker_p.h"
+#include "RvoReadLocker_p.h"
+#include "RvoWriteLocker_p.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -35,6 +38,7 @@ RvoGarbageCollectorThread::RvoGarbageCollectorThread(RvoDiskHost &host, const QS
     , m_BucketCount(bucketCount)
     , m_Usage(std::make_shared<RvoDiskUsage>())
 {
+    setObjectName(QStringLiteral("rvoddi-collect")); // the thread's name, for top -H and debuggers
 }
 
 RvoGarbageCollectorThread::~RvoGarbageCollectorThread()
@@ -76,7 +80,7 @@ void RvoGarbageCollectorThread::collect(const std::function<void()> &directoryVi
         return;
 
     {
-        std::unique_lock<std::shared_mutex> locker(m_Lock);
+        RvoWriteLocker locker(m_Lock);
         // Digests live in another process are unknown here: collect only
         // while no other process holds the sub-cache.
         const bool alone = m_SubCacheLock && m_SubCacheLock->tryUpgrade();
@@ -131,7 +135,7 @@ void RvoGarbageCollectorThread::trim()
     const qint64 share = m_Usage->share();
     if (share <= 0)
         return;
-    std::unique_lock<std::shared_mutex> locker(m_Lock);
+    RvoWriteLocker locker(m_Lock);
     RvoCacheScan::Options options;
     options.checkHeld = false;
     const RvoCacheScan::Root scan = RvoCacheScan::scanRoot(m_Root, options);
@@ -207,7 +211,7 @@ bool RvoGarbageCollectorThread::deleteIfDead(const QString &fileName, const QStr
 {
     // A live digest's file may be the only copy of its block. Asking and
     // deleting are one step against saves and reads that count on the file.
-    std::lock_guard<std::mutex> fileLocker(blockFileLock());
+    RvoMutexLocker fileLocker(blockFileLock());
     return !RvoHashManager::instance().isHashLive(fileName) && deleteBlock(path);
 }
 
@@ -230,7 +234,7 @@ void RvoGarbageCollectorThread::setShare(qint64 bytes)
 void RvoGarbageCollectorThread::setSubCache(const QString &name,
                                             std::unique_ptr<RvoSubCacheLock> lock)
 {
-    std::unique_lock<std::shared_mutex> locker(m_Lock);
+    RvoWriteLocker locker(m_Lock);
     m_SubCache = name;
     m_SubCacheLock = std::move(lock);
     m_ToldInUse = false;
@@ -238,7 +242,7 @@ void RvoGarbageCollectorThread::setSubCache(const QString &name,
 
 QString RvoGarbageCollectorThread::subCache() const
 {
-    std::shared_lock<std::shared_mutex> locker(m_Lock);
+    RvoReadLocker locker(m_Lock);
     return m_SubCache;
 }
 

@@ -1,6 +1,7 @@
 #ifndef RVOGARBAGECOLLECTORTHREAD_P_H
 #define RVOGARBAGECOLLECTORTHREAD_P_H
 
+#include "RvoSharedMutex_p.h"
 #include "RvoSubCacheLock_p.h"
 
 #include <QString>
@@ -9,7 +10,6 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <shared_mutex>
 
 class RvoDiskHost;
 class RvoDiskUsage;
@@ -93,14 +93,14 @@ private:
     RvoDiskHost &m_Host;
     const QString m_Root;
     // Held by a pass (exclusive: a pass turns m_SubCacheLock exclusive and
-    // back, which two passes must not do at once) and by setSubCache. Guards
-    // m_SubCache, m_SubCacheLock and m_ToldInUse. Lock order: after the
-    // delete lock, before the registry lock (RvoDataBlockManager.h).
-    mutable std::shared_mutex m_Lock;
+    // back, which two passes must not do at once) and by setSubCache. Lock
+    // order: after the delete lock, before the block-file lock and the
+    // registry lock (docs/ARCHITECTURE.md).
+    mutable RvoSharedMutex m_Lock;
     const int m_BucketCount; // as configured; a pass lists what is there
-    QString m_SubCache;
-    std::unique_ptr<RvoSubCacheLock> m_SubCacheLock;
-    bool m_ToldInUse = false; // the skipped pass was reported
+    QString m_SubCache GUARDED_BY(m_Lock);
+    std::unique_ptr<RvoSubCacheLock> m_SubCacheLock GUARDED_BY(m_Lock);
+    bool m_ToldInUse GUARDED_BY(m_Lock) = false; // the skipped pass was reported
     const std::shared_ptr<RvoDiskUsage> m_Usage; // also the thread's wake-up
     std::atomic<bool> m_Closing {false};
 };

@@ -5,6 +5,7 @@
 #include "RvoBufferPool_p.h"
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDiskLayout_p.h"
+#include "RvoMutexLocker_p.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -47,7 +48,7 @@ void becomeBackgroundWorker()
 // that no collector deletes the file on an older look at the registry.
 bool alreadySaved(const QString &directory, const QString &fileName)
 {
-    std::lock_guard<std::mutex> fileLocker(blockFileLock());
+    RvoMutexLocker fileLocker(blockFileLock());
     return QFile::exists(directory + QDir::separator() + fileName);
 }
 
@@ -86,13 +87,15 @@ RvoBlockSaver::RvoBlockSaver()
 
 RvoBlockSaver::~RvoBlockSaver()
 {
+    std::vector<std::thread> workers;
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         m_Stopping = true;
+        workers.swap(m_Workers);
     }
-    m_Queued.notify_all();
-    m_Finished.notify_all();
-    for (std::thread &worker : m_Workers)
+    m_Queued.notifyAll();
+    m_Finished.notifyAll();
+    for (std::thread &worker : workers)
         worker.join();
 }
 
@@ -110,7 +113,7 @@ RvoBlockSaver::JobPtr RvoBlockSaver::submit(const QByteArray &data, const QStrin
     job->directory = directory;
     job->fileName = fileName;
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         if (!m_Stopping && m_Workers.empty())
             startWorkers();
         // Exit has begun, or the system gave no threads: finish() saves on
@@ -121,7 +124,7 @@ RvoBlockSaver::JobPtr RvoBlockSaver::submit(const QByteArray &data, const QStrin
         }
         m_Jobs.push_back(job);
     }
-    m_Queued.notify_one();
+    m_Queued.notifyOne();
     return job;
 }
 
@@ -138,6 +141,12 @@ void RvoBlockSaver::startWorkers()
     }
 }
 
+bool RvoBlockSaver::settled(const Job &job) const
+{
+    return job.state == Job::Done || job.state == Job::Claimed
+            || (job.state == Job::Queued && m_Stopping);
+}
+
 QByteArray RvoBlockSaver::claim(Job &job)
 {
     job.state = Job::Claimed;
@@ -149,7 +158,7 @@ RvoBlockSaver::Outcome RvoBlockSaver::finish(const JobPtr &job, const QByteArray
                                              RvoBlockCodec &codec)
 {
     if (job) {
-        std::unique_lock<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         const bool sameFile = job->directory == directory && job->fileName == fileName;
         if (job->state == Job::Queued && sameFile && !m_Stopping) {
             // Wanted now: it goes before the jobs queued ahead of it.
@@ -164,10 +173,8 @@ RvoBlockSaver::Outcome RvoBlockSaver::finish(const JobPtr &job, const QByteArray
         // The caller waits for the workers rather than saving at its own
         // priority: saving stays background work even when the write thread
         // has caught up with it.
-        m_Finished.wait(locker, [this, &job] {
-            return job->state == Job::Done || job->state == Job::Claimed
-                    || (job->state == Job::Queued && m_Stopping);
-        });
+        while (!settled(*job))
+            m_Finished.wait(m_Lock);
         if (job->state == Job::Queued)
             claim(*job); // left behind at exit
         else if (job->state == Job::Done && sameFile)
@@ -182,10 +189,11 @@ void RvoBlockSaver::cancel(const JobPtr &job)
         return;
     QByteArray data; // released outside the lock
     {
-        std::unique_lock<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         // A save in progress is let finish: its caller may remove the
         // directory as soon as this returns.
-        m_Finished.wait(locker, [&job] { return job->state != Job::Running; });
+        while (job->state == Job::Running)
+            m_Finished.wait(m_Lock);
         if (job->state == Job::Queued)
             data = claim(*job);
     }
@@ -193,7 +201,7 @@ void RvoBlockSaver::cancel(const JobPtr &job)
 
 int RvoBlockSaver::pendingJobs() const
 {
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     int pending = 0;
     for (const JobPtr &job : m_Jobs)
         pending += job->state == Job::Queued ? 1 : 0;
@@ -205,9 +213,10 @@ void RvoBlockSaver::work()
     becomeBackgroundWorker();
     // One compressor per worker, kept for the thread's life.
     RvoBlockCodec codec;
-    std::unique_lock<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     for (;;) {
-        m_Queued.wait(locker, [this] { return m_Stopping || !m_Jobs.empty(); });
+        while (!m_Stopping && m_Jobs.empty())
+            m_Queued.wait(m_Lock);
         if (m_Stopping)
             return;
         JobPtr job = std::move(m_Jobs.front());
@@ -223,13 +232,13 @@ void RvoBlockSaver::work()
         const Outcome outcome = save(codec, data, directory, fileName);
         data = QByteArray();
 
-        locker.lock();
+        locker.relock();
         job->outcome = outcome;
         job->state = Job::Done;
         locker.unlock();
-        m_Finished.notify_all();
+        m_Finished.notifyAll();
         job.reset();
-        locker.lock();
+        locker.relock();
     }
 }
 
@@ -325,7 +334,7 @@ RvoBlockSaver::Outcome RvoBlockSaver::publish(const QString &directory, const QS
     // first, its file holds the same content and this copy goes. The file
     // met there counts as saved, so it is met under the block-file lock.
     const QString path = directory + QDir::separator() + fileName;
-    std::lock_guard<std::mutex> fileLocker(blockFileLock());
+    RvoMutexLocker fileLocker(blockFileLock());
     if (!file.rename(path)) {
         const QString renameError = file.errorString();
         QFile::remove(temporary);

@@ -1,14 +1,15 @@
 #ifndef RVOBLOCKSAVER_P_H
 #define RVOBLOCKSAVER_P_H
 
+#include "RvoConditionVariable_p.h"
+#include "RvoMutex_p.h"
+
 #include <QByteArray>
 #include <QString>
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -36,8 +37,8 @@ class RvoBlockCodec;
 // killed process leaves at most a stray temporary file.
 //
 // Threading: every function may be called from any thread. m_Lock guards
-// the job queue, every job's state and m_Stopping; it is a leaf of the
-// library's lock order (RvoDataBlockManager.h): nothing is called out of
+// the job queue, every job's fields and m_Stopping; it is a leaf of the
+// library's lock order (docs/ARCHITECTURE.md): nothing is called out of
 // this class while it is held.
 class RvoBlockSaver
 {
@@ -100,12 +101,13 @@ private:
     RvoBlockSaver();
     Q_DISABLE_COPY_MOVE(RvoBlockSaver)
 
-    // Starts one worker per core, or as many as the system gives. Requires
-    // m_Lock.
-    void startWorkers();
+    // Starts one worker per core, or as many as the system gives.
+    void startWorkers() REQUIRES(m_Lock);
     void work();
-    // Takes a job out of the workers' reach, with its bytes. Requires m_Lock.
-    static QByteArray claim(Job &job);
+    // Takes a job out of the workers' reach, with its bytes.
+    QByteArray claim(Job &job) REQUIRES(m_Lock);
+    // Whether a finish() of `job` is done waiting for the workers.
+    bool settled(const Job &job) const REQUIRES(m_Lock);
     // Writes the block file of a payload (length -1: the block could not be
     // compressed), creating its bucket directory. Reports a block that can
     // never be written; a refused save is left to the caller.
@@ -117,17 +119,18 @@ private:
     static Outcome publish(const QString &directory, const QString &fileName, qint64 size,
                            const char *payload, qint64 length);
 
-    // Guards m_Jobs, every job's fields, m_Stopping and m_Workers.
-    // Lock order: a leaf (see RvoDataBlockManager.h).
-    mutable std::mutex m_Lock;
+    // Guards m_Jobs, every job's fields (Job, in the .cpp file, cannot name
+    // this lock for the analysis), m_Stopping and m_Workers. Lock order: a
+    // leaf.
+    mutable RvoMutex m_Lock;
     // Signalled when a job is queued, and when stopping.
-    std::condition_variable m_Queued;
+    RvoConditionVariable m_Queued;
     // Signalled when a worker finishes a job and when stopping (finish()
     // and cancel() wait on it).
-    std::condition_variable m_Finished;
-    std::deque<JobPtr> m_Jobs;
-    std::vector<std::thread> m_Workers;
-    bool m_Stopping = false;
+    RvoConditionVariable m_Finished;
+    std::deque<JobPtr> m_Jobs GUARDED_BY(m_Lock);
+    std::vector<std::thread> m_Workers GUARDED_BY(m_Lock);
+    bool m_Stopping GUARDED_BY(m_Lock) = false;
 };
 
 #endif // RVOBLOCKSAVER_P_H

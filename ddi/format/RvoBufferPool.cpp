@@ -1,5 +1,7 @@
 #include "RvoBufferPool_p.h"
 
+#include "RvoMutexLocker_p.h"
+
 RvoBufferPool &RvoBufferPool::instance()
 {
     static RvoBufferPool pool;
@@ -11,7 +13,7 @@ RvoBufferPool::Buffer RvoBufferPool::acquire(qint64 size)
     if (size < 0)
         return Buffer();
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         for (auto it = m_Free.begin(); it != m_Free.end(); ++it) {
             if (it->m_Capacity >= size) {
                 Buffer buffer = std::move(*it);
@@ -35,7 +37,7 @@ void RvoBufferPool::release(Buffer buffer)
 {
     if (buffer.isNull() || buffer.m_Capacity > kMaxKeptCapacity)
         return;
-    std::lock_guard<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     if (m_Free.size() < kMaxKept)
         m_Free.push_back(std::move(buffer));
 }

@@ -1,11 +1,12 @@
 #ifndef RVOBUFFERPOOL_P_H
 #define RVOBUFFERPOOL_P_H
 
+#include "RvoMutex_p.h"
+
 #include <QtGlobal>
 
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 // 64-byte-aligned buffers for block files on their way to and from the disk,
@@ -55,9 +56,9 @@ private:
     // Larger buffers are freed rather than hoarded.
     static constexpr qint64 kMaxKeptCapacity = 16 * 1024 * 1024;
 
-    // Guards m_Free. Lock order: a leaf (see RvoDataBlockManager.h).
-    std::mutex m_Lock;
-    std::vector<Buffer> m_Free;
+    // Lock order: a leaf (docs/ARCHITECTURE.md).
+    RvoMutex m_Lock;
+    std::vector<Buffer> m_Free GUARDED_BY(m_Lock);
 };
 
 #endif // RVOBUFFERPOOL_P_H

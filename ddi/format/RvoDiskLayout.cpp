@@ -38,9 +38,9 @@ int rootIndex(const QString &hashText, int rootCount)
     return sum % rootCount;
 }
 
-std::mutex &blockFileLock()
+RvoMutex &blockFileLock()
 {
-    static std::mutex lock;
+    static RvoMutex lock;
     return lock;
 }
 

@@ -9,10 +9,10 @@
 // roots, sub-cache name and bucket count; it never changes. What a block
 // file holds is RvoBlockFile's.
 
+#include "RvoMutex_p.h"
+
 #include <QString>
 #include <QtGlobal>
-
-#include <mutex>
 
 class RvoDataHash;
 
@@ -49,8 +49,8 @@ bool isTemporaryFileName(const char *fileName, qsizetype length);
 // could ask just before a digest is interned again and delete just after a
 // save counted on the file: the block would be freed as saved and lost.
 // Lock order: after a digest's lock and a collector thread's lock, before
-// the registry lock (RvoDataBlockManager.h); a holder takes no other lock
+// the registry lock (docs/ARCHITECTURE.md); a holder takes no other lock
 // but the registry's (a collector, asking whether a digest is live).
-std::mutex &blockFileLock();
+RvoMutex &blockFileLock();
 
 #endif // RVODISKLAYOUT_P_H

@@ -72,21 +72,23 @@ private:
     RvoHashManager();
     ~RvoHashManager();
 
-    // Interns `fresh` (owned by the call). REQUIRES: m_Lock not held.
-    RvoSmartPointer<RvoDataHash> intern(RvoDataHash *fresh, bool countRequest);
+    // Interns `fresh` (owned by the call).
+    RvoSmartPointer<RvoDataHash> intern(RvoDataHash *fresh, bool countRequest)
+            RVODDI_THREAD_ANNOTATION(locks_excluded(m_Lock));
     // A counted pointer to every registered digest, pinned by bare
-    // increments under the lock. REQUIRES: m_Lock not held.
-    QList<RvoSmartPointer<RvoDataHash>> pinAll() const;
+    // increments under the lock.
+    QList<RvoSmartPointer<RvoDataHash>> pinAll() const
+            RVODDI_THREAD_ANNOTATION(locks_excluded(m_Lock));
 
-    QSet<RvoHashHandle> m_Table;
-    // Statistics, changed under m_Lock.
-    int m_Requests = 0;
-    int m_Hits = 0;
-    int m_Misses = 0;
-    int m_Removes = 0;
-    // Guards m_Table and the statistics. Lock order: after any digest's own
-    // lock; while it is held no digest lock is ever taken.
+    // Lock order: after any digest's own lock; while it is held no digest
+    // lock is ever taken (docs/ARCHITECTURE.md).
     mutable RvoDdiMutex m_Lock {0, RvoDdiMutex::Recursive};
+    QSet<RvoHashHandle> m_Table RVODDI_THREAD_ANNOTATION(guarded_by(m_Lock));
+    // Statistics.
+    int m_Requests RVODDI_THREAD_ANNOTATION(guarded_by(m_Lock)) = 0;
+    int m_Hits RVODDI_THREAD_ANNOTATION(guarded_by(m_Lock)) = 0;
+    int m_Misses RVODDI_THREAD_ANNOTATION(guarded_by(m_Lock)) = 0;
+    int m_Removes RVODDI_THREAD_ANNOTATION(guarded_by(m_Lock)) = 0;
 };
 
 #endif // RVOHASHMANAGER_H

@@ -537,6 +537,7 @@ RvoDataReference RvoDataBlockManager::addBlock(RvoDataBlock *block,
 
 RvoDataBlock *RvoDataBlockManager::getDataBlock(RvoDataHash *hash)
 {
+    d->assertDeletesLocked();
     return d->getDataBlock(hash);
 }
 

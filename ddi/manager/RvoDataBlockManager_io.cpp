@@ -104,7 +104,8 @@ void RvoDataBlockManager::Private::flush(bool writeAll, ThreadType threads)
     if (writeAll) {
         {
             RvoDdiMutexLocker locker(&m_DeleteLock);
-            m_Blocks->forEach([this](RvoDataHash *hash, RvoDataBlock *block) {
+            const QVector<RvoDataBlockManagerWriteThread *> writers = m_WriteThreads;
+            m_Blocks->forEach([this, &writers](RvoDataHash *hash, RvoDataBlock *block) {
                 if (!hash) {
                     rvoReport(QStringLiteral("Null Value in Hash to Block Map"));
                     return;
@@ -112,9 +113,9 @@ void RvoDataBlockManager::Private::flush(bool writeAll, ThreadType threads)
                 if (hash->isDontCache() || block->cached())
                     return;
                 const int index = cacheIndex(hash);
-                if (index >= 0 && index < m_WriteThreads.size()) {
-                    m_WriteThreads.at(index)->writeBlock(
-                            PreloadNormal, RvoSmartPointer<RvoDataHash>(hash), block, false);
+                if (index >= 0 && index < writers.size()) {
+                    writers.at(index)->writeBlock(PreloadNormal, RvoSmartPointer<RvoDataHash>(hash),
+                                                  block, false);
                 }
             });
         }

@@ -73,7 +73,7 @@ public:
     RvoDataReference addBlock(RvoDataBlock *block, RvoModifyAccessor::Caching caching,
                               bool synchronous) override;
     RvoDataReference getReference(RvoDataHash *hash) override;
-    RvoDataBlock *getDataBlock(RvoDataHash *hash) override;
+    RvoDataBlock *getDataBlock(RvoDataHash *hash) override REQUIRES(m_DeleteLock);
     void makeBlockLive(RvoDataHash *hash, RvoDataBlock *block) override;
     void blockUsed(RvoDataHash *hash);
     bool isInMemory(RvoDataHash *hash) override;
@@ -122,6 +122,9 @@ public:
     // RvoBlockStore.
     void lockDeletes() override ACQUIRE(m_DeleteLock) { m_DeleteLock.lock(); }
     void unlockDeletes() override RELEASE(m_DeleteLock) { m_DeleteLock.unlock(); }
+    // For the analysis: the caller holds the delete lock through an
+    // RvoDataDeleteLocker, whose lock it cannot see.
+    void assertDeletesLocked() const ASSERT_CAPABILITY(m_DeleteLock) { }
     qint64 maxDataCacheSize() const override
     {
         return m_MaxDataCacheSize.load(std::memory_order_relaxed);

@@ -1,8 +1,10 @@
 #ifndef RVOCONNECTIONPOOL_P_H
 #define RVOCONNECTIONPOOL_P_H
 
+#include "RvoMutexLocker_p.h"
+#include "RvoMutex_p.h"
+
 #include <memory>
-#include <mutex>
 #include <vector>
 
 // The idle connections of one remote client, kept for the next call so that
@@ -26,7 +28,7 @@ public:
     // The most recently given back connection, or null when none is idle.
     Handle take()
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         if (m_Idle.empty())
             return Handle();
         Handle handle = std::move(m_Idle.back());
@@ -39,7 +41,7 @@ public:
     void give(Handle handle)
     {
         {
-            std::lock_guard<std::mutex> locker(m_Lock);
+            RvoMutexLocker locker(m_Lock);
             if (m_Idle.size() < kMaxIdle) {
                 m_Idle.push_back(std::move(handle));
                 return;
@@ -52,9 +54,9 @@ private:
     // Idle connections kept: the upload threads and readers of a few roots.
     static constexpr size_t kMaxIdle = 8;
 
-    // Guards m_Idle. Lock order: a leaf (see RvoDataBlockManager.h).
-    std::mutex m_Lock;
-    std::vector<Handle> m_Idle;
+    // Lock order: a leaf (docs/ARCHITECTURE.md).
+    RvoMutex m_Lock;
+    std::vector<Handle> m_Idle GUARDED_BY(m_Lock);
 };
 
 #endif // RVOCONNECTIONPOOL_P_H

@@ -2,6 +2,7 @@
 
 #include "RvoDdiDiagnostics_p.h"
 #include "RvoDdiLog.h"
+#include "RvoMutexLocker_p.h"
 
 #include <QFile>
 
@@ -78,13 +79,15 @@ RvoRemote::RvoRemote(const RvoRemoteSpec::Remote &spec)
 
 RvoRemote::~RvoRemote()
 {
+    std::thread uploader;
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         m_Stopping = true;
+        uploader.swap(m_Uploader);
     }
-    m_Changed.notify_all();
-    if (m_Uploader.joinable())
-        m_Uploader.join();
+    m_Changed.notifyAll();
+    if (uploader.joinable())
+        uploader.join();
 }
 
 void RvoRemote::setPause(std::chrono::milliseconds pause)
@@ -191,7 +194,7 @@ void RvoRemote::upload(const QString &path, const QString &name, qint64 bytes)
     if (m_ReadOnly || m_Servers.empty())
         return;
     {
-        std::lock_guard<std::mutex> locker(m_Lock);
+        RvoMutexLocker locker(m_Lock);
         if (m_Stopping)
             return;
         if (m_QueuedBytes + bytes > m_UploadLimit) {
@@ -203,21 +206,25 @@ void RvoRemote::upload(const QString &path, const QString &name, qint64 bytes)
         if (!m_Uploader.joinable())
             m_Uploader = std::thread([this] { uploadLoop(); });
     }
-    m_Changed.notify_all();
+    m_Changed.notifyAll();
 }
 
 void RvoRemote::flush()
 {
-    std::unique_lock<std::mutex> locker(m_Lock);
-    m_Changed.wait(locker, [this] {
-        if (m_Stopping || !m_Uploader.joinable())
-            return true;
-        if (m_Busy)
-            return false;
-        const qint64 now = nowMs();
-        return std::none_of(m_Uploads.begin(), m_Uploads.end(),
-                            [this, now](const Upload &u) { return available(u.server, now); });
-    });
+    RvoMutexLocker locker(m_Lock);
+    while (!flushed())
+        m_Changed.wait(m_Lock);
+}
+
+bool RvoRemote::flushed() const
+{
+    if (m_Stopping || !m_Uploader.joinable())
+        return true;
+    if (m_Busy)
+        return false;
+    const qint64 now = nowMs();
+    return std::none_of(m_Uploads.begin(), m_Uploads.end(),
+                        [this, now](const Upload &u) { return available(u.server, now); });
 }
 
 bool RvoRemote::send(const Upload &upload)
@@ -248,7 +255,7 @@ bool RvoRemote::send(const Upload &upload)
 void RvoRemote::uploadLoop()
 {
     becomeBackgroundUploader();
-    std::unique_lock<std::mutex> locker(m_Lock);
+    RvoMutexLocker locker(m_Lock);
     while (!m_Stopping) {
         const qint64 now = nowMs();
         qint64 wakeAt = std::numeric_limits<qint64>::max();
@@ -264,11 +271,9 @@ void RvoRemote::uploadLoop()
             // The deadline is on the system clock, which ThreadSanitizer sees
             // (as in the write threads).
             if (wakeAt == std::numeric_limits<qint64>::max())
-                m_Changed.wait(locker);
+                m_Changed.wait(m_Lock);
             else
-                m_Changed.wait_until(locker,
-                                     std::chrono::system_clock::now()
-                                             + std::chrono::milliseconds(wakeAt - now));
+                m_Changed.waitFor(m_Lock, std::chrono::milliseconds(wakeAt - now));
             continue;
         }
         const Upload upload = *next;
@@ -276,15 +281,15 @@ void RvoRemote::uploadLoop()
         m_Busy = true;
         locker.unlock();
         const bool done = send(upload);
-        locker.lock();
+        locker.relock();
         m_Busy = false;
         if (done)
             m_QueuedBytes -= upload.bytes;
         else
             m_Uploads.push_front(upload); // waits for its server's pause to end
         locker.unlock();
-        m_Changed.notify_all();
-        locker.lock();
+        m_Changed.notifyAll();
+        locker.relock();
     }
 }
 

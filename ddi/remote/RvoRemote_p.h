@@ -1,6 +1,8 @@
 #ifndef RVOREMOTE_P_H
 #define RVOREMOTE_P_H
 
+#include "RvoConditionVariable_p.h"
+#include "RvoMutex_p.h"
 #include "RvoRemoteClient_p.h"
 #include "RvoRemoteSpec_p.h"
 
@@ -9,10 +11,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -109,6 +109,8 @@ private:
     void answered(int server);
     // Sends one file. False when the server failed (the upload waits).
     bool send(const Upload &upload);
+    // Nothing is queued for an available server and nothing is under way.
+    bool flushed() const REQUIRES(m_Lock);
     void uploadLoop();
 
     const QString m_Text;
@@ -124,16 +126,16 @@ private:
     std::atomic<qint64> m_BytesWritten {0};
     std::atomic<qint64> m_UploadsSkipped {0};
 
-    // Guards m_Uploads, m_QueuedBytes, m_Busy and m_Stopping. Lock order: a
-    // leaf (see RvoDataBlockManager.h).
-    mutable std::mutex m_Lock;
+    // Lock order: a leaf (docs/ARCHITECTURE.md).
+    mutable RvoMutex m_Lock;
     // Signalled when an upload is queued or finished, and when stopping.
-    std::condition_variable m_Changed;
-    std::deque<Upload> m_Uploads; // front first
-    qint64 m_QueuedBytes = 0; // queued and under way
-    bool m_Busy = false; // an upload is under way
-    bool m_Stopping = false;
-    std::thread m_Uploader; // started with the first upload
+    RvoConditionVariable m_Changed;
+    std::deque<Upload> m_Uploads GUARDED_BY(m_Lock); // front first
+    qint64 m_QueuedBytes GUARDED_BY(m_Lock) = 0; // queued and under way
+    bool m_Busy GUARDED_BY(m_Lock) = false; // an upload is under way
+    bool m_Stopping GUARDED_BY(m_Lock) = false;
+    // Started with the first upload.
+    std::thread m_Uploader GUARDED_BY(m_Lock);
 };
 
 #endif // RVOREMOTE_P_H

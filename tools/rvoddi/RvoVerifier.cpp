@@ -1,6 +1,8 @@
 #include "RvoVerifier.h"
 
 #include "RvoBlockCodec_p.h"
+#include "RvoConditionVariable_p.h"
+#include "RvoMutexLocker_p.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -8,11 +10,23 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <ctime>
-#include <mutex>
 #include <thread>
 #include <vector>
+
+namespace {
+
+// The workers' count and CPU times; the calling thread waits on `finished`
+// for the count to reach 0. No other lock is taken while `lock` is held.
+struct Workers
+{
+    RvoMutex lock;
+    RvoConditionVariable finished;
+    int running GUARDED_BY(lock) = 0;
+    QVector<double> cpuSeconds GUARDED_BY(lock);
+};
+
+} // namespace
 
 RvoVerifier::Result RvoVerifier::run(const QVector<QString> &paths, const QVector<qint64> &lengths,
                                      int jobs, const std::function<void(qint64, qint64)> &progress)
@@ -26,12 +40,12 @@ RvoVerifier::Result RvoVerifier::run(const QVector<QString> &paths, const QVecto
     std::vector<qint64> sizes(size_t(count), -1);
     std::vector<QString> errors(static_cast<size_t>(count));
 
-    QVector<double> threadCpuSeconds;
-    // Guards `running` and `threadCpuSeconds`; the calling thread waits on `finished` for it to
-    // reach 0. No other lock is taken while it is held.
-    std::mutex lock;
-    std::condition_variable finished;
-    int running = qBound(1, jobs, int(qMax<qsizetype>(count, 1)));
+    Workers workers;
+    const int threadCount = qBound(1, jobs, int(qMax<qsizetype>(count, 1)));
+    {
+        RvoMutexLocker guard(workers.lock);
+        workers.running = threadCount;
+    }
 
     auto work = [&] {
         RvoBlockCodec codec;
@@ -49,30 +63,30 @@ RvoVerifier::Result RvoVerifier::run(const QVector<QString> &paths, const QVecto
         }
         struct timespec cpu;
         ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
-        std::lock_guard<std::mutex> guard(lock);
-        threadCpuSeconds.append(double(cpu.tv_sec) + double(cpu.tv_nsec) / 1e9);
-        if (--running == 0)
-            finished.notify_all();
+        RvoMutexLocker guard(workers.lock);
+        workers.cpuSeconds.append(double(cpu.tv_sec) + double(cpu.tv_nsec) / 1e9);
+        if (--workers.running == 0)
+            workers.finished.notifyAll();
     };
     std::vector<std::thread> threads;
-    for (int i = running; i > 0; --i)
+    for (int i = threadCount; i > 0; --i)
         threads.emplace_back(work);
+    Result result;
     {
-        std::unique_lock<std::mutex> guard(lock);
-        while (!finished.wait_for(guard, std::chrono::milliseconds(100),
-                                  [&] { return running == 0; })) {
-            if (progress)
+        RvoMutexLocker guard(workers.lock);
+        while (workers.running > 0) {
+            workers.finished.waitFor(workers.lock, std::chrono::milliseconds(100));
+            if (workers.running > 0 && progress)
                 progress(doneCount.load(std::memory_order_relaxed),
                          doneBytes.load(std::memory_order_relaxed));
         }
+        result.threadCpuSeconds = workers.cpuSeconds;
     }
     for (std::thread &thread : threads)
         thread.join();
     if (progress)
         progress(doneCount.load(), doneBytes.load());
 
-    Result result;
-    result.threadCpuSeconds = threadCpuSeconds;
     for (qsizetype i = 0; i < count; ++i) {
         const RvoBlockFile::Fault fault = faults[size_t(i)];
         // A file deleted since the walk is not a bad file.
