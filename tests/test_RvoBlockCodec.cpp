@@ -2,6 +2,8 @@
 
 #include "../bench/support/ImageTiles.h"
 
+#include <QtEndian>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -54,12 +56,6 @@ std::vector<char> exactCopy(const QByteArray &bytes, qint64 length)
     return std::vector<char>(bytes.constData(), bytes.constData() + length);
 }
 
-quint32 headerOf(const QByteArray &payload)
-{
-    const auto *p = reinterpret_cast<const unsigned char *>(payload.constData());
-    return quint32(p[0]) << 24 | quint32(p[1]) << 16 | quint32(p[2]) << 8 | quint32(p[3]);
-}
-
 QByteArray withHeader(QByteArray payload, quint32 length)
 {
     payload[0] = char(length >> 24);
@@ -85,8 +81,8 @@ testing::AssertionResult refused(RvoBlockCodec &codec, const QByteArray &payload
 
 } // namespace
 
-// Our payloads are qUncompress's format, whichever library wrote them, and
-// qCompress's at any level decode.
+// Our payloads are qUncompress's format (a big-endian length, then a zlib
+// stream), whichever library wrote them, and qCompress's at any level decode.
 TEST(RvoBlockCodec, RoundTripsKeepEveryByteAndMatchQtsFormat)
 {
     for (const Encoder encoder : Encoders)
@@ -95,55 +91,35 @@ TEST(RvoBlockCodec, RoundTripsKeepEveryByteAndMatchQtsFormat)
             RvoBlockCodec codec(encoder);
             const QByteArray payload = codec.compress(block.constData(), block.size());
             ASSERT_FALSE(payload.isNull());
-            EXPECT_EQ(headerOf(payload), quint32(block.size()));
+            EXPECT_EQ(payload.left(4), withHeader(QByteArray(4, 0), quint32(block.size())));
             EXPECT_TRUE(qUncompress(payload) == block);
             for (const QByteArray &encoded :
                  {payload, qCompress(block, -1), qCompress(block, 2), qCompress(block, 9)}) {
                 const std::vector<char> copy = exactCopy(encoded, encoded.size());
-                QByteArray out;
+                QByteArray out("stale contents");
                 ASSERT_TRUE(codec.uncompress(copy.data(), encoded.size(), block.size(), &out));
                 EXPECT_EQ(out.size(), block.size());
                 EXPECT_TRUE(out == block);
             }
         }
+    EXPECT_EQ(RvoBlockCodec().compress(nullptr, 0), QByteArray(4, '\0')) << "no bytes anywhere";
 }
 
-TEST(RvoBlockCodec, PayloadIsABigEndianLengthThenAZlibStreamOrFourZeroBytes)
+TEST(RvoBlockCodec, PayloadKeepsNoWorstCaseSlackAndDecodesInPlace)
 {
-    for (const Encoder encoder : Encoders) {
-        SCOPED_TRACE(nameOf(encoder));
-        RvoBlockCodec codec(encoder);
-        const QByteArray block = textBytes(0x010203);
-        const QByteArray payload = codec.compress(block.constData(), block.size());
-        ASSERT_GT(payload.size(), 4);
-        EXPECT_EQ(payload.left(4), QByteArray::fromHex("00010203"));
-        // A zlib header: deflate with a 32 KiB window, header checksum valid.
-        EXPECT_EQ(payload[4], char(0x78));
-        EXPECT_EQ((quint8(payload[4]) * 256 + quint8(payload[5])) % 31, 0);
-
-        const char byte = 'x';
-        EXPECT_EQ(codec.compress(&byte, 0), QByteArray(4, '\0'));
-        EXPECT_EQ(codec.compress(nullptr, 0), qCompress(QByteArray(), 2));
-        const std::vector<char> empty(4, '\0');
-        QByteArray out("stale contents");
-        EXPECT_TRUE(codec.uncompress(empty.data(), 4, 0, &out));
-        EXPECT_TRUE(out.isEmpty());
-    }
+    RvoBlockCodec codec;
+    const QByteArray tile = makeImageLikeTile(7);
+    QByteArray buffer = codec.compress(tile.constData(), tile.size());
+    ASSERT_LT(buffer.size(), tile.size() / 2);
+    EXPECT_LT(buffer.capacity(), buffer.size() + 64);
+    ASSERT_TRUE(codec.uncompress(buffer.constData(), buffer.size(), tile.size(), &buffer));
+    EXPECT_TRUE(buffer == tile);
 }
 
 // The bound is what the worst case needs, and compress() writes nothing
-// beyond the capacity it is given, even when it runs out of room; a payload
-// keeps no worst-case slack and decodes in place.
-TEST(RvoBlockCodec, CompressStaysInsideItsCapacityAndItsPayloadKeepsNoSlack)
+// beyond the capacity it is given, even when it runs out of room.
+TEST(RvoBlockCodec, CompressWritesNothingBeyondItsCapacity)
 {
-    RvoBlockCodec defaultCodec;
-    const QByteArray tile = makeImageLikeTile(7);
-    QByteArray buffer = defaultCodec.compress(tile.constData(), tile.size());
-    ASSERT_LT(buffer.size(), tile.size() / 2);
-    EXPECT_LT(buffer.capacity(), buffer.size() + 64);
-    ASSERT_TRUE(defaultCodec.uncompress(buffer.constData(), buffer.size(), tile.size(), &buffer));
-    EXPECT_TRUE(buffer == tile);
-
     constexpr char Canary = 0x5A;
     for (const Encoder encoder : Encoders)
         for (const QByteArray &block : {randomBytes(1024 * 1024, 7), makeImageLikeTile(2)}) {
@@ -167,30 +143,43 @@ TEST(RvoBlockCodec, CompressStaysInsideItsCapacityAndItsPayloadKeepsNoSlack)
         }
 }
 
-// A cut or damaged payload never decodes to other bytes than were written.
-// The checksum refuses almost every flip; a flipped bit may still leave the
-// output unchanged (a match distance that points at identical pixels, say),
-// and then the bytes handed out are the block's own.
-TEST(RvoBlockCodec, TruncatedPayloadIsRefusedAFlippedByteRefusedOrChangesNothing)
+// A short text's payload and an image tile's, made by the default codec.
+class RvoBlockCodecDamage : public ::testing::Test
 {
+protected:
+    void SetUp() override
+    {
+        ASSERT_GT(smallPayload.size(), 10);
+        ASSERT_GT(payload.size(), 8192);
+    }
+
     RvoBlockCodec codec;
     const QByteArray small = textBytes(255);
     const QByteArray smallPayload = codec.compress(small.constData(), small.size());
-    ASSERT_GT(smallPayload.size(), 10);
+    const QByteArray tile = makeImageLikeTile(6);
+    const QByteArray payload = codec.compress(tile.constData(), tile.size());
+};
+
+TEST_F(RvoBlockCodecDamage, CutPayloadIsRefused)
+{
     for (int length = 0; length < smallPayload.size(); ++length)
         EXPECT_TRUE(refused(codec, smallPayload, length, small.size())) << "prefix " << length;
+    const int n = int(payload.size());
+    for (int length : {4, 5, 6, 7, 100, n / 4, n / 2, n - 4096, n - 5, n - 4, n - 1})
+        EXPECT_TRUE(refused(codec, payload, length, tile.size())) << "cut at " << length;
+}
+
+// A damaged payload never decodes to other bytes than were written. The
+// checksum refuses almost every flip; a flipped bit may still leave the
+// output unchanged (a match distance that points at identical pixels, say),
+// and then the bytes handed out are the block's own.
+TEST_F(RvoBlockCodecDamage, FlippedByteIsRefusedOrChangesNothing)
+{
     for (int i = 4; i < smallPayload.size(); ++i) {
         QByteArray bad = smallPayload;
         bad[i] = char(bad[i] ^ 0xFF);
         EXPECT_TRUE(refused(codec, bad, bad.size(), small.size())) << "byte " << i;
     }
-
-    const QByteArray tile = makeImageLikeTile(6);
-    const QByteArray payload = codec.compress(tile.constData(), tile.size());
-    const int n = int(payload.size());
-    ASSERT_GT(n, 8192);
-    for (int length : {4, 5, 6, 7, 100, n / 4, n / 2, n - 4096, n - 5, n - 4, n - 1})
-        EXPECT_TRUE(refused(codec, payload, length, tile.size())) << "cut at " << length;
     int refusals = 0;
     int flips = 0;
     for (int i = 4; i < payload.size(); i += 509, ++flips) {
@@ -211,9 +200,8 @@ TEST(RvoBlockCodec, TruncatedPayloadIsRefusedAFlippedByteRefusedOrChangesNothing
     EXPECT_TRUE(refused(codec, badSum, badSum.size(), tile.size()));
 }
 
-// The length field, the caller's expected size and the stream must all agree,
-// and sizes that cannot be are refused before anything is read.
-TEST(RvoBlockCodec, PayloadThatDisagreesWithItsLengthOrTheCallerOrAnImpossibleSizeIsRefused)
+// The length field, the caller's expected size and the stream must all agree.
+TEST(RvoBlockCodec, PayloadThatDisagreesWithItsSizeIsRefused)
 {
     RvoBlockCodec codec;
     const QByteArray block = textBytes(1000);
@@ -240,8 +228,13 @@ TEST(RvoBlockCodec, PayloadThatDisagreesWithItsLengthOrTheCallerOrAnImpossibleSi
     EXPECT_TRUE(refused(codec, withHeader(payload, 0), payload.size(), 0));
     const QByteArray emptyStream = QByteArray::fromHex("00000000789c030000000001");
     EXPECT_TRUE(refused(codec, emptyStream, emptyStream.size(), 0));
+}
 
-    // Impossible sizes are refused without reading.
+TEST(RvoBlockCodec, ImpossibleSizesAreRefusedWithoutReading)
+{
+    RvoBlockCodec codec;
+    const QByteArray block = textBytes(1000);
+    const QByteArray payload = codec.compress(block.constData(), block.size());
     const QByteArray zeros(4, '\0');
     for (int length = 0; length < 4; ++length)
         EXPECT_TRUE(refused(codec, zeros, length, 0)) << length;
@@ -287,5 +280,112 @@ TEST(RvoBlockCodec, TilesStayWithinFivePercentOfZlibLevel2)
                     << nameOf(encoder) << " level " << RvoBlockCodec::level(encoder) << ": " << ours
                     << " bytes against " << zlib;
         }
+    }
+}
+
+namespace {
+
+using Setting = RvoBlockCodecSetting;
+// Every writer: LZ4 and Zstandard as set by name, and unshuffled or with
+// other elements, which readers must read as well.
+const Setting Settings[] = {Setting::zlib(),
+                            Setting::lz4(),
+                            Setting::lz4().withShuffle(1),
+                            Setting::lz4().withShuffle(4),
+                            Setting::zstd(),
+                            Setting::zstd(-5).withShuffle(1),
+                            Setting::zstd(3).withShuffle(3)};
+
+} // namespace
+
+// Whatever wrote a payload, one reader with any setting reads it back.
+TEST(RvoBlockCodec, EveryCodecRoundTripsEveryKindOfTile)
+{
+    RvoBlockCodec reader(Setting::zstd());
+    for (const Setting &setting : Settings)
+        for (const QByteArray &block :
+             {QByteArray(), QByteArray(1, 'x'), textBytes(1027), makeImageLikeTile(1),
+              makePhotoLikeTile(2), makeHalfFloatTile(3), randomBytes(1024 * 1024, 5)}) {
+            SCOPED_TRACE(testing::Message()
+                         << setting.toString().toStdString() << "/" << setting.shuffle() << ", "
+                         << block.size() << " bytes");
+            RvoBlockCodec codec(setting);
+            const QByteArray payload = codec.compress(block.constData(), block.size());
+            ASSERT_FALSE(payload.isNull());
+            EXPECT_EQ(qFromBigEndian<quint32>(payload.constData()), quint32(block.size()));
+            Setting::Kind kind = Setting::Zstd;
+            EXPECT_TRUE(RvoBlockCodec::kindOf(payload.constData(), payload.size(), &kind));
+            EXPECT_EQ(kind, block.isEmpty() ? Setting::Zlib : setting.kind());
+            const std::vector<char> copy = exactCopy(payload, payload.size());
+            QByteArray out;
+            ASSERT_TRUE(reader.uncompress(copy.data(), payload.size(), block.size(), &out));
+            EXPECT_TRUE(out == block);
+        }
+}
+
+// A damaged LZ4 or Zstandard payload never hands out other bytes than were
+// written: cut anywhere, a size that disagrees with the frame's or block's,
+// a byte changed anywhere (the checksum covers the block as handed out), or
+// the other codec's tag.
+TEST(RvoBlockCodec, DamagedLz4AndZstdPayloadsAreRefused)
+{
+    RvoBlockCodec reader;
+    const QByteArray tile = makeImageLikeTile(4);
+    for (const Setting &setting : {Setting::lz4(), Setting::zstd()}) {
+        SCOPED_TRACE(setting.toString().toStdString());
+        RvoBlockCodec codec(setting);
+        const QByteArray payload = codec.compress(tile.constData(), tile.size());
+        const int n = int(payload.size());
+        for (int length : {4, 5, 6, 9, 10, 11, n / 2, n - 1})
+            EXPECT_TRUE(refused(reader, payload, length, tile.size())) << "cut at " << length;
+        EXPECT_TRUE(refused(reader, payload + 'x', n + 1, tile.size()));
+        const QByteArray shorter = tile.left(tile.size() - 1);
+        const QByteArray other = codec.compress(shorter.constData(), shorter.size());
+        EXPECT_TRUE(refused(reader, withHeader(other, quint32(tile.size())), other.size(),
+                            tile.size()));
+        EXPECT_TRUE(
+                refused(reader, withHeader(payload, quint32(shorter.size())), n, shorter.size()));
+        QByteArray swapped = payload;
+        swapped[4] = setting.kind() == Setting::Lz4 ? 'Z' : 'L';
+        EXPECT_TRUE(refused(reader, swapped, n, tile.size()));
+        int refusals = 0;
+        int flips = 0;
+        for (int i = 5; i < n; i += 97, ++flips) {
+            QByteArray bad = payload;
+            bad[i] = char(bad[i] ^ (i == 5 ? 0x0C : 0x10)); // at 5: shuffle 8 becomes 4
+            QByteArray out("stale contents");
+            if (reader.uncompress(bad.constData(), n, tile.size(), &out))
+                EXPECT_TRUE(out == tile) << "byte " << i;
+            else
+                ++refusals;
+        }
+        EXPECT_GE(refusals, flips - flips / 20);
+    }
+}
+
+TEST(RvoBlockCodec, SettingsParseFromTextAndABadOneSaysWhy)
+{
+    const struct
+    {
+        const char *text;
+        const char *parsed; // or the message
+    } cases[] = {
+            {"", "zlib"},
+            {" LZ4 ", "lz4"},
+            {"zstd", "zstd:2"},
+            {"zstd:-5", "zstd:-5"},
+            {"brotli", "Bad block codec 'brotli': use zlib, lz4, zstd or zstd:LEVEL"},
+            {"lz4:1", "Bad block codec 'lz4:1': lz4 takes no level"},
+            {"zstd:0",
+             "Bad block codec 'zstd:0': its level must be a whole number from -50 to 22, "
+             "not 0"},
+    };
+    for (const auto &c : cases) {
+        Setting setting = Setting::zstd(7);
+        QString error;
+        const bool ok = Setting::parse(QString::fromLatin1(c.text), &setting, &error);
+        EXPECT_EQ((ok ? setting.toString() : error).toStdString(), c.parsed) << c.text;
+        if (!ok)
+            EXPECT_EQ(setting, Setting::zstd(7)) << c.text;
     }
 }

@@ -5,7 +5,8 @@
 
 #include <cstring>
 
-TEST(RvoBlockFile, EveryKindOfDamageIsNamedAndYieldsNoBytesInMemoryOrOnDisk)
+// A damaged file yields no bytes.
+TEST(RvoBlockFile, EveryKindOfDamageIsNamed)
 {
     const QByteArray block = testContent(1, 40000);
     const QByteArray sound = blockFile(block);
@@ -49,15 +50,24 @@ TEST(RvoBlockFile, EveryKindOfDamageIsNamedAndYieldsNoBytesInMemoryOrOnDisk)
                   c.fault);
         EXPECT_EQ(out, c.fault == RvoBlockFile::Sound ? block : QByteArray());
     }
+}
 
-    // A file is checked against its own name, and gives its header.
+// It gives its header; one that cannot be read is said so.
+TEST(RvoBlockFile, FileIsCheckedAgainstItsOwnName)
+{
+    const QByteArray block = testContent(1, 40000);
+    const QByteArray sound = blockFile(block);
+    RvoBlockCodec codec;
     QTemporaryDir dir;
-    const QString path = dir.filePath(name);
+    const QString path = dir.filePath(RvoBlockFile::digestText(block.constData(), block.size()));
     ASSERT_TRUE(writeFile(path, sound));
     RvoBlockFile::Header header;
     EXPECT_EQ(RvoBlockFile::verifyFile(codec, path, nullptr, &header), RvoBlockFile::Sound);
     EXPECT_EQ(header.size, block.size());
     EXPECT_EQ(header.payloadLength + RvoBlockFile::kHeaderSize, sound.size());
+    const QString other = dir.filePath(RvoBlockFile::digestText("x", 1));
+    ASSERT_TRUE(writeFile(other, sound));
+    EXPECT_EQ(RvoBlockFile::verifyFile(codec, other), RvoBlockFile::Digest);
     QString error;
     EXPECT_EQ(RvoBlockFile::verifyFile(codec, path + QStringLiteral("x"), nullptr, nullptr, &error),
               RvoBlockFile::Unreadable);

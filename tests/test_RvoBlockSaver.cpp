@@ -2,10 +2,6 @@
 #include "RvoBlockCodec_p.h"
 #include "RvoBlockSaver_p.h"
 
-#include <QThread>
-
-#include <thread>
-
 namespace {
 
 // Distinct, compressible bytes for job i.
@@ -29,7 +25,7 @@ int filesIn(const QString &directory)
 // The jobs' bytes exist only inside the jobs (the submitters' copies are
 // gone); they are finished in the reverse order of submission from another
 // thread, so that most are pulled to the front or waited for while running.
-TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderAndGoWhereFinishAsks)
+TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrder)
 {
     QTemporaryDir dir;
     const QString directory = dir.filePath(QStringLiteral("bucket"));
@@ -58,9 +54,14 @@ TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderAndGoWhereFinishAsks)
     for (int i = 0; i < kJobs; ++i)
         EXPECT_EQ(blockIn(directory + "/" + fileName(i)), jobBytes(i)) << "job " << i;
     EXPECT_EQ(filesIn(directory), kJobs) << "no temporary file is left";
+}
 
-    // The sub-cache changed between queueing and the save's turn: the file
-    // goes where the write thread asks, whatever the worker did meanwhile.
+// The sub-cache changed between queueing and the save's turn: the file goes
+// where the write thread asks, whatever the worker did meanwhile.
+TEST(RvoBlockSaver, FileGoesWhereFinishAsks)
+{
+    QTemporaryDir dir;
+    RvoBlockSaver &saver = RvoBlockSaver::instance();
     RvoBlockCodec codec;
     const QString before = dir.filePath(QStringLiteral("before"));
     const QString now = dir.filePath(QStringLiteral("now"));
@@ -75,26 +76,47 @@ TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrderAndGoWhereFinishAsks)
     }
 }
 
-// A write thread waiting for a save must not wait for the whole backlog
-// queued before it. After cancel() no worker writes the job's file: the
-// caller may remove the directory at once. A save in progress is finished
-// first.
-TEST(RvoBlockSaver, FinishPullsAJobAheadOfTheBacklogAndNoFileAppearsAfterCancel)
+// A worker busy with a large save (about 16 MiB: tens of milliseconds),
+// and a backlog of small ones queued behind it.
+class RvoBlockSaverBacklog : public ::testing::Test
 {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(waitUntil([&] { return saver.pendingJobs() == 0; })) << "a worker starts it";
+        for (int i = 0; i < kJobs; ++i)
+            jobs.push_back(saver.submit(bytes, dir.path(), fileName(i)));
+    }
+    // Cancelling twice is harmless.
+    void TearDown() override
+    {
+        saver.cancel(running);
+        for (const RvoBlockSaver::JobPtr &job : jobs)
+            saver.cancel(job);
+    }
+
+    static constexpr int kJobs = 200;
     QTemporaryDir dir;
     RvoBlockSaver &saver = RvoBlockSaver::instance();
-    // About 16 MiB: a worker takes tens of milliseconds over it.
     const QByteArray large = jobBytes(9).repeated(256);
     const RvoBlockSaver::JobPtr running = saver.submit(large, dir.path(), QStringLiteral("large"));
-    ASSERT_TRUE(waitUntil([&] { return saver.pendingJobs() == 0; })) << "a worker starts it";
     const QByteArray bytes = jobBytes(5).repeated(4);
-    constexpr int kJobs = 200;
     std::vector<RvoBlockSaver::JobPtr> jobs;
-    for (int i = 0; i < kJobs; ++i)
-        jobs.push_back(saver.submit(bytes, dir.path(), fileName(i)));
+};
+
+// A write thread waiting for a save must not wait for the whole backlog
+// queued before it.
+TEST_F(RvoBlockSaverBacklog, FinishPullsAJobAheadOfTheBacklog)
+{
     RvoBlockCodec codec;
     EXPECT_TRUE(saver.finish(jobs.back(), bytes, dir.path(), fileName(kJobs - 1), codec).onDisk);
     EXPECT_GT(saver.pendingJobs(), kJobs / 2);
+}
+
+// After cancel() no worker writes the job's file: the caller may remove the
+// directory at once. A save in progress is finished first.
+TEST_F(RvoBlockSaverBacklog, NoFileAppearsAfterCancel)
+{
     saver.cancel(running);
     EXPECT_EQ(blockIn(dir.filePath(QStringLiteral("large"))), large)
             << "cancel() returned while the save was still being written";
@@ -102,8 +124,6 @@ TEST(RvoBlockSaver, FinishPullsAJobAheadOfTheBacklogAndNoFileAppearsAfterCancel)
         saver.cancel(job);
     EXPECT_EQ(saver.pendingJobs(), 0);
     const int written = filesIn(dir.path());
-    QThread::msleep(200);
-    EXPECT_EQ(filesIn(dir.path()), written);
-    saver.cancel(jobs.front()); // twice, and null: harmless
+    EXPECT_FALSE(waitUntil([&] { return filesIn(dir.path()) > written; }, 200));
     saver.cancel(nullptr);
 }

@@ -25,9 +25,9 @@ qint64 modifiedSeconds(const QString &path)
 
 } // namespace
 
-// A scan sorts the files of a root into sub-caches, buckets and kinds; a
-// noted use refreshes only a block file unused for over an hour.
-TEST(RvoCacheScan, SortsFilesIntoSubCachesBucketsAndKindsAndRefreshesOldOnUse)
+// A scan sorts the files of a root into sub-caches, buckets and kinds, or
+// takes one sub-cache alone.
+TEST(RvoCacheScan, ScanSortsFilesIntoSubCachesBucketsAndKinds)
 {
     QTemporaryDir dir;
     const QString root = dir.path();
@@ -84,11 +84,20 @@ TEST(RvoCacheScan, SortsFilesIntoSubCachesBucketsAndKindsAndRefreshesOldOnUse)
     options.onlyOneSubCache = false;
     EXPECT_FALSE(RvoCacheScan::scanRoot(root, options).subCaches.at(2).held);
     EXPECT_EQ(RvoCacheScan::scanRoot(root + QStringLiteral("/missing"), options).errors.size(), 1);
+}
 
+// Only a block file unused for over an hour; a missing one is no fault.
+TEST(RvoCacheScan, NotedUseRefreshesAnOldBlockFile)
+{
+    QTemporaryDir dir;
+    const QString old = dir.filePath(blockName(10));
+    const QString recent = dir.filePath(blockName(3));
+    ASSERT_TRUE(writeFile(old, 100, RvoCacheScan::kUseRefreshSeconds + 60));
+    ASSERT_TRUE(writeFile(recent, 30, RvoCacheScan::kUseRefreshSeconds - 60));
     const qint64 recentBefore = modifiedSeconds(recent);
     RvoCacheScan::noteUse(old);
     RvoCacheScan::noteUse(recent);
-    RvoCacheScan::noteUse(root + QStringLiteral("/missing"));
+    RvoCacheScan::noteUse(dir.filePath(QStringLiteral("missing")));
     EXPECT_GE(modifiedSeconds(old), RvoCacheScan::currentTimeMs() / 1000 - 5);
     EXPECT_EQ(modifiedSeconds(recent), recentBefore);
 }

@@ -13,7 +13,7 @@ bool evictable(const RvoDataReference &ref)
 
 // Assignment used to copy the pointer alone: the assigned-to accessor then
 // released a pin it never took and let a block be evicted under a reader.
-TEST(RvoConstAccessor, PinCountsStayExactThroughCopiesHoldThroughEvictionAndNullIsSaid)
+TEST(RvoConstAccessor, PinCountsStayExactThroughCopiesAndAssignment)
 {
     ManagerSetup setup(1, QString(), 10, 3 * 100000);
     const RvoDataReference a = addBlock(testContent(2));
@@ -38,8 +38,11 @@ TEST(RvoConstAccessor, PinCountsStayExactThroughCopiesHoldThroughEvictionAndNull
     }
     EXPECT_TRUE(evictable(a) && evictable(b));
     EXPECT_TRUE(out.lines().isEmpty()) << "one pin, one unpin, no complaint";
+}
 
-    // A pinned block stays through eviction and reads its bytes.
+TEST(RvoConstAccessor, PinnedBlockStaysThroughEviction)
+{
+    ManagerSetup setup(1, QString(), 10, 3 * 100000);
     const QByteArray content = testContent(4, 100000);
     const RvoDataReference ref = addBlock(content);
     const RvoConstAccessor pinned = ref.constAccessor();
@@ -47,9 +50,13 @@ TEST(RvoConstAccessor, PinCountsStayExactThroughCopiesHoldThroughEvictionAndNull
         addBlock(testContent(10 + i, 100000));
     EXPECT_TRUE(Access::holdsBlock(hashOf(ref)));
     EXPECT_EQ(bytesOf(pinned), content);
+}
 
-    // A reference without a digest goes on to ask for its block and make the
-    // accessor from neither block nor digest: both say so, in that order.
+// A reference without a digest goes on to ask for its block and make the
+// accessor from neither block nor digest: both say so, in that order.
+TEST(RvoConstAccessor, AccessorOfNoDigestIsNullAndSaysSo)
+{
+    ManagerSetup setup;
     DebugCapture debug;
     StdoutCapture nullOut;
     const RvoConstAccessor null = RvoDataReference().constAccessor();

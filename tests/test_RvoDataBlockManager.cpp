@@ -1,41 +1,41 @@
 #include "ManagerTestAccess.h"
+#include "RvoBlockCodec_p.h"
 #include "RvoDdiLog.h"
-
-#include <QDir>
-#include <QFile>
 
 using Access = RvoDataBlockManagerTestAccess;
 
-// The write limit is a quarter of the budget, divided toward zero; every
-// change of the budget is logged.
-TEST(RvoDataBlockManager, SetupCreatesRootsAndStartsThreadsPerRootAndTheBudgetIsLogged)
+// Missing roots are made with their parents; -1 keeps the budget.
+TEST(RvoDataBlockManager, SetupStartsAReadAndAWriteThreadPerRoot)
 {
-    DebugCapture debug;
-    EXPECT_EQ(manager().maxDataCacheSize(), RvoDataBlockManager::defaultCacheSize());
-    EXPECT_EQ(manager().numBuckets(), 10);
-    EXPECT_FALSE(manager().isInitialized());
     QTemporaryDir dir;
     const QStringList roots {dir.path() + QStringLiteral("/a/b"),
                              dir.path() + QStringLiteral("/c")};
     EXPECT_TRUE(manager().setup(roots, -1, 4));
     EXPECT_TRUE(QDir(roots.at(0)).exists() && QDir(roots.at(1)).exists());
-    EXPECT_TRUE(manager().isInitialized());
-    EXPECT_EQ(manager().cacheRoots(), roots);
-    EXPECT_EQ(manager().numBuckets(), 4);
-    EXPECT_EQ(manager().maxDataCacheSize(), 2147483648LL) << "-1 keeps the budget";
+    EXPECT_EQ(manager().maxDataCacheSize(), RvoDataBlockManager::defaultCacheSize());
     EXPECT_EQ(Access::writeThreadCount(), 2);
     EXPECT_EQ(Access::readThreadCount(), 2);
     EXPECT_TRUE(Access::writeThread(0)->isRunning() && Access::readThread(1)->isRunning());
+    manager().cleanUp();
+}
 
+TEST(RvoDataBlockManager, SecondSetupIsSaidAndAddsThreads)
+{
+    ManagerSetup setup(2);
     StdoutCapture out;
-    EXPECT_TRUE(manager().setup(roots, 1000, 4));
+    EXPECT_TRUE(manager().setup(setup.roots(), 1000, 4));
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Setup called twice on DataBlock Manager")});
-    EXPECT_EQ(Access::writeThreadCount(), 4) << "a second setup adds a further set of threads";
-    EXPECT_EQ(manager().maxWritePendingSize(), 250);
+    EXPECT_EQ(Access::writeThreadCount(), 4);
+}
+
+// The default budget at start, then each one set; the write limit is a
+// quarter of the budget, divided toward zero.
+TEST(RvoDataBlockManager, EveryBudgetAndItsWriteLimitIsLogged)
+{
+    DebugCapture debug;
+    ManagerSetup setup(1, QString(), 10, 1000);
     manager().setMaxDataCacheSize(7);
-    EXPECT_EQ(manager().maxWritePendingSize(), 1);
     manager().setMaxDataCacheSize(-5);
-    EXPECT_EQ(manager().maxWritePendingSize(), -1);
     EXPECT_EQ(debug.messages().filter(QStringLiteral("[DDI] Max")),
               (QStringList {
                       QStringLiteral("[DDI] Max data cache size    = 2147483648 bytes (2048 MB)"),
@@ -46,26 +46,78 @@ TEST(RvoDataBlockManager, SetupCreatesRootsAndStartsThreadsPerRootAndTheBudgetIs
                       QStringLiteral("[DDI] Max write pending size = 1 bytes (0 MB)"),
                       QStringLiteral("[DDI] Max data cache size    = -5 bytes (0 MB)"),
                       QStringLiteral("[DDI] Max write pending size = -1 bytes (0 MB)")}));
-    manager().cleanUp();
+    EXPECT_EQ(manager().maxWritePendingSize(), -1);
 }
 
-TEST(RvoDataBlockManager, SubCacheAndRequestPromotionReachTheThreadsAndStatisticsAreInOrder)
+// The environment gives the codec when the host gives none; a bad setting
+// from either says why and changes nothing. A root holds a mix of codecs and
+// reads back byte-exact whatever the setting; zlib files are qCompress's.
+TEST(RvoDataBlockManager, BlockCodecSettingWritesAMixedRootThatReadsBackByteExact)
 {
-    ManagerSetup setup(2, QString(), 10, 3 * 1048576);
-    manager().setSubCache(QStringLiteral("Project"));
-    EXPECT_EQ(manager().subCache(), QStringLiteral("Project"));
+    qputenv("RVODDI_BLOCK_CODEC", "zstd:99");
+    StdoutCapture out;
+    {
+        ManagerSetup setup;
+        EXPECT_EQ(manager().blockCodec(), QStringLiteral("zlib"));
+    }
+    qputenv("RVODDI_BLOCK_CODEC", "zstd:2");
+    ManagerSetup setup;
+    EXPECT_EQ(manager().blockCodec(), QStringLiteral("zstd:2"));
+    EXPECT_FALSE(manager().setBlockCodec(QStringLiteral("lz5")));
+    EXPECT_EQ(manager().blockCodec(), QStringLiteral("zstd:2"));
+    EXPECT_EQ(out.lines(),
+              (QStringList {QStringLiteral("Bad block codec 'zstd:99': its level must be a whole "
+                                           "number from -50 to 22, not 0 (from "
+                                           "RVODDI_BLOCK_CODEC; writing zlib)"),
+                            QStringLiteral("Bad block codec 'lz5': use zlib, lz4, zstd or "
+                                           "zstd:LEVEL")}));
+
+    const QString settings[] = {QString(), QStringLiteral("lz4"), QStringLiteral("zlib")};
+    const RvoBlockCodecSetting::Kind kinds[]
+            = {RvoBlockCodecSetting::Zstd, RvoBlockCodecSetting::Lz4, RvoBlockCodecSetting::Zlib};
+    QVector<RvoDataReference> references;
+    for (int s = 0; s < 3; ++s) {
+        if (!settings[s].isNull())
+            ASSERT_TRUE(manager().setBlockCodec(settings[s]));
+        for (int i = 0; i < 2; ++i)
+            references.append(addBlock(testContent(10 * s + i, 100000)));
+        manager().flush(true, RvoDataBlockManager::AllThreads);
+    }
+    manager().freeAllBlocks();
+    ASSERT_TRUE(manager().setBlockCodec(QStringLiteral("lz4")));
+    for (int r = 0; r < references.size(); ++r) {
+        const QByteArray content = testContent(10 * (r / 2) + r % 2, 100000);
+        const QByteArray file = readFile(blockPath(setup.root(), QString(), hashOf(references[r])));
+        RvoBlockCodecSetting::Kind kind = RvoBlockCodecSetting::Zlib;
+        EXPECT_TRUE(RvoBlockCodec::kindOf(file.constData() + 12, file.size() - 12, &kind));
+        EXPECT_EQ(kind, kinds[r / 2]) << r;
+        if (kind == RvoBlockCodecSetting::Zlib)
+            EXPECT_EQ(
+                    file,
+                    blockFileBytes(content.size(),
+                                   RvoBlockCodec().compress(content.constData(), content.size())));
+        EXPECT_EQ(bytesOf(references[r]), content) << r;
+    }
+}
+
+// A second setting of the same name is said.
+TEST(RvoDataBlockManager, SubCacheReachesEveryThreadAndTheLog)
+{
+    ManagerSetup setup(2, QStringLiteral("Project"));
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(Access::writeThread(i)->subCache(), QStringLiteral("Project"));
         EXPECT_EQ(Access::readThread(i)->subCache(), QStringLiteral("Project"));
     }
     RvoDdiLog::instance().log(RvoDdiLog::Information, "x.cpp", 1, QStringLiteral("here"));
     EXPECT_TRUE(QFile::exists(setup.root(0) + QStringLiteral("/Project/DdiLog.txt")));
-
     StdoutCapture out;
     manager().setSubCache(QStringLiteral("Project"));
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Subcache Set to Project twice")});
+}
 
-    // Request promotion too, logged only when it changes.
+TEST(RvoDataBlockManager, RequestPromotionReachesTheReadersAndIsLoggedWhenItChanges)
+{
+    ManagerSetup setup(2);
     DebugCapture debug;
     manager().setRequestPromotionEnabled(false);
     manager().setRequestPromotionEnabled(true);
@@ -74,13 +126,16 @@ TEST(RvoDataBlockManager, SubCacheAndRequestPromotionReachTheThreadsAndStatistic
               QStringList {QStringLiteral("RvoDDi Setting Request Promotion Enabled to TRUE 1")});
     EXPECT_TRUE(Access::readThread(0)->requestPromotionEnabled()
                 && Access::readThread(1)->requestPromotionEnabled());
+}
 
-    // The statistics dumps have their lines in order.
+// Lines joined with '|'; the registry's own part is checked in its suite.
+TEST(RvoDataBlockManager, StatisticsDumpsGiveTheirLinesInOrder)
+{
+    ManagerSetup setup(2, QString(), 10, 3 * 1048576);
     DebugCapture stats;
     manager().dumpStats();
     const QStringList lines = stats.messages();
     ASSERT_EQ(lines.size(), 7 + 8 + 5);
-    // Lines joined with '|'; the registry's own part is checked in its suite.
     EXPECT_EQ(lines.mid(0, 8).join(QLatin1Char('|')),
               QStringLiteral("==== RvoDdi Block Stats ====|Max Cache Size 3Mb|Number of managed "
                              "blocks 0|Number of existant blocks -1|Block Memory Usage 0Mb|Number "
@@ -90,7 +145,6 @@ TEST(RvoDataBlockManager, SubCacheAndRequestPromotionReachTheThreadsAndStatistic
               QStringLiteral("==== Thread Stats ====|Read %1 0Mb|Read %2 0Mb|Written  %1 0Mb|"
                              "Written  %2 0Mb")
                       .arg(setup.root(0), setup.root(1)));
-
     DebugCapture threads;
     manager().dumpThreadStats();
     EXPECT_EQ(threads.messages().join(QLatin1Char('|')),
@@ -99,11 +153,9 @@ TEST(RvoDataBlockManager, SubCacheAndRequestPromotionReachTheThreadsAndStatistic
                              "requests"));
 }
 
-TEST(RvoDataBlockManager, UncreatableRootIsServedAndCleanUpResetsEverythingForANewSetup)
+// Reported twice and still served; a bucket count below one is refused.
+TEST(RvoDataBlockManager, UncreatableRootIsReportedAndStillServed)
 {
-    manager().cleanUp(); // not initialized: nothing
-    // A root that cannot be created is reported twice and still served; no
-    // buckets are refused.
     QTemporaryDir bad;
     ASSERT_TRUE(writeFile(bad.path() + QStringLiteral("/file"), QByteArray()));
     const QString root = bad.path() + QStringLiteral("/file/root");
@@ -115,24 +167,29 @@ TEST(RvoDataBlockManager, UncreatableRootIsServedAndCleanUpResetsEverythingForAN
     EXPECT_EQ(manager().numBuckets(), 10);
     EXPECT_EQ(Access::writeThreadCount(), 1);
     manager().cleanUp();
+}
+
+// Clean-up without a setup does nothing; after one, nothing of it is left,
+// the budget included.
+TEST(RvoDataBlockManager, CleanUpResetsEverythingForANewSetup)
+{
+    manager().cleanUp();
     {
         ManagerSetup setup(1, QStringLiteral("S"), 10, 1 << 20);
         const QByteArray content = testContent(1);
         RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(content);
         Access::makeBlockLive(hash.data(), new RvoDataBlock(content));
-        EXPECT_EQ(manager().liveBytes(), content.size());
         EXPECT_EQ(manager().liveBlocks(), 1);
+        manager().startGarbageCollection();
     }
     EXPECT_FALSE(manager().isInitialized());
     EXPECT_EQ(manager().liveBytes(), 0);
     EXPECT_EQ(manager().liveBlocks(), 0);
     EXPECT_EQ(manager().managedBlocks(), 0);
-    EXPECT_EQ(manager().maxDataCacheSize(), 0);
     EXPECT_EQ(manager().numBuckets(), 0);
     EXPECT_TRUE(manager().cacheRoots().isEmpty() && manager().subCache().isEmpty());
     EXPECT_FALSE(manager().garbageCollecting());
     EXPECT_EQ(Access::writeThreadCount(), 0);
-
     QTemporaryDir dir;
     manager().setup({dir.path()}, -1, 3);
     EXPECT_EQ(manager().maxDataCacheSize(), 0) << "-1 after cleanUp keeps a budget of 0";

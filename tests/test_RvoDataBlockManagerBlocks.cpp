@@ -14,24 +14,35 @@ bool inMemory(const RvoDataReference &ref)
 
 } // namespace
 
-TEST(RvoDataBlockManagerBlocks, EvictionTakesLeastRecentlyUsedDownToNinetyPercentAndKeepsThemListed)
+// Ten blocks fill a budget of ten exactly; block 0 is then used, and an
+// eleventh added: 110000 > 100000, evicted down to 90000.
+class RvoEviction : public ::testing::Test
 {
-    ManagerSetup setup(1, QString(), 10, 10 * 10000);
-    QVector<RvoDataReference> refs;
-    for (int i = 0; i < 10; ++i)
-        refs.append(addBlock(testContent(i, 10000)));
-    EXPECT_EQ(manager().liveBytes(), 100000) << "at the budget, not above it: nothing leaves";
-    EXPECT_EQ(manager().liveBlocks(), 10);
+protected:
+    void SetUp() override
+    {
+        for (int i = 0; i < 10; ++i)
+            refs.append(addBlock(testContent(i, 10000)));
+        EXPECT_EQ(manager().liveBytes(), 100000) << "at the budget, not above it: nothing leaves";
+        EXPECT_TRUE(refs.at(0).isInMemory());
+        refs.append(addBlock(testContent(10, 10000)));
+    }
 
-    EXPECT_TRUE(refs.at(0).isInMemory()); // a use: block 0 is now the most recent
-    refs.append(addBlock(testContent(10, 10000)));
-    // 110000 > 100000: evicted down to 90000, the two least recently used.
+    ManagerSetup setup {1, QString(), 10, 10 * 10000};
+    QVector<RvoDataReference> refs;
+};
+
+TEST_F(RvoEviction, EvictionTakesTheLeastRecentlyUsedDownToNinetyPercent)
+{
     EXPECT_EQ(manager().liveBytes(), 90000);
     for (int i = 0; i < 11; ++i)
         EXPECT_EQ(inMemory(refs.at(i)), i != 1 && i != 2) << i;
+}
 
-    // Evicted blocks are listed and sized still, and come back from disk
-    // with their bytes when read or preloaded.
+// Evicted blocks are listed and sized still, and come back from disk with
+// their bytes when read or preloaded.
+TEST_F(RvoEviction, EvictedBlockIsReadBackFromDisk)
+{
     QList<RvoDataReference> all;
     manager().snapshot(all);
     EXPECT_EQ(all.size(), 11);
@@ -41,35 +52,49 @@ TEST(RvoDataBlockManagerBlocks, EvictionTakesLeastRecentlyUsedDownToNinetyPercen
     refs.at(2).preload(RvoDataBlockManager::PreloadFirst);
     EXPECT_TRUE(waitUntil([&] { return inMemory(refs.at(2)); }));
     manager().preloadData(RvoDataReference(), RvoDataBlockManager::PreloadFirst); // nothing
-    // A preload of a block in memory refreshes its place.
-    ASSERT_TRUE(inMemory(refs.at(10)));
-    refs.at(10).preload(RvoDataBlockManager::PreloadBackground);
-    EXPECT_EQ(Access::lruOrder().first(), hashOf(refs.at(10)));
 }
 
-// Don't-cache blocks are never evicted nor written, and read as locked.
-TEST(RvoDataBlockManagerBlocks, EqualContentIsStoredOnceButDontCacheBlocksAreEachTheirOwn)
+// Block 3 is the least recently used one left.
+TEST_F(RvoEviction, PreloadOfABlockInMemoryRefreshesItsPlace)
 {
-    ManagerSetup setup(1, QString(), 10, 1 << 20);
+    ASSERT_EQ(Access::lruOrder().last(), hashOf(refs.at(3)));
+    refs.at(3).preload(RvoDataBlockManager::PreloadBackground);
+    EXPECT_EQ(Access::lruOrder().first(), hashOf(refs.at(3)));
+}
+
+// The second copy is dropped.
+TEST(RvoDataBlockManagerBlocks, EqualContentIsStoredOnce)
+{
+    ManagerSetup setup;
     const QByteArray content = testContent(1, 1000);
     const RvoDataReference a = addBlock(content);
-    const RvoDataReference b = addBlock(content);
-    EXPECT_TRUE(a == b);
-    EXPECT_EQ(manager().liveBytes(), 1000) << "the second copy is dropped";
+    EXPECT_TRUE(a == addBlock(content));
+    EXPECT_EQ(manager().liveBytes(), 1000);
+}
 
+// Don't-cache names used to be made from the block's address, which the
+// allocator hands out again once the block is freed.
+TEST(RvoDataBlockManagerBlocks, DontCacheBlocksAreEachTheirOwn)
+{
+    ManagerSetup setup;
+    const QByteArray content = testContent(1, 1000);
+    const RvoDataReference a = addBlock(content);
     const RvoDataReference c = addBlock(content, RvoModifyAccessor::DontCache);
     const RvoDataReference d = addBlock(content, RvoModifyAccessor::DontCache);
     EXPECT_TRUE(c != d && c != a);
     EXPECT_TRUE(hashOf(c)->isDontCache());
     EXPECT_EQ(manager().liveBytes(), 3000);
-
-    // Don't-cache names used to be made from the block's address, which the
-    // allocator hands out again once the block is freed.
     QSet<QString> names;
     for (int i = 0; i < 50; ++i)
         names.insert(addBlock(QByteArray(64, 'x'), RvoModifyAccessor::DontCache).hash());
     EXPECT_EQ(names.size(), 50);
+}
 
+// Nor are they saved; they read as locked. A block over the budget is said,
+// evicts the others and is never its own victim.
+TEST(RvoDataBlockManagerBlocks, DontCacheBlocksAreNeverEvicted)
+{
+    ManagerSetup setup(1, QString(), 10, 1 << 20);
     const RvoDataReference keep1 = addBlock(testContent(1, 300000), RvoModifyAccessor::DontCache);
     const RvoDataReference keep2 = addBlock(testContent(2, 300000), RvoModifyAccessor::DontCache);
     const RvoDataReference old1 = addBlock(testContent(3, 100000));
@@ -83,11 +108,10 @@ TEST(RvoDataBlockManagerBlocks, EqualContentIsStoredOnceButDontCacheBlocksAreEac
                                    .arg(1 << 20)});
     EXPECT_TRUE(inMemory(keep1) && inMemory(keep2));
     EXPECT_FALSE(inMemory(old1) || inMemory(old2));
-    EXPECT_TRUE(inMemory(big)) << "a block is never its own victim";
-    EXPECT_TRUE(Access::blockIsLocked(hashOf(keep1))) << "don't-cache blocks read as locked";
+    EXPECT_TRUE(inMemory(big));
+    EXPECT_TRUE(Access::blockIsLocked(hashOf(keep1)));
     manager().flush(true, RvoDataBlockManager::AllThreads);
-    EXPECT_FALSE(QFile::exists(manager().getBlockDestination(QString(), keep1.hash())))
-            << "never written";
+    EXPECT_FALSE(QFile::exists(manager().getBlockDestination(QString(), keep1.hash())));
     EXPECT_TRUE(QFile::exists(manager().getBlockDestination(QString(), big.hash())));
 }
 
@@ -113,7 +137,8 @@ TEST(RvoDataBlockManagerBlocks, PinsDoNotNestAndMisuseIsReported)
     EXPECT_TRUE(Access::blockIsLocked(hashOf(absent))) << "not in memory reads as locked";
 }
 
-TEST(RvoDataBlockManagerBlocks, FreeAllSavesWhatItFreesAndFlushMakesEveryBlockDurable)
+// What is read stays.
+TEST(RvoDataBlockManagerBlocks, FreeAllSavesWhatItFrees)
 {
     ManagerSetup setup(2, QStringLiteral("S"));
     QVector<RvoDataReference> refs;
@@ -122,19 +147,14 @@ TEST(RvoDataBlockManagerBlocks, FreeAllSavesWhatItFreesAndFlushMakesEveryBlockDu
     {
         const RvoConstAccessor accessor = refs.at(0).constAccessor();
         manager().freeAllBlocks();
-        EXPECT_TRUE(inMemory(refs.at(0))) << "what is read stays";
+        EXPECT_TRUE(inMemory(refs.at(0)));
         EXPECT_FALSE(inMemory(refs.at(1)));
         EXPECT_EQ(manager().liveBytes(), 5000);
     }
     EXPECT_EQ(bytesOf(refs.at(1)), testContent(1, 5000)) << "it was saved before it was freed";
-    manager().flush(true, RvoDataBlockManager::AllThreads);
-    for (const RvoDataReference &ref : refs) {
-        const QString path = manager().getBlockDestination(QStringLiteral("S"), ref.hash());
-        EXPECT_TRUE(QFile::exists(path)) << qPrintable(path);
-    }
 }
 
-TEST(RvoDataBlockManagerBlocks, BackPressureNeverWaitsOnAnEmptyQueueAndNoSetupFreesNothing)
+TEST(RvoDataBlockManagerBlocks, BackPressureNeverWaitsOnAnEmptyQueue)
 {
     ManagerSetup setup(1, QString(), 10, 0); // a budget of 0: a limit of 0
     // processIO sleeps a whole second when it waits: timed alone, without
@@ -148,8 +168,11 @@ TEST(RvoDataBlockManagerBlocks, BackPressureNeverWaitsOnAnEmptyQueueAndNoSetupFr
     manager().cleanUp();
     EXPECT_LT(timed(), std::chrono::milliseconds(500)) << "no write threads at all";
     EXPECT_TRUE(manager().isWriteThreadsFull()) << "0 queued is not below a limit of 0";
+}
 
-    // Freeing a block without a setup does nothing.
+// A last reference may go after the clean-up.
+TEST(RvoDataBlockManagerBlocks, FreeingWithoutASetupDoesNothing)
+{
     const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(QByteArray("x"));
     StdoutCapture out;
     Access::freeBlock(hash.data());

@@ -7,9 +7,6 @@
 
 #include <unistd.h>
 
-#include <atomic>
-#include <thread>
-
 using Access = RvoDataBlockManagerTestAccess;
 
 namespace {

@@ -15,7 +15,8 @@ QByteArray header(qint64 magic, qint32 digestSize, qint32 count)
 
 } // namespace
 
-TEST(RvoDataBlockManagerGroups, MembersComeBackInOrderFromTheExactLayoutAndMalformedOnesDoNot)
+// A group is named by its members in order; an empty one is a bare header.
+TEST(RvoDataBlockManagerGroups, MembersComeBackInOrderFromTheExactLayout)
 {
     ManagerSetup setup;
     const QVector<RvoDataReference> members {
@@ -27,8 +28,6 @@ TEST(RvoDataBlockManagerGroups, MembersComeBackInOrderFromTheExactLayoutAndMalfo
         expected += QByteArray(reinterpret_cast<const char *>(member.hashPtr()->data()), 64);
     EXPECT_EQ(bytesOf(group), expected);
     EXPECT_EQ(manager().extractGroupBlock(group), members);
-
-    // A group is named by its members in order; an empty one is a bare header.
     const RvoDataReference again = manager().makeGroupBlock(members);
     EXPECT_EQ(again.hash(), group.hash());
     EXPECT_TRUE(again == group);
@@ -37,8 +36,12 @@ TEST(RvoDataBlockManagerGroups, MembersComeBackInOrderFromTheExactLayoutAndMalfo
     const RvoDataReference empty = manager().makeGroupBlock({});
     EXPECT_EQ(bytesOf(empty), header(1337, 0, 0));
     EXPECT_TRUE(manager().extractGroupBlock(empty).isEmpty());
+}
 
-    // Malformed payloads give no members; a null member is refused.
+// A null member is refused too.
+TEST(RvoDataBlockManagerGroups, MalformedGroupGivesNoMembers)
+{
+    ManagerSetup setup;
     const QByteArray digest(64, '\x05');
     const QList<QByteArray> payloads {
             QByteArray("not a group"), // shorter than a header

@@ -5,10 +5,6 @@
 #include "RvoDiskLayout_p.h"
 #include "RvoGarbageCollectorThread_p.h"
 
-#include <QDir>
-#include <QElapsedTimer>
-#include <QFile>
-#include <QFileInfo>
 #include <QProcess>
 #include <QThread>
 

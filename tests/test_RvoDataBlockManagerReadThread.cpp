@@ -1,55 +1,70 @@
 #include "ManagerTestAccess.h"
 
-#include <QElapsedTimer>
 #include <QProcess>
 
-#include <atomic>
 #include <cstring>
-#include <thread>
 
 using Access = RvoDataBlockManagerTestAccess;
 using Reader = RvoDataBlockManagerReadThread;
 
-TEST(RvoDataBlockManagerReadThread, QueueOrdersPromotesAndDropsOnlyBackgroundAndLoadsAreCounted)
+// One root's read thread, not started: requests stay queued.
+class RvoReadThread : public ::testing::Test
 {
+protected:
+    RvoSmartPointer<RvoDataHash> request(const QByteArray &content, int priority)
+    {
+        RvoSmartPointer<RvoDataHash> hash = digestOf(content);
+        reader.request(hash.data(), RvoDataBlockManager::PreloadPriority(priority));
+        return hash;
+    }
+
     QTemporaryDir root;
-    Reader reader(Access::manager(), root.path(), 10, 50, nullptr);
+    Reader reader {Access::manager(), root.path(), 10, 50, nullptr};
+};
+
+TEST_F(RvoReadThread, QueueServesPrioritiesInOrder)
+{
     const char *names[]
             = {"Friday", "Wednesday", "Monday", "Saturday", "Thursday", "Sunday", "Tuesday"};
     const int priorities[] = {0, 1, 0, 1, 1, 2, 0};
     QHash<RvoDataHash *, QString> byHash;
     QVector<RvoSmartPointer<RvoDataHash>> hashes;
     for (int i = 0; i < 7; ++i) {
-        hashes.append(digestOf(QByteArray(names[i])));
+        hashes.append(request(names[i], priorities[i]));
         byHash.insert(hashes.last().data(), QLatin1String(names[i]));
-        reader.request(hashes.last().data(), RvoDataBlockManager::PreloadPriority(priorities[i]));
     }
     QStringList order;
     for (const auto &entry : reader.queuedRequests())
         order.append(byHash.value(entry.second));
     EXPECT_EQ(order.join(QLatin1Char(' ')),
               QStringLiteral("Friday Monday Tuesday Wednesday Saturday Thursday Sunday"));
+}
 
-    for (int i = 7; i < 50; ++i) {
-        hashes.append(digestOf(QByteArray::number(i)));
-        reader.request(hashes.last().data(), RvoDataBlockManager::PreloadBackground);
-    }
-    const RvoSmartPointer<RvoDataHash> background = digestOf(QByteArray("background"));
-    const RvoSmartPointer<RvoDataHash> normal = digestOf(QByteArray("normal"));
-    reader.request(background.data(), RvoDataBlockManager::PreloadBackground);
+// Dropped requests keep their preloading mark.
+TEST_F(RvoReadThread, FullQueueDropsOnlyBackgroundRequests)
+{
+    QVector<RvoSmartPointer<RvoDataHash>> hashes;
+    for (int i = 0; i < 50; ++i)
+        hashes.append(request(QByteArray::number(i), RvoDataBlockManager::PreloadBackground));
+    const RvoSmartPointer<RvoDataHash> background
+            = request("background", RvoDataBlockManager::PreloadBackground);
     EXPECT_EQ(reader.requests(), 50);
     EXPECT_FALSE(background->isPreloading());
-    reader.request(normal.data(), RvoDataBlockManager::PreloadNormal);
+    const RvoSmartPointer<RvoDataHash> normal = request("normal", RvoDataBlockManager::PreloadNormal);
     EXPECT_EQ(reader.requests(), 51);
     reader.killRequests();
     EXPECT_EQ(reader.requests(), 0);
-    EXPECT_TRUE(normal->isPreloading()) << "dropped requests keep their mark";
+    EXPECT_TRUE(normal->isPreloading());
+}
 
-    // Promotion moves a queued request one step, only when enabled.
-    const RvoSmartPointer<RvoDataHash> first = digestOf(QByteArray("first"));
-    const RvoSmartPointer<RvoDataHash> second = digestOf(QByteArray("second"));
-    reader.request(first.data(), RvoDataBlockManager::PreloadNormal);
-    reader.request(second.data(), RvoDataBlockManager::PreloadBackground);
+// A request asked again moves one step up, only when promotion is enabled;
+// the request at the front stays there, and every 100th promotion re-sorts
+// the queue.
+TEST_F(RvoReadThread, PromotionRaisesAQueuedRequestOneStep)
+{
+    const RvoSmartPointer<RvoDataHash> first = request("first", RvoDataBlockManager::PreloadNormal);
+    const RvoSmartPointer<RvoDataHash> second
+            = request("second", RvoDataBlockManager::PreloadBackground);
     reader.request(second.data(), RvoDataBlockManager::PreloadFirst);
     EXPECT_EQ(reader.queuedRequests().at(1), qMakePair(2, second.data())) << "promotion is off";
 
@@ -61,16 +76,16 @@ TEST(RvoDataBlockManagerReadThread, QueueOrdersPromotesAndDropsOnlyBackgroundAnd
             << "lowered, not moved, until the next re-sort";
     reader.request(first.data(), RvoDataBlockManager::PreloadBackground);
     EXPECT_EQ(reader.queuedRequests().at(0), qMakePair(1, first.data())) << "the front stays";
-
-    // Every 100th promotion re-sorts the queue: 3 so far.
     for (int i = 3; i < 99; ++i)
         reader.request(second.data(), RvoDataBlockManager::PreloadBackground);
     EXPECT_EQ(reader.queuedRequests().at(1).second, second.data());
     reader.request(second.data(), RvoDataBlockManager::PreloadBackground);
     EXPECT_EQ(reader.queuedRequests().at(0), qMakePair(2 - 99, second.data()));
+}
 
-    // A loaded block is raw, marked cached and counted; an empty block's
-    // payload is the bare 4-byte length.
+// An empty block's payload is the bare 4-byte length.
+TEST_F(RvoReadThread, LoadedBlockIsRawMarkedCachedAndCounted)
+{
     for (const QByteArray &content : {testContent(9, 123457), QByteArray()}) {
         const RvoSmartPointer<RvoDataHash> hash = digestOf(content);
         writeFile(blockPath(root.path(), QString(), hash.data()), blockFile(content));
@@ -83,8 +98,9 @@ TEST(RvoDataBlockManagerReadThread, QueueOrdersPromotesAndDropsOnlyBackgroundAnd
     EXPECT_EQ(reader.bytesRead(), 123457);
 }
 
-// Block files appear only complete: a damaged one is refused and deleted at
-// once, and the root's thread goes on without delay. A refusal takes a few
+// Block files appear only complete: a damaged one (each kind of damage that
+// the reader meets in its own way; RvoBlockFile's cases name every kind) is
+// refused and deleted at once, and the root's thread goes on without delay. A refusal takes a few
 // milliseconds; the bound is a stall guard with room for a loaded machine
 // (waiting for a file to grow took 16 s; ThreadSanitizer may spend a second
 // on a report it drops).
@@ -112,11 +128,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
              QStringLiteral("Cannot read BlockSize from File '%1'"), "short"},
             {"payload cut", sound.left(1000), data, "lengths"},
             {"BlockSize 2 GiB", with(8, qint32(0x7fffffff)), data, "lengths"},
-            {"negative Size", with(0, qint64(-1)), {}, "lengths"},
-            {"negative BlockSize", with(8, qint32(-1)), {}, "lengths"},
-            {"byte appended", sound + 'x', {}, "lengths"},
             {"Size disagrees with the payload", with(0, qint64(bad.size() + 1)), {}, "payload"},
-            {"stream damaged", with(99, char(sound.at(99) ^ 0x55)), {}, "payload"},
     };
     ManagerSetup setup(1);
     Reader *reader = Access::readThread(0);

@@ -1,8 +1,5 @@
 #include "ManagerTestAccess.h"
 
-#include <atomic>
-#include <thread>
-
 constexpr int kBlockSize = 16384;
 
 // A digest whose last reference is being dropped must never be picked up

@@ -1,21 +1,27 @@
 #include "ManagerTestAccess.h"
 
-#include <QElapsedTimer>
-#include <QFileInfo>
-
 #include <chrono>
 
 using Access = RvoDataBlockManagerTestAccess;
 using Writer = RvoDataBlockManagerWriteThread;
 
-// Ascending priorities, first come first served. A block marked cached is
-// not queued (and, when its save owns it, deleted at once); a compressed
-// block goes to its file as it is; a second save of its digest finds the
-// file and leaves it alone.
-TEST(RvoDataBlockManagerWriteThread, QueueServesPrioritiesInOrderAndNoBlockOnDiskIsWrittenAgain)
+// One root's write thread, started by the tests that need it running.
+class RvoWriteThread : public ::testing::Test
 {
+protected:
+    QString pathOf(const RvoSmartPointer<RvoDataHash> &hash) const
+    {
+        return blockPath(root.path(), QString(), hash.data());
+    }
+
     QTemporaryDir root;
-    Writer writer(Access::manager(), root.path(), 10, 4, nullptr);
+    Writer writer {Access::manager(), root.path(), 10, 4, nullptr};
+};
+
+// A block marked cached is not queued; when its save owns it, it is deleted
+// at once.
+TEST_F(RvoWriteThread, CachedBlockIsNotQueued)
+{
     bool deleted[2] = {false, false};
     std::unique_ptr<TrackedBlock> kept(new TrackedBlock(testContent(0, 100), &deleted[0]));
     auto *owned = new TrackedBlock(testContent(1, 100), &deleted[1]);
@@ -26,8 +32,13 @@ TEST(RvoDataBlockManagerWriteThread, QueueServesPrioritiesInOrderAndNoBlockOnDis
     }
     EXPECT_EQ(writer.requests(), 0);
     EXPECT_FALSE(deleted[0]);
-    EXPECT_TRUE(deleted[1]) << "deleteAfterWrite deletes a cached block at once";
+    EXPECT_TRUE(deleted[1]);
+}
 
+// Ascending priorities, first come first served; the queue takes as many
+// saves as its limit and counts their bytes.
+TEST_F(RvoWriteThread, QueueServesPrioritiesInOrder)
+{
     QVector<RvoSmartPointer<RvoDataHash>> hashes;
     QVector<QByteArray> contents;
     const int priorities[] = {2, 0, 2, 1};
@@ -54,27 +65,36 @@ TEST(RvoDataBlockManagerWriteThread, QueueServesPrioritiesInOrderAndNoBlockOnDis
     EXPECT_EQ(writer.bytesInQueue(), 0);
     EXPECT_EQ(writer.requestsHandled(), 4);
     for (int i = 0; i < 4; ++i)
-        EXPECT_EQ(blockIn(blockPath(root.path(), QString(), hashes.at(i).data())), contents.at(i));
+        EXPECT_EQ(blockIn(pathOf(hashes.at(i))), contents.at(i));
+}
 
+TEST_F(RvoWriteThread, CompressedBlockGoesToItsFileAsItIs)
+{
     const QByteArray content = testContent(3, 70000);
-    RvoSmartPointer<RvoDataHash> hash = digestOf(content);
     auto *block = new RvoDataBlock(content);
     block->compress(9);
-    writer.writeBlock(RvoDataBlockManager::PreloadNormal, hash, block, true);
+    writer.writeBlock(RvoDataBlockManager::PreloadNormal, digestOf(content), block, true);
+    writer.start();
     writer.flush();
-    const QString path = blockPath(root.path(), QString(), hash.data());
-    const QByteArray file = readFile(path);
-    EXPECT_EQ(file.mid(12), qCompress(content, 9));
-    EXPECT_EQ(blockIn(path), content);
-    ASSERT_TRUE(writeFile(path, file + "marker"));
+    EXPECT_EQ(readFile(pathOf(digestOf(content))),
+              blockFileBytes(content.size(), qCompress(content, 9)));
+}
+
+// A save of a digest whose file is there finds it, leaves it alone and
+// marks the block saved.
+TEST_F(RvoWriteThread, FileOnDiskIsNotWrittenAgain)
+{
+    const QByteArray content = testContent(3, 70000);
+    const RvoSmartPointer<RvoDataHash> hash = digestOf(content);
+    const QByteArray file = blockFile(content) + "marker";
+    ASSERT_TRUE(writeFile(pathOf(hash), file));
     std::unique_ptr<RvoDataBlock> again(new RvoDataBlock(content));
     writer.writeBlock(RvoDataBlockManager::PreloadNormal, hash, again.get(), false);
+    writer.start();
     writer.flush();
-    EXPECT_EQ(readFile(path), file + "marker");
-    EXPECT_EQ(writer.requestsHandled(), 5);
-    EXPECT_TRUE(again->cached()) << "the file that is there holds the same content";
-    writer.closeDown();
-    writer.wait();
+    EXPECT_EQ(readFile(pathOf(hash)), file);
+    EXPECT_EQ(writer.requestsHandled(), 0) << "a file found is no save";
+    EXPECT_TRUE(again->cached());
 }
 
 TEST(RvoDataBlockManagerWriteThread, EachRootReceivesItsOwnBlockFiles)
@@ -141,12 +161,14 @@ TEST(RvoDataBlockManagerWriteThread, RefusedSavesWaitAndAreRetriedUntilTheDiskTa
     ASSERT_TRUE(copy);
     EXPECT_EQ(bytesOf(copy.get()), contents.at(1));
 
-    // Pauses of 100, 200, 400, 400 ms: a save's fifth refusal comes after
-    // 1100 ms. A save whose digest nobody else holds is dropped meanwhile.
+    // Pauses of 100, 200, 400, 400 ms: the four saves' fifth refusals come
+    // after 1100 ms, and before then there are at most 16 refusals, however
+    // late the save whose digest nobody else holds is dropped meanwhile.
     hashes[2].reset();
-    ASSERT_TRUE(waitUntil([&] { return writer.refusedAttempts() >= 5 * 3; }));
+    ASSERT_TRUE(waitUntil([&] { return writer.refusedAttempts() >= 5 * 4; }));
     EXPECT_GE(timer.elapsed(), 1100);
     EXPECT_TRUE(deleted[2]);
+    writer.flush(); // no save in flight: every one counted in the queue
     EXPECT_EQ(writer.bytesInQueue(), 3 * 3000);
 
     ASSERT_TRUE(QFile::remove(dir.path() + QStringLiteral("/file")));

@@ -13,23 +13,13 @@ const char *const kEmpty256Text
 
 } // namespace
 
-TEST(RvoDataHash, DigestIsSkeinsOfThatSizeTextRoundTripsAndBadInputHashesAsEmpty)
+// The text form is the digest's 32-bit words in decimal, joined by '-'.
+TEST(RvoDataHash, DigestIsSkeinsOfItsSizeAndItsTextRoundTrips)
 {
-    DebugCapture debug;
-    const RvoDataHash empty512(QByteArray(), RvoDataHash::Skein512);
-    const RvoDataHash empty256(nullptr, 0, RvoDataHash::Skein256);
-    EXPECT_EQ(empty512.toString(), QLatin1String(kEmpty512Text));
-    EXPECT_EQ(empty256.toString(), QLatin1String(kEmpty256Text));
-    EXPECT_TRUE(debug.messages().isEmpty());
-
-    const RvoDataHash negative(reinterpret_cast<const unsigned char *>("abc"), -5,
-                               RvoDataHash::Skein512);
-    const RvoDataHash null(nullptr, 100, RvoDataHash::Skein512);
-    EXPECT_EQ(negative.toString(), QLatin1String(kEmpty512Text));
-    EXPECT_EQ(null.toString(), QLatin1String(kEmpty512Text));
-    EXPECT_EQ(debug.messages().size(), 2);
-
-    // The digest is Skein's of that size, and its text form round-trips.
+    EXPECT_EQ(RvoDataHash(QByteArray(), RvoDataHash::Skein512).toString(),
+              QLatin1String(kEmpty512Text));
+    EXPECT_EQ(RvoDataHash(nullptr, 0, RvoDataHash::Skein256).toString(),
+              QLatin1String(kEmpty256Text));
     const QByteArray data = testContent(3, 100000);
     for (RvoDataHash::Size size :
          {RvoDataHash::Skein256, RvoDataHash::Skein512, RvoDataHash::Skein1024}) {
@@ -41,15 +31,29 @@ TEST(RvoDataHash, DigestIsSkeinsOfThatSizeTextRoundTripsAndBadInputHashesAsEmpty
         const RvoDataHash hash(data, size);
         ASSERT_EQ(hash.byteCount(), int(size));
         EXPECT_EQ(std::memcmp(hash.data(), expected, size_t(size)), 0);
-        // Equality compares size and bytes.
         const RvoDataHash parsed(hash.toString());
         EXPECT_TRUE(parsed == hash);
         EXPECT_EQ(parsed.toString(), hash.toString());
     }
 }
 
+TEST(RvoDataHash, BufferThatCannotBeHashesAsTheEmptyMessage)
+{
+    DebugCapture debug;
+    RvoDataHash(nullptr, 0, RvoDataHash::Skein512); // no bytes at no address: the empty message
+    const unsigned char *abc = reinterpret_cast<const unsigned char *>("abc");
+    EXPECT_EQ(RvoDataHash(abc, -5, RvoDataHash::Skein512).toString(), QLatin1String(kEmpty512Text));
+    EXPECT_EQ(RvoDataHash(nullptr, 100, RvoDataHash::Skein512).toString(),
+              QLatin1String(kEmpty512Text));
+    EXPECT_EQ(debug.messages(),
+              (QStringList {QString::asprintf("Hashing -5 bytes at %p refused: no such buffer",
+                                              static_cast<const void *>(abc)),
+                            QString::asprintf("Hashing 100 bytes at %p refused: no such buffer",
+                                              nullptr)}));
+}
+
 // Malformed text, an empty digest and a zero size: each is said.
-TEST(RvoDataHash, MalformedTextEmptyDigestsAndZeroSizeAreReported)
+TEST(RvoDataHash, InvalidDigestsAreReported)
 {
     DebugCapture debug;
     StdoutCapture out;
@@ -80,7 +84,8 @@ TEST(RvoDataHash, MalformedTextEmptyDigestsAndZeroSizeAreReported)
                             QStringLiteral("Result Length 0  Size 0")}));
 }
 
-TEST(RvoDataHash, EqualityIsBySizeAndBytesCopiesTakeTheUserIdAndLiveObjectsAreCounted)
+// The user id, the don't-cache and preloading flags are no part of it.
+TEST(RvoDataHash, EqualityIsBySizeAndBytes)
 {
     const QByteArray data = testContent(1, 64);
     RvoDataHash a(data, RvoDataHash::Skein512);
@@ -93,7 +98,12 @@ TEST(RvoDataHash, EqualityIsBySizeAndBytesCopiesTakeTheUserIdAndLiveObjectsAreCo
     // The same leading bytes at another size.
     EXPECT_TRUE(RvoDataHash(RvoDataHash::Skein256, a.data()) != a
                 && RvoDataHash(testContent(2, 64), RvoDataHash::Skein512) != a);
+}
 
+// A copy takes the digest and the user id, and neither the flags nor the
+// count; assignment keeps the flags it had.
+TEST(RvoDataHash, CopiesTakeTheUserIdButNoFlags)
+{
     const RvoSmartPointer<RvoDataHash> source(
             new RvoDataHash(testContent(1, 10), RvoDataHash::Skein1024));
     source->setUserId(5);
@@ -102,19 +112,21 @@ TEST(RvoDataHash, EqualityIsBySizeAndBytesCopiesTakeTheUserIdAndLiveObjectsAreCo
     const RvoDataHash copy(*source);
     EXPECT_TRUE(copy == *source);
     EXPECT_EQ(copy.userId(), 5);
-    EXPECT_FALSE(copy.isDontCache() || copy.isPreloading()) << "a copy takes no flags";
+    EXPECT_FALSE(copy.isDontCache() || copy.isPreloading());
     EXPECT_EQ(copy.refCount(), 0);
 
     RvoDataHash assigned(testContent(3, 3), RvoDataHash::Skein256);
     assigned.setDontCache(true);
     assigned = *source;
     EXPECT_TRUE(assigned == *source);
-    EXPECT_EQ(assigned.size(), RvoDataHash::Skein1024);
     EXPECT_EQ(assigned.userId(), 5);
-    EXPECT_TRUE(assigned.isDontCache()) << "assignment keeps the flags it had";
+    EXPECT_TRUE(assigned.isDontCache());
+}
 
-    // Live objects are counted. Bookkeeping per block is budgeted: the digest
-    // object must stay small.
+// Bookkeeping per block is budgeted: the digest object must stay small.
+// Releasing a count nobody took is reported and deletes nothing.
+TEST(RvoDataHash, LiveObjectsAreCountedAndStaySmall)
+{
     EXPECT_LE(sizeof(RvoDataHash), 128u);
     const int before = RvoDataHash::hashCount();
     {
@@ -125,7 +137,6 @@ TEST(RvoDataHash, EqualityIsBySizeAndBytesCopiesTakeTheUserIdAndLiveObjectsAreCo
     }
     EXPECT_EQ(RvoDataHash::hashCount(), before);
 
-    // Releasing a count nobody took is reported and deletes nothing.
     auto *hash = new RvoDataHash(testContent(5, 5), RvoDataHash::Skein512);
     StdoutCapture out;
     RvoSmartPointer<RvoDataHash>::adopt(hash).reset();

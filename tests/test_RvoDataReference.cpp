@@ -24,10 +24,8 @@ RvoDataReference pendingOn(const RvoDataReference &result)
 
 } // namespace
 
-// A hashing job is counted until its last reference goes and adds its block
-// even when nobody resolves it; equal content gives equal references once
-// resolved, and reads wait for the job.
-TEST(RvoDataReference, JobsAddTheirBlockAreCountedAndGiveEqualReferencesOnceResolved)
+// A copy of a pending reference keeps the job after the original resolves.
+TEST(RvoDataReference, HashingJobIsCountedUntilItsLastReferenceGoes)
 {
     ManagerSetup setup;
     const int jobs = RvoBlockFuture::numHashJobs();
@@ -35,66 +33,80 @@ TEST(RvoDataReference, JobsAddTheirBlockAreCountedAndGiveEqualReferencesOnceReso
         RvoDataReference a = addBlock(testContent(3), RvoModifyAccessor::CacheContent, false);
         RvoDataReference copy(a);
         EXPECT_EQ(RvoBlockFuture::numHashJobs(), jobs + 1);
-        a.hash(); // a resolves and lets go of the job; the copy still holds it
+        a.hash();
         EXPECT_EQ(RvoBlockFuture::numHashJobs(), jobs + 1);
     }
     EXPECT_EQ(RvoBlockFuture::numHashJobs(), jobs);
-    {
-        addBlock(testContent(4), RvoModifyAccessor::CacheContent, false);
-    } // the job is waited for here, never resolved by anyone
+}
+
+// The job is waited for when its reference goes: the block goes live and
+// is queued for its disk copy, then leaves with the digest.
+TEST(RvoDataReference, UnresolvedJobStillAddsItsBlock)
+{
+    ManagerSetup setup;
+    addBlock(testContent(4), RvoModifyAccessor::CacheContent, false);
     EXPECT_EQ(RvoHashingJob::liveHashJobCount(), 0);
     EXPECT_EQ(RvoHashingJob::unfinishedHashJobCount(), 0);
-    // The job ran: the block went live and was queued for its disk copy.
     manager().flush(false, RvoDataBlockManager::WriteThreads);
     const QString text = RvoDataHash(testContent(4), RvoDataHash::Skein512).toString();
     EXPECT_GT(readFile(manager().getBlockDestination(QString(), text)).size(), 12);
-    // Nobody references it now, so the digest and the block have gone.
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
     EXPECT_EQ(manager().liveBytes(), 0);
     EXPECT_EQ(RvoBlockFuture::numHashJobs(), 0);
+}
 
+// Two pending references differ until resolved; reads wait for the job.
+TEST(RvoDataReference, EqualContentGivesEqualReferencesOnceResolved)
+{
+    ManagerSetup setup;
     const QByteArray content = testContent(1, 300000);
     const RvoDataReference sync1 = addBlock(content);
     EXPECT_TRUE(sync1 == addBlock(content));
-
     RvoDataReference async1 = addBlock(content, RvoModifyAccessor::CacheContent, false);
     RvoDataReference async2 = addBlock(content, RvoModifyAccessor::CacheContent, false);
-    EXPECT_FALSE(async1.isNull());
-    EXPECT_FALSE(async1 == async2) << "two pending references differ until resolved";
+    EXPECT_FALSE(async1 == async2);
     EXPECT_EQ(bytesOf(async2), content);
     EXPECT_EQ(async1.hash(), sync1.hash());
     EXPECT_TRUE(async1 == async2);
     EXPECT_TRUE(async1 == sync1);
+}
 
-    // The user id lives on the digest, shared by every reference to it.
-    RvoDataReference(sync1).setUserId(42);
-    EXPECT_EQ(addBlock(content, RvoModifyAccessor::CacheContent, false).userId(), 42);
+// Every reference to the digest shares it; a null reference has none.
+TEST(RvoDataReference, UserIdLivesOnTheDigest)
+{
+    ManagerSetup setup;
+    const RvoDataReference ref = addBlock(testContent(1, 1000));
+    RvoDataReference(ref).setUserId(42);
+    EXPECT_EQ(addBlock(testContent(1, 1000), RvoModifyAccessor::CacheContent, false).userId(), 42);
     RvoDataReference null;
     null.setUserId(7); // ignored
     EXPECT_EQ(null.userId(), -1);
 }
 
-TEST(RvoDataReference, ChainsOfJobsAreFollowedNullReferencesGiveNullAccessorsAndAllAreCounted)
+TEST(RvoDataReference, ChainsOfJobsAreFollowed)
 {
     ManagerSetup setup;
     const RvoDataReference target = addBlock(testContent(5));
     const RvoDataReference chained = pendingOn(pendingOn(pendingOn(target)));
     EXPECT_EQ(chained.hashPtr(), target.hashPtr());
     EXPECT_TRUE(chained == target);
-
     StdoutCapture out;
     const RvoDataReference nothing = pendingOn(pendingOn(RvoDataReference()));
     EXPECT_EQ(nothing.hash(), QStringLiteral("NULL"));
     EXPECT_TRUE(nothing.isNull());
+    EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Null Value for m_DataHash")});
+}
 
-    // No digest, or a digest with no block in memory and no block file:
-    // there is nothing to read, and the accessors say so instead of touching
-    // a null block.
+// No digest, or a digest with no block in memory and no block file: there
+// is nothing to read, and the accessors say so instead of touching a null
+// block.
+TEST(RvoDataReference, ReferenceWithNoBlockGivesNullAccessors)
+{
+    ManagerSetup setup;
+    StdoutCapture out;
     DebugCapture debug;
     EXPECT_TRUE(RvoDataReference().modifyAccessor().isNull());
-    EXPECT_EQ(out.lines(),
-              (QStringList {QStringLiteral("Null Value for m_DataHash"),
-                            QStringLiteral("Null Value of m_DataHash")}));
+    EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Null Value of m_DataHash")});
     EXPECT_EQ(debug.messages(),
               QStringList {QStringLiteral("Null Value of m_DataHash m_HashJob=0x0")});
 
@@ -104,17 +116,17 @@ TEST(RvoDataReference, ChainsOfJobsAreFollowedNullReferencesGiveNullAccessorsAnd
     EXPECT_EQ(read.data(), nullptr);
     EXPECT_TRUE(orphan.modifyAccessor().isNull());
     EXPECT_GT(debug.messages().size(), 1) << "the failed loads are reported";
+}
 
-    // Default references are null, and every reference is counted.
+// Placement new counts no heap allocation.
+TEST(RvoDataReference, EveryReferenceIsCounted)
+{
     const int live = RvoDataReference::referenceCount();
     const int heap = RvoDataReference::allocCount();
     {
         const RvoDataReference a;
         const RvoDataReference b(a);
-        EXPECT_TRUE(a.isNull());
-        EXPECT_EQ(a.userId(), -1);
-        EXPECT_EQ(a.hash(), QStringLiteral("NULL"));
-        EXPECT_TRUE(a == b && a.hashPtr().isNull());
+        EXPECT_TRUE(a.isNull() && a == b && a.hashPtr().isNull());
         auto *c = new RvoDataReference(b);
         EXPECT_EQ(RvoDataReference::referenceCount(), live + 3);
         EXPECT_EQ(RvoDataReference::allocCount(), heap + 1);
@@ -122,7 +134,7 @@ TEST(RvoDataReference, ChainsOfJobsAreFollowedNullReferencesGiveNullAccessorsAnd
         EXPECT_EQ(RvoDataReference::allocCount(), heap);
         alignas(RvoDataReference) unsigned char place[sizeof(RvoDataReference)];
         auto *placed = new (place) RvoDataReference();
-        EXPECT_EQ(RvoDataReference::allocCount(), heap) << "placement new counts nothing";
+        EXPECT_EQ(RvoDataReference::allocCount(), heap);
         placed->~RvoDataReference();
     }
     EXPECT_EQ(RvoDataReference::referenceCount(), live);

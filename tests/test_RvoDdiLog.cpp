@@ -1,7 +1,6 @@
 #include "ManagerTestAccess.h"
 #include "RvoDdiLog.h"
 
-#include <QDir>
 #include <QRegularExpression>
 
 namespace {
@@ -13,15 +12,12 @@ QString logText(const QString &directory)
 
 } // namespace
 
-// No directory yet, or one that cannot be used: even a fatal entry returns
-// true and ends nothing. An entry is one line with its tag, time, message
-// and position.
-TEST(RvoDdiLog, EntriesAreOneLineEachAndNothingIsWrittenWhileDisabledClosedOrWithoutADirectory)
+// No directory yet, or one that cannot be used (a plain file where a
+// directory would have to be, a directory where the log file would have to
+// be): even a fatal entry returns true and ends nothing.
+TEST(RvoDdiLog, UnusableDirectoryIsReportedAndFatalEntriesEndNothing)
 {
     QTemporaryDir dir;
-    const QString nested = dir.path() + QStringLiteral("/a/b/SubCache");
-    // A plain file where a directory would have to be, and a directory where
-    // the log file would have to be.
     ASSERT_TRUE(writeFile(dir.path() + QStringLiteral("/file"), QByteArray()));
     ASSERT_TRUE(QDir(dir.path()).mkpath(QStringLiteral("busy/DdiLog.txt")));
     RvoDdiLog &log = RvoDdiLog::instance();
@@ -30,39 +26,54 @@ TEST(RvoDdiLog, EntriesAreOneLineEachAndNothingIsWrittenWhileDisabledClosedOrWit
     EXPECT_FALSE(log.setSubCache(dir.path() + QStringLiteral("/file/sub")));
     EXPECT_FALSE(log.setSubCache(dir.path() + QStringLiteral("/busy")));
     EXPECT_TRUE(log.log(RvoDdiLog::Fatal, "f.cpp", 1, QStringLiteral("still not fatal")));
-
-    ASSERT_TRUE(log.setSubCache(nested)); // made with its parents
-    log.setEnabled(false);
-    EXPECT_FALSE(log.enabled());
-    EXPECT_TRUE(log.log(RvoDdiLog::Warning, "f.cpp", 2, QStringLiteral("disabled")));
-    log.setEnabled(true);
-    EXPECT_TRUE(log.log(RvoDdiLog::Information, "f.cpp", 3, QStringLiteral("first")));
-    // An empty directory closes the log; reopening appends.
-    EXPECT_TRUE(log.setSubCache(QString()));
-    log.log(RvoDdiLog::Information, "f.cpp", 4, QStringLiteral("while closed"));
-    ASSERT_TRUE(log.setSubCache(nested));
-    log.log(RvoDdiLog::Information, "f.cpp", 5, QStringLiteral("second"));
-    EXPECT_TRUE(log.log(RvoDdiLog::Information, "writer.cpp", 42, QStringLiteral("hello")));
-    RVODDI_LOG(RvoDdiLog::Warning, QStringLiteral("careful"));
-
-    const QStringList lines = logText(nested).split(QLatin1Char('\n'));
-    ASSERT_EQ(lines.size(), 5);
-    EXPECT_TRUE(lines.at(0).endsWith(QStringLiteral(" first - f.cpp:3"))
-                && lines.at(1).endsWith(QStringLiteral(" second - f.cpp:5")));
-    const QRegularExpression info(
-            QStringLiteral(R"(^\[ I \] \d\d:\d\d:\d\d hello - writer\.cpp:42$)"));
-    const QRegularExpression warning(
-            QStringLiteral(R"(^\[ W \] \d\d:\d\d:\d\d careful - .*test_RvoDdiLog\.cpp:\d+$)"));
-    EXPECT_TRUE(info.match(lines.at(2)).hasMatch()) << qPrintable(lines.at(2));
-    EXPECT_TRUE(warning.match(lines.at(3)).hasMatch()) << qPrintable(lines.at(3));
-    EXPECT_TRUE(lines.at(4).isEmpty());
-    // Only warnings are echoed on the debug channel.
     EXPECT_EQ(debug.messages(),
               (QStringList {QStringLiteral("[ !! ] Subcache Directory does not exist and cannot be "
                                            "created for logging"),
                             QStringLiteral("[ !! ] Cannot Open DDi Log ") + dir.path()
-                                    + QStringLiteral("/busy/DdiLog.txt"),
-                            lines.at(3)}));
+                                    + QStringLiteral("/busy/DdiLog.txt")}));
+}
+
+// The directory is made with its parents. Only warnings are echoed on the
+// debug channel.
+TEST(RvoDdiLog, EntryIsOneLineWithItsTagTimeMessageAndPosition)
+{
+    QTemporaryDir dir;
+    const QString nested = dir.path() + QStringLiteral("/a/b/SubCache");
+    RvoDdiLog &log = RvoDdiLog::instance();
+    ASSERT_TRUE(log.setSubCache(nested));
+    DebugCapture debug;
+    EXPECT_TRUE(log.log(RvoDdiLog::Information, "writer.cpp", 42, QStringLiteral("hello")));
+    RVODDI_LOG(RvoDdiLog::Warning, QStringLiteral("careful"));
+    const QStringList lines = logText(nested).split(QLatin1Char('\n'));
+    ASSERT_EQ(lines.size(), 3);
+    const QRegularExpression info(
+            QStringLiteral(R"(^\[ I \] \d\d:\d\d:\d\d hello - writer\.cpp:42$)"));
+    const QRegularExpression warning(
+            QStringLiteral(R"(^\[ W \] \d\d:\d\d:\d\d careful - .*test_RvoDdiLog\.cpp:\d+$)"));
+    EXPECT_TRUE(info.match(lines.at(0)).hasMatch()) << qPrintable(lines.at(0));
+    EXPECT_TRUE(warning.match(lines.at(1)).hasMatch()) << qPrintable(lines.at(1));
+    EXPECT_TRUE(lines.at(2).isEmpty());
+    EXPECT_EQ(debug.messages(), QStringList {lines.at(1)});
+}
+
+// An empty directory closes the log; reopening appends.
+TEST(RvoDdiLog, NothingIsWrittenWhileDisabledOrClosed)
+{
+    QTemporaryDir dir;
+    RvoDdiLog &log = RvoDdiLog::instance();
+    ASSERT_TRUE(log.setSubCache(dir.path()));
+    log.setEnabled(false);
+    EXPECT_TRUE(log.log(RvoDdiLog::Warning, "f.cpp", 2, QStringLiteral("disabled")));
+    log.setEnabled(true);
+    log.log(RvoDdiLog::Information, "f.cpp", 3, QStringLiteral("first"));
+    EXPECT_TRUE(log.setSubCache(QString()));
+    log.log(RvoDdiLog::Information, "f.cpp", 4, QStringLiteral("while closed"));
+    ASSERT_TRUE(log.setSubCache(dir.path()));
+    log.log(RvoDdiLog::Information, "f.cpp", 5, QStringLiteral("second"));
+    const QStringList lines = logText(dir.path()).split(QLatin1Char('\n'));
+    ASSERT_EQ(lines.size(), 3);
+    EXPECT_TRUE(lines.at(0).endsWith(QStringLiteral(" first - f.cpp:3"))
+                && lines.at(1).endsWith(QStringLiteral(" second - f.cpp:5")));
 }
 
 TEST(RvoDdiLogDeathTest, FatalEntryEndsTheProcessWhenTheLogIsOpen)

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <thread>
 #include <vector>
 
@@ -24,7 +23,9 @@ bool freeForOtherThreads(RvoDdiMutex &mutex)
 
 } // namespace
 
-TEST(RvoDdiMutex, LockersUnlockOnlyWhatTheyHoldNestingExcludesOthersAPlainMutexRefusesItsHolder)
+// A locker's destructor releases only a hold it still has; relocking a
+// held locker takes nothing more.
+TEST(RvoDdiMutex, LockerUnlocksOnlyWhatItHolds)
 {
     RvoDdiMutex mutex(0, RvoDdiMutex::Recursive);
     mutex.lock(); // the test's own hold, depth 1
@@ -44,12 +45,14 @@ TEST(RvoDdiMutex, LockersUnlockOnlyWhatTheyHoldNestingExcludesOthersAPlainMutexR
     EXPECT_FALSE(freeForOtherThreads(mutex));
     mutex.unlock();
     EXPECT_TRUE(freeForOtherThreads(mutex));
+}
 
-    // Assignment copies the fields without locking; a null mutex is inert.
+// Assignment copies the fields without locking; a null mutex is inert.
+TEST(RvoDdiMutex, AssignedLockerTakesNoLockOfItsOwn)
+{
     RvoDdiMutex plain;
     RvoDdiMutexLocker held(&plain);
     RvoDdiMutexLocker other(nullptr);
-    EXPECT_FALSE(other.isHeld());
     other.relock();
     EXPECT_FALSE(other.isHeld());
     other.unlock(); // must not crash
@@ -59,8 +62,11 @@ TEST(RvoDdiMutex, LockersUnlockOnlyWhatTheyHoldNestingExcludesOthersAPlainMutexR
     held.unlock(); // one release for the one lock
     other = RvoDdiMutexLocker(nullptr);
     EXPECT_TRUE(freeForOtherThreads(plain));
+}
 
-    // Nested lockers exclude other threads.
+TEST(RvoDdiMutex, NestedLockersExcludeOtherThreads)
+{
+    RvoDdiMutex mutex(0, RvoDdiMutex::Recursive);
     long counter = 0; // guarded by mutex
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
@@ -75,22 +81,32 @@ TEST(RvoDdiMutex, LockersUnlockOnlyWhatTheyHoldNestingExcludesOthersAPlainMutexR
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(counter, 4 * 20000);
+}
 
-    // A recursive mutex is released only by its holder's last unlock; a plain
-    // one (the default) refuses its holder, at once and after a timeout.
-    for (const bool recursive : {true, false}) {
-        const auto mutex = recursive ? std::make_unique<RvoDdiMutex>(9, RvoDdiMutex::Recursive)
-                                     : std::make_unique<RvoDdiMutex>();
-        mutex->lock();
-        EXPECT_EQ(mutex->tryLock(), recursive);
-        EXPECT_EQ(mutex->tryLock(5), recursive);
-        if (recursive) {
-            mutex->unlock();
-            mutex->unlock();
-            std::thread([&] { mutex->unlock(); }).join(); // not the holder: ignored
-        }
-        EXPECT_FALSE(freeForOtherThreads(*mutex));
-        mutex->unlock();
-        EXPECT_TRUE(freeForOtherThreads(*mutex));
-    }
+// Unlocks by another thread are ignored.
+TEST(RvoDdiMutex, RecursiveMutexIsFreedOnlyByItsHoldersLastUnlock)
+{
+    RvoDdiMutex mutex(9, RvoDdiMutex::Recursive);
+    mutex.lock();
+    EXPECT_TRUE(mutex.tryLock());
+    EXPECT_TRUE(mutex.tryLock(5));
+    mutex.unlock();
+    mutex.unlock();
+    std::thread([&] { mutex.unlock(); }).join();
+    EXPECT_FALSE(freeForOtherThreads(mutex));
+    mutex.unlock();
+    EXPECT_TRUE(freeForOtherThreads(mutex));
+}
+
+// A plain mutex (the default) refuses its holder, at once and after a
+// timeout, and is free after the one unlock.
+TEST(RvoDdiMutex, PlainMutexRefusesItsHolder)
+{
+    RvoDdiMutex mutex;
+    mutex.lock();
+    EXPECT_FALSE(mutex.tryLock());
+    EXPECT_FALSE(mutex.tryLock(5));
+    EXPECT_FALSE(freeForOtherThreads(mutex));
+    mutex.unlock();
+    EXPECT_TRUE(freeForOtherThreads(mutex));
 }

@@ -1,8 +1,6 @@
 #include "ManagerTestAccess.h"
 #include "RvoDiskLayout_p.h"
 
-#include <QDir>
-
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -23,8 +21,8 @@ QString digestText(const QStringList &firstWords)
 } // namespace
 
 // The root is the digit sum of the first four characters (separators count
-// -1) modulo the root count; the destination names root, bucket and file.
-TEST(RvoDiskLayout, RootIsTheDigitSumOfFourCharactersAndRandomBlocksSpreadEvenlyOverTheBuckets)
+// -1) modulo the root count; a negative sum chooses none.
+TEST(RvoDiskLayout, RootIsTheDigitSumOfFourCharacters)
 {
     ManagerSetup setup(2);
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("4150-1")), 0); // 0+5+1+4 = 10
@@ -32,17 +30,6 @@ TEST(RvoDiskLayout, RootIsTheDigitSumOfFourCharactersAndRandomBlocksSpreadEvenly
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("0000")), 0);
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("9999-1")), 0); // 36
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("9998-1")), 1); // 35
-
-    // The destination names the root, the bucket and the file; the first
-    // root holds the sub-caches.
-    manager().setSubCache(QStringLiteral("SubCache"));
-    const QString even = digestText({QStringLiteral("4150470588")}); // 4+1+5+0 = 10 -> root 0
-    const QString odd = digestText({QStringLiteral("7"), QStringLiteral("12")}); // 9 -> root 1
-    EXPECT_EQ(QDir::cleanPath(manager().getBlockDestination(QStringLiteral("SubCache"), even)),
-              setup.root(0) + QStringLiteral("/SubCache/8/") + even);
-    EXPECT_EQ(QDir::cleanPath(manager().getBlockDestination(QString(), odd)),
-              setup.root(1) + QStringLiteral("/7/") + odd);
-
     StdoutCapture out;
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("1-0-3")), -1); // -1+0-1+1 = -1
     const QString none = digestText({QStringLiteral("1"), QStringLiteral("0")});
@@ -51,14 +38,29 @@ TEST(RvoDiskLayout, RootIsTheDigitSumOfFourCharactersAndRandomBlocksSpreadEvenly
               (QStringList {
                       QStringLiteral("Cannot find suitable cache reading thread -1 for 1-0-3"),
                       QStringLiteral("Cannot find suitable cache reading thread -1 for ") + none}));
+}
 
-    // Whether a sub-cache exists is asked of the first root.
+// The bucket is the first word modulo the bucket count; the first root
+// holds the sub-caches, and is the one asked whether a sub-cache exists.
+TEST(RvoDiskLayout, DestinationNamesTheRootSubCacheBucketAndFile)
+{
+    ManagerSetup setup(2);
+    manager().setSubCache(QStringLiteral("SubCache"));
+    const QString even = digestText({QStringLiteral("4150470588")}); // 4+1+5+0 = 10 -> root 0
+    const QString odd = digestText({QStringLiteral("7"), QStringLiteral("12")}); // 9 -> root 1
+    EXPECT_EQ(QDir::cleanPath(manager().getBlockDestination(QStringLiteral("SubCache"), even)),
+              setup.root(0) + QStringLiteral("/SubCache/8/") + even);
+    EXPECT_EQ(QDir::cleanPath(manager().getBlockDestination(QString(), odd)),
+              setup.root(1) + QStringLiteral("/7/") + odd);
     ASSERT_TRUE(QDir(setup.root(1)).mkpath(QStringLiteral("S")));
     EXPECT_FALSE(manager().subCacheExists(QStringLiteral("S")));
     ASSERT_TRUE(QDir(setup.root(0)).mkpath(QStringLiteral("S")));
     EXPECT_TRUE(manager().subCacheExists(QStringLiteral("S")));
+}
 
-    // Random blocks spread evenly over the buckets, under block file names.
+// Only 64-byte digests name block files.
+TEST(RvoDiskLayout, RandomBlocksSpreadEvenlyOverTheBuckets)
+{
     std::mt19937 random(42);
     int counts[10] = {};
     QByteArray block(262144, Qt::Uninitialized);
@@ -80,15 +82,13 @@ TEST(RvoDiskLayout, RootIsTheDigitSumOfFourCharactersAndRandomBlocksSpreadEvenly
         sumSquares += (count - 100.0) * (count - 100.0);
     }
     EXPECT_LE(std::sqrt(sumSquares / 10) / 1000, 0.05);
-    // Only 64-byte digests name block files.
     EXPECT_FALSE(
             isBlockFileName(RvoDataHash(QByteArray("x"), RvoDataHash::Skein256).toString())
             || isBlockFileName(RvoDataHash(QByteArray("x"), RvoDataHash::Skein1024).toString()));
 }
 
-TEST(RvoDiskLayout, OneRootTakesEveryDigestBadTextsOrNoRootsAreRefusedSeparatorsAreKept)
+TEST(RvoDiskLayout, NoRootIsChosenWithoutASetup)
 {
-    // Without a setup, or without roots, nothing is chosen.
     StdoutCapture unset;
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("4150-1")), -1);
     EXPECT_EQ(manager().getBlockDestination(QString(), digestText({QStringLiteral("1")})),
@@ -97,17 +97,23 @@ TEST(RvoDiskLayout, OneRootTakesEveryDigestBadTextsOrNoRootsAreRefusedSeparators
     ASSERT_FALSE(lines.isEmpty());
     EXPECT_EQ(lines.first(), QStringLiteral("Number of cache paths is zero"));
     EXPECT_TRUE(lines.contains(QStringLiteral("Data Block Manager Not Initialized. Aborting")));
+}
 
+// A negative sum too; a text too short, or no digest, chooses none.
+TEST(RvoDiskLayout, OneRootTakesEveryDigest)
+{
     ManagerSetup setup(1);
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("1-0-3")), 0);
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("9999")), 0);
-
     StdoutCapture out;
     EXPECT_EQ(Access::cacheIndex(QStringLiteral("12")), -1);
     EXPECT_EQ(Access::cacheIndex(static_cast<const RvoDataHash *>(nullptr)), -1);
     EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Hash String is too Short 12")});
+}
 
-    // File name and bucket directory keep their doubled separators.
+// A null digest names no file and leaves the outputs alone.
+TEST(RvoDiskLayout, FileNameAndBucketKeepDoubledSeparators)
+{
     const RvoDataHash hash(digestText({QStringLiteral("4150470588")}));
     QString directory = QStringLiteral("untouched");
     QString name;

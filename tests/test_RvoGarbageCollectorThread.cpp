@@ -2,16 +2,12 @@
 #include "RvoCacheScan_p.h"
 #include "RvoGarbageCollectorThread_p.h"
 
-#include <QDir>
 #include <QDirIterator>
-#include <QFile>
 #include <QProcess>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <future>
-#include <thread>
 
 namespace {
 
@@ -74,29 +70,48 @@ struct LoggingReporter : RvoDataBlockManager::ProgressReporter
 
 } // namespace
 
-// A pass deletes exactly the digest-shaped files of dead 64-byte digests
-// and temporary files over an hour old, in the named sub-cache of every
-// root, and reports the sub-cache and each bucket it went through; with no
-// sub-cache named, or with collection off, it touches nothing.
-TEST(RvoGarbageCollectorThread, PassLeavesExactlyLiveFilesOddNamesAndYoungTemporaries)
+// Files no pass may touch: odd names, a dead digest's, an old and a young
+// temporary, at the root's bucket level and in the sub-cache "Named".
+class RvoGarbageCollectorPass : public ::testing::Test
 {
-    ManagerSetup setup(2);
+protected:
+    void SetUp() override
+    {
+        for (const QString &name : odd + QStringList {deadName(-1), old, young}) {
+            writeFile(root + QStringLiteral("/3/") + name, "data");
+            writeFile(dir + name, "data");
+        }
+        ASSERT_TRUE(setAge(dir + old, 7200) && setAge(root + QStringLiteral("/3/") + old, 7200));
+    }
+
+    ManagerSetup setup {2};
     const QString root = setup.root(0);
+    const QString dir = root + QStringLiteral("/Named/3/");
     // A 32-byte digest's text form, and one of a 128-byte digest's shape
     // with short words (its own is longer than a file name may be).
     const QStringList odd {RvoDataHash(QByteArray("x"), RvoDataHash::Skein256).toString(),
                            QStringLiteral("1-").repeated(31) + QStringLiteral("1")};
-    const QString dir = root + QStringLiteral("/Named/3/");
     const QString old = QStringLiteral("write-1-2-3-old.tmp");
     const QString young = QStringLiteral("write-1-2-3-young.tmp");
-    for (const QString &name : odd + QStringList {deadName(-1), old, young}) {
-        writeFile(root + QStringLiteral("/3/") + name, "data");
-        writeFile(dir + name, "data");
-    }
-    ASSERT_TRUE(setAge(dir + old, 7200) && setAge(root + QStringLiteral("/3/") + old, 7200));
-    collectOnce();
-    EXPECT_EQ(filesUnder({root}).size(), 10) << "no sub-cache named: nothing is touched";
+};
 
+// With collection off a pass only says it went through the sub-cache.
+TEST_F(RvoGarbageCollectorPass, NothingIsCollectedWithoutASubCacheOrWithCollectionOff)
+{
+    collectOnce();
+    EXPECT_EQ(filesUnder({root}).size(), 10) << "no sub-cache named";
+    manager().setSubCache(QStringLiteral("Named"));
+    LoggingReporter off;
+    manager().collectGarbage(&off);
+    EXPECT_EQ(filesUnder({root}).size(), 11) << "collection off (and the sub-cache's log)";
+    EXPECT_EQ(off.log, QStringLiteral("Garbage Collecting/20:end"));
+}
+
+// A pass deletes exactly the digest-shaped files of dead 64-byte digests
+// and temporary files over an hour old, in the named sub-cache of every
+// root, and reports each root's sub-cache and each bucket it went through.
+TEST_F(RvoGarbageCollectorPass, PassLeavesExactlyLiveFilesOddNamesAndYoungTemporaries)
+{
     manager().setSubCache(QStringLiteral("Named"));
     QVector<RvoDataReference> refs;
     for (int i = 0; i < 20; ++i)
@@ -107,11 +122,8 @@ TEST(RvoGarbageCollectorThread, PassLeavesExactlyLiveFilesOddNamesAndYoungTempor
     for (int b = 0; b < 20; ++b)
         QDir().mkpath(setup.root(b / 10) + QStringLiteral("/Named/%1").arg(b % 10));
 
-    LoggingReporter off, on;
-    manager().collectGarbage(&off);
-    EXPECT_TRUE(QFile::exists(dir + deadName(-1)) && QFile::exists(dir + old)) << "off";
-    EXPECT_EQ(off.log, QStringLiteral("Garbage Collecting/20:end"));
-    collectOnce(&on); // each root's sub-cache and its ten buckets, counted on, without texts
+    LoggingReporter on;
+    collectOnce(&on);
     QString steps = QStringLiteral("Garbage Collecting/20:");
     for (int i = 1; i <= 22; ++i)
         steps += QStringLiteral("%1 ,").arg(i);
@@ -128,11 +140,8 @@ TEST(RvoGarbageCollectorThread, PassLeavesExactlyLiveFilesOddNamesAndYoungTempor
 
 // The collector threads make passes on their own while collection is on;
 // switching it off from another thread stops a pass over many dead files
-// before its next deletion, and no pass follows. A pass used to hold its
-// collector's lock while asking the manager for the sub-cache name (the
-// delete lock), while setSubCache held the delete lock and waited for the
-// collector's lock: the two deadlocked.
-TEST(RvoGarbageCollectorThread, CollectorsStopBetweenDeletionsAndNeverDeadlockSubCacheSwitches)
+// before its next deletion, and no pass follows.
+TEST(RvoGarbageCollectorThread, StoppingCollectionEndsAPassBeforeItsNextDeletion)
 {
     ManagerSetup setup(2, QStringLiteral("Start"));
     const QString root = setup.root(0);
@@ -143,12 +152,20 @@ TEST(RvoGarbageCollectorThread, CollectorsStopBetweenDeletionsAndNeverDeadlockSu
     EXPECT_TRUE(waitUntil([&] { return filesUnder({root}).size() < before; }, 5000));
     manager().stopGarbageCollection();
     const int after = int(filesUnder({root}).size());
-    QThread::msleep(300); // three pass periods
-    EXPECT_EQ(int(filesUnder({root}).size()), after) << "no deletion once stopped";
     EXPECT_GT(after, 0);
-    // Collection goes on and off; setSubCache refuses while it is on, so
-    // each name is tried until it goes through in an off moment.
-    manager().setSubCache(QStringLiteral("Sub")); // the files left stay out of the passes
+    // Three pass periods.
+    EXPECT_FALSE(waitUntil([&] { return filesUnder({root}).size() < after; }, 300))
+            << "a deletion once stopped";
+}
+
+// A pass used to hold its collector's lock while asking the manager for the
+// sub-cache name (the delete lock), while setSubCache held the delete lock
+// and waited for the collector's lock: the two deadlocked. Collection goes
+// on and off here; setSubCache refuses while it is on, so each name is
+// tried until it goes through in an off moment.
+TEST(RvoGarbageCollectorThread, SubCacheSwitchesNeverDeadlockWithACollector)
+{
+    ManagerSetup setup(2, QStringLiteral("Start"));
     std::atomic<bool> stop {false};
     std::thread toggler([&] {
         while (!stop.load()) {

@@ -1,6 +1,7 @@
 #include "ManagerTestAccess.h"
 
-TEST(RvoModifyAccessor, ReleasingMakesANewBlockLeavingTheOldAndCopiesShareTheirsUntilTheLastGoes)
+// The reference it came from still names the old block.
+TEST(RvoModifyAccessor, ReleaseMakesANewBlockAndLeavesTheOld)
 {
     ManagerSetup setup;
     const QByteArray content = testContent(1);
@@ -18,22 +19,27 @@ TEST(RvoModifyAccessor, ReleasingMakesANewBlockLeavingTheOldAndCopiesShareTheirs
     EXPECT_EQ(bytesOf(changed), expected);
     EXPECT_EQ(bytesOf(original), content);
     EXPECT_TRUE(source == original);
+}
 
-    // A don't-cache release names the block at once; a null accessor gives a
-    // null reference.
+// A don't-cache release names the block at once; a null accessor has no
+// bytes and gives a null reference.
+TEST(RvoModifyAccessor, DontCacheReleaseNamesTheBlockAtOnce)
+{
+    ManagerSetup setup;
     RvoModifyAccessor fresh = manager().createNewBlock(100, 1);
     const RvoDataReference ref = fresh.release(RvoModifyAccessor::DontCache, false);
     EXPECT_TRUE(ref.hashPtr()->isDontCache());
     EXPECT_EQ(bytesOf(ref), QByteArray(100, '\x01'));
-
     RvoModifyAccessor null;
-    EXPECT_TRUE(null.isNull());
-    EXPECT_EQ(null.size(), 0);
-    EXPECT_EQ(null.data(), nullptr);
-    EXPECT_EQ(null.count(), 0);
+    EXPECT_TRUE(null.isNull() && null.size() == 0 && null.count() == 0 && !null.data());
     EXPECT_TRUE(null.release(RvoModifyAccessor::CacheContent, true).isNull());
+}
 
-    // Copies share the block until the last goes.
+// Assignment gives up the accessor's own block (deleted) and shares the
+// other's.
+TEST(RvoModifyAccessor, CopiesShareTheirBlockUntilTheLastGoes)
+{
+    ManagerSetup setup;
     RvoModifyAccessor first = manager().createNewBlock(1000, 0x11);
     EXPECT_EQ(first.count(), 1);
     {
@@ -43,20 +49,23 @@ TEST(RvoModifyAccessor, ReleasingMakesANewBlockLeavingTheOldAndCopiesShareTheirs
     }
     EXPECT_EQ(first.count(), 1);
     EXPECT_EQ(first.data()[5], 0x22);
-
     RvoModifyAccessor other = manager().createNewBlock(10, 0);
-    other = first; // gives up its own block (deleted) and shares first's
+    other = first;
     EXPECT_EQ(first.count(), 2);
     other = other;
     EXPECT_EQ(first.count(), 2);
+}
 
-    // Releasing one of several copies used to hand the manager the shared
-    // block, which the remaining copies then deleted under it.
-    QByteArray shared(1000, '\x11');
-    shared[5] = 0x22;
+// Releasing one of several copies used to hand the manager the shared
+// block, which the remaining copies then deleted under it.
+TEST(RvoModifyAccessor, ReleasingOneOfSeveralCopiesLeavesTheOthersABlockOfTheirOwn)
+{
+    ManagerSetup setup;
+    RvoModifyAccessor first = manager().createNewBlock(1000, 0x11);
+    RvoModifyAccessor other = first;
     const RvoDataReference added = first.release(RvoModifyAccessor::CacheContent, true);
     EXPECT_EQ(other.count(), 1);
-    other.data()[0] = 0x44; // the copy's block is its own again
+    other.data()[0] = 0x44;
     other = RvoModifyAccessor(); // deletes it
-    EXPECT_EQ(bytesOf(added), shared);
+    EXPECT_EQ(bytesOf(added), QByteArray(1000, '\x11'));
 }

@@ -2,7 +2,6 @@
 #include "RvoResultCache.h"
 
 #include <memory>
-#include <thread>
 
 namespace {
 
@@ -13,44 +12,58 @@ RvoDataReference reference(const char *content)
 
 } // namespace
 
-TEST(RvoResultCache, FirstResultWinsHitsAreCountedDisablingHidesEntriesAreHeldEvenUnderThreads)
+// Later results for a key are taken and dropped; keys compare exactly, and
+// only lookups that find a result count as hits.
+TEST(RvoResultCache, FirstResultForAKeyWins)
 {
-    auto cache = std::make_unique<RvoResultCache>();
-    EXPECT_TRUE(cache->isEnabled());
-    EXPECT_TRUE(cache->lookup(QStringLiteral("blur")).isNull());
-    EXPECT_EQ(cache->cacheHits(), 0) << "a miss is no hit";
-
+    RvoResultCache cache;
+    EXPECT_TRUE(cache.lookup(QStringLiteral("blur")).isNull());
+    EXPECT_EQ(cache.cacheHits(), 0);
     RvoDataReference first = reference("first");
     RvoDataReference second = reference("second");
-    EXPECT_TRUE(cache->addResult(QStringLiteral("blur"), first)
-                && cache->addResult(QStringLiteral("blur"), second));
-    EXPECT_EQ(cache->resultCount(), 1);
-    EXPECT_TRUE(cache->lookup(QStringLiteral("blur")) == first
-                && cache->lookup(QStringLiteral("blur")) == first);
-    EXPECT_EQ(cache->cacheHits(), 2);
-    EXPECT_FALSE(cache->contains(QStringLiteral("Blur"))) << "keys compare exactly";
-    EXPECT_TRUE(cache->lookup(QStringLiteral("Blur")).isNull());
+    EXPECT_TRUE(cache.addResult(QStringLiteral("blur"), first)
+                && cache.addResult(QStringLiteral("blur"), second));
+    EXPECT_EQ(cache.resultCount(), 1);
+    EXPECT_TRUE(cache.lookup(QStringLiteral("blur")) == first
+                && cache.lookup(QStringLiteral("blur")) == first);
+    EXPECT_EQ(cache.cacheHits(), 2);
+    EXPECT_FALSE(cache.contains(QStringLiteral("Blur")));
+    EXPECT_TRUE(cache.lookup(QStringLiteral("Blur")).isNull());
+}
 
-    // Disabled, the cache is invisible but keeps its entries.
+// Disabled, the cache is invisible and takes nothing, but keeps its entries.
+TEST(RvoResultCache, DisabledCacheHidesItsEntries)
+{
+    RvoResultCache cache;
+    RvoDataReference first = reference("first");
     RvoDataReference refused = reference("refused");
-    cache->setEnabled(false);
-    EXPECT_FALSE(cache->contains(QStringLiteral("blur")));
-    EXPECT_TRUE(cache->lookup(QStringLiteral("blur")).isNull());
-    EXPECT_FALSE(cache->addResult(QStringLiteral("b"), refused));
-    EXPECT_EQ(cache->resultCount(), 1);
-    EXPECT_EQ(cache->cacheHits(), 2);
-    cache->setEnabled(true);
-    EXPECT_TRUE(cache->lookup(QStringLiteral("blur")) == first);
-    EXPECT_FALSE(cache->contains(QStringLiteral("b")));
+    cache.addResult(QStringLiteral("blur"), first);
+    cache.setEnabled(false);
+    EXPECT_FALSE(cache.contains(QStringLiteral("blur")));
+    EXPECT_TRUE(cache.lookup(QStringLiteral("blur")).isNull());
+    EXPECT_FALSE(cache.addResult(QStringLiteral("b"), refused));
+    EXPECT_EQ(cache.resultCount(), 1);
+    EXPECT_EQ(cache.cacheHits(), 0);
+    cache.setEnabled(true);
+    EXPECT_TRUE(cache.lookup(QStringLiteral("blur")) == first);
+    EXPECT_FALSE(cache.contains(QStringLiteral("b")));
+}
 
-    // The cache holds its references: the digest lives until the cache goes.
+// The digest of a result lives until the cache goes.
+TEST(RvoResultCache, CacheHoldsItsResults)
+{
+    auto cache = std::make_unique<RvoResultCache>();
+    RvoDataReference first = reference("first");
+    cache->addResult(QStringLiteral("blur"), first);
     const QString text = first.hash();
     first = RvoDataReference();
     EXPECT_TRUE(RvoHashManager::instance().isHashLive(text));
     cache.reset();
     EXPECT_FALSE(RvoHashManager::instance().isHashLive(text));
+}
 
-    // Concurrent adds and lookups keep one result per key.
+TEST(RvoResultCache, ConcurrentAddsKeepOneResultPerKey)
+{
     RvoResultCache shared;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {

@@ -1,4 +1,5 @@
 #include "RvoSkein.h"
+#include "RvoSkeinKnownAnswers_p.h"
 #include "RvoSkein_p.h"
 
 #include <QByteArray>
@@ -15,12 +16,13 @@ namespace {
 struct KnownAnswer
 {
     int bits; // hashbitlen passed to Hash
-    quint64 msgBits; // message length in bits; "00" with 0 bits is the empty message
+    quint64 msgBits; // message length in bits
     const char *msgHex; // or a generated message, see below
     const char *digestHex;
 };
 
-// Known answers. A message "=XXsN" is generated: byte i is XX + i * sN mod 256.
+// Known answers beside the library's own (the self-check's). A message
+// "=XXsN" is generated: byte i is XX + i * sN mod 256.
 // clang-format off
 const KnownAnswer kKnownAnswers[] = {
     // The ShortMsgKAT_<bits> files of the round-1 submission.
@@ -28,46 +30,41 @@ const KnownAnswer kKnownAnswers[] = {
     {224, 1, "00", "d17be4864a86ee4758167c3c29741ee564e4c9c1a49f18f58e0e0854"},
     {224, 520, "16e8b3d8f988e9bb04de9c96f2627811c973ce4a5296b4772ca3eefeb80a652bdf21f50df79f32db23f9f73d393b2d57d9a0297f7a2f2e79cfda39fa393df1ac00", "11560aeff40afc28a28cbc5f0c3b09d13c138a955011e044afae3a98"},
     {224, 2047, "1f42add25c0a80a4c82aae3a0e302abf9261dca7e7884fd869d96ed4ce88aaaa25304d2d79e1fa5cc1fa2c95899229bc87431ad06da524f2140e70bd0536e9685ee7808f598d8a9fe15d40a72aeff431239292c5f64bdb7f620e5d160b329deb58cf6d5c0665a3ded61ae4adbca94dc2b7b02cdf3992fdf79b3d93e546d5823c3a630923064ed24c3d974c4602a49df75e49cf7bd51edc7382214cba850c4d3d11b40a70b1d926e3755ec79693620c242ab0f23ea206ba337a7edc5421d63126cb6c7094f6bc1cf9943796be2a0d9eb74fc726aa0c0d3b3d39039dead39a7169f8c3e2365dd349e358bf08c717d2e436d65172a76ed5e1f1e694a75c19280b2a", "114f6b502a09b0e9a4fe99c0db72a68630364d19e1d56f412fdf7d27"},
-    {256, 5, "48", "961b03da161dbc8d1b6e8d85488938f86b01c827787440b76ab261f69a46b62d"},
     {256, 263, "2b47daad44c64f2dad4423ab3366d82770019669115714db01aad8141ead2af914", "3b286d8a197ca89691c821da8d69c3b0fd38d1bf7ff175c3f97153cdeb218442"},
     {256, 1000, "a64599b8a61b5ccec9e67aed69447459c8da3d1ec6c7c7c82a7428b9b584fa67e90f68e2c00fbbed4613666e5168da4a16f395f7a3c3832b3b134bfc9cbaa95d2a0fe252f44ac6681eb6d40ab91c1d0282fed6701c57463d3c5f2bb8c6a7301fb4576aa3b5f15510db8956ff77478c26a7c09bea7b398cfc83503f538e", "78fbbbd83fee206b77fa8a60b29a377fda46639b7180e79186cbb97549846a46"},
     {384, 3, "c0", "a891b7682711d73a3aa5fdde8a46877441441947b450607314c58da1629d2dedeedc1e2cf5ba9a029a538395b791ff19"},
     {384, 1023, "1b4bf91ce5b2317e526f4046e9cb668aecd040b0f445e74a57544be2a4f8572c5bd363240474be6e7285b1a094e0f938d927baf67b26c648a4a2933eeca67b3610210b7d3abc972a0a6e1698bf2fc8e53e50ff4458c2dc5d581f78ce93a7d5758b3779fe9c169282fbb5bb0fbb84253af925d1599d63c1216232cdead5a6aa6c", "fad826390e6da982ae87d6aae984025d50e6327feea1d2a929529e2dcfdad16154404406b01bef9a5dfb0661ce7c0cb9"},
     {384, 2000, "b3c5e74b69933c2533106c563b4ca20238f2b6e675e8681e34a389894785bdade59652d4a73d80a5c85bd454fd1e9ffdad1c3815f5038e9ef432aac5c3c4fe840cc370cf86580a6011778bbedaf511a51b56d1a2eb68394aa299e26da9ada6a2f39b9faff7fba457689b9c1a577b2a1e505fdf75c7a0a64b1df81b3a356001bf0df4e02a1fc59f651c9d585ec6224bb279c6beba2966e8882d68376081b987468e7aed1ef90ebd090ae825795cdca1b4f09a979c8dfc21a48d8a53cdbb26c4db547fc06efe2f9850edd2685a4661cb4911f165d4b63ef25b87d0a96d3dff6ab0758999aad214d07bd4f133a6734fde445fe474711b69a98f7e2b", "efeb398f137015c15976070ee149973987f3a2ff7ab5e07a7da0e2b08c3df0d4c16e13ec557b9750ad655c8033f07c4d"},
-    {512, 0, "00", "d3f7263a09837f4ce5c8ef70a5ddffac7b92d6c2ace5a12265bd5b593260a3ff20d8b4b4c5494e945448b37abb1fc526f6b46089208fde938d7f23724c4bdfb7"},
     {512, 4, "80", "f9b1f8cdae85183bda0e4ea7b584289b87ca8b7fb1f9a4a814e84ac391e7eb65e256ccd1a590193eb70b4911c693d1ba11613eff2ed1351aec1c6b5bee0f1695"},
-    {512, 511, "538989eefa891a2f2fdb195e6c75a36ffd9010b0d58419cb209ea58178284e38491a0a8549eecc27ed31c02e24df4321dae90e6867da851898867d2993997300", "282c96c811226ef6d6aeef3b6c3f0d012bd63d29150adc3433d43c16deeb9793bbb62dc44d56a9e6e8c02003744f43dc6f58d44a212b40f45c8f6f28e8a65cd8"},
     {512, 512, "e926ae8b0af6e53176dbffcc2a6b88c6bd765f939d3d178a9bde9ef3aa131c61e31c1e42cdfaf4b4dcde579a37e150efbef5555b4c1cb40439d835a724e2fae7", "e8eae7d09d722c14fbf7e2f2fdee7d4eba27324f0b12fa1a034d6fcafb5cf64254dbaccca1506359879de64138a9b83c5a5752ad2a192080af8287f583af7c94"},
-    // The Skein v1.1 paper, appendix C: FF, FF FE .. E0 (one 256-bit block), FF FE .. 80.
-    {256, 8, "ff", "a47be71a185ba0af820b3ce845a3d35a80ec64f96a0d6a36e3f5363624d8a091"},
-    {256, 256, "fffefdfcfbfaf9f8f7f6f5f4f3f2f1f0efeeedecebeae9e8e7e6e5e4e3e2e1e0", "cc2da82f3973c2f7a8ced0bbb54aa028ecaf6b5911628d0ffabb2008e411d171"},
-    {512, 8, "ff", "8fca8d2705f99a56904308a4004c64efb668818b58b0895bf7296a2c5a54f9301483d622c4a5aec855ac30087e1eb0e83940906e7b055d70d446c8d285f27f01"},
-    {512, 1024, "=ff-1", "0f019e7c1849167cecb9a0d8f1b00ccd5b14159c5aaee449dab55a1bc6c85103e8378454912e46af63067950f863043ccfa3699887a2577337caa66531bdbf9e"},
-    {1024, 8, "ff", "2f2e87c14f431128e269b23b45beb364b6378453177c441bb6af578a86fc0fc9adbe935f8e73b00e04e9af054e3cb487e8742d7679cf6a84261f6bd7c8bc1d71d50a97d922701c6ef4c29c52764ecc6aec4557cc4c51169acf0a4bfab4575de9cb81644ae6868b4998690657135a6cc1ecfe6c8e1f9fa729e3ff5ee55d9ce778"},
-    {1024, 1024, "=ff-1", "6d8fd03daa406b2fe6d36ecef4ee1afe37d22d7c59b767cf871a7520150958e02de7cb36bf4d13dc44d05f32dbc5d2a2b4557d7746839f09bcf696813aa609be9fcf839d24241aa64c1c1fb7d9c9d84c85eda0ca19c4443e194f98a222aa17645894eebdf6a31b6f1d13c3b60dcbbb1dbf46915dd4ebab25d81f85576bcb0d07"},
     // Computed here: lengths without a stored initial value (200, 400), an unmasked
-    // last byte (250), two output blocks (1032), a long partial-byte message.
-    {160, 24, "616263", "64098e53634bcb0592e6d67cc44b73a8919edae8"},
+    // last byte (250), a long partial-byte message.
     {200, 24, "616263", "150f4935c8ea851d33817654f03cb8ac525e807c604a6d233f"},
     {250, 24, "616263", "900606b2838e219d8fc7fddf129f76fbf284a8e8f76d496afe726221dd3250ac"},
     {400, 24, "616263", "242a22812f486a8290b675248a87d5888fa83de853d9d2364929a75732c17939487833fc86321db1440b3fc0f7da2529fe43"},
-    {1032, 24, "616263", "b9ac22945bec3396e43f24d12b177364fb7cd1793e6cc1391d5a254cf684af822b3181d88966f5102cfff4a44846b3461ba16f36fc9cfb56918c689b0b337625d9fd7e233a0c823f0f5be0fcc0656848e4d7b3e7e040b2337ba4e61ae63f6d750f2781bff8a32a67d598cbee83d338588a1b8d52a6a573f7e21313950415e5a224"},
     {1024, 2397, "=00+7", "c1e6a045929c58e4b030bd28ea98e75a93259832d9df6cf10646f5f26b0cc95d6cafa3e292b3a7fc09e4059850b35e6d31810a48cef760375f7f85e054cdda79331864579c639c0af89396213c8bebb54e027ba59f3b3b0e774b1f94f75f5d6c3e05f73fdde892f31ce70035518eaf44d19fbc02ee289324734cd25b26dd0f6d"},
 };
 // clang-format on
 
-std::vector<unsigned char> messageOf(const KnownAnswer &v)
+QByteArray messageOf(const KnownAnswer &v)
 {
-    if (v.msgHex[0] != '=') {
-        const QByteArray bytes = QByteArray::fromHex(v.msgHex);
-        return std::vector<unsigned char>(bytes.begin(), bytes.end());
-    }
+    if (v.msgHex[0] != '=')
+        return QByteArray::fromHex(v.msgHex);
     const int first = std::stoi(std::string(v.msgHex + 1, 2), nullptr, 16);
     const int step = std::stoi(std::string(v.msgHex + 3));
-    std::vector<unsigned char> bytes((v.msgBits + 7) / 8);
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-        bytes[i] = static_cast<unsigned char>(first + int(i) * step);
+    QByteArray bytes(int((v.msgBits + 7) / 8), Qt::Uninitialized);
+    for (int i = 0; i < bytes.size(); ++i)
+        bytes[i] = char(first + i * step);
     return bytes;
+}
+
+QVector<RvoSkeinKnownAnswers::Vector> knownAnswers()
+{
+    QVector<RvoSkeinKnownAnswers::Vector> all = RvoSkeinKnownAnswers::all();
+    for (const KnownAnswer &v : kKnownAnswers)
+        all.append({v.bits, v.msgBits, messageOf(v).left(int(v.msgBits + 7) / 8),
+                    QByteArray::fromHex(v.digestHex), {}});
+    return all;
 }
 
 std::string toHex(const unsigned char *data, std::size_t size)
@@ -109,43 +106,50 @@ std::string stagedHex(int bits, const std::vector<unsigned char> &msg, quint64 m
 TEST(RvoSkein, KnownAnswerVectorsMatch)
 {
     int partialVectors = 0, oneBlockStateSizes = 0;
-    for (const KnownAnswer &v : kKnownAnswers) {
-        SCOPED_TRACE(testing::Message() << "bits " << v.bits << ", message bits " << v.msgBits);
-        std::vector<unsigned char> msg = messageOf(v);
-        ASSERT_EQ(msg.size(), std::max<std::size_t>(1, (v.msgBits + 7) / 8));
-        EXPECT_EQ(hashHex(v.bits, msg.data(), v.msgBits), v.digestHex);
+    for (const RvoSkeinKnownAnswers::Vector &answer : knownAnswers()) {
+        const int bits = answer.hashBits;
+        const quint64 msgBits = answer.messageBits;
+        const std::string digestHex = answer.digest.toHex().toStdString();
+        SCOPED_TRACE(testing::Message() << "bits " << bits << ", message bits " << msgBits);
+        std::vector<unsigned char> msg(answer.message.begin(), answer.message.end());
+        ASSERT_EQ(msg.size(), (msgBits + 7) / 8);
+        msg.push_back(0); // a readable byte even for the empty message
+        EXPECT_EQ(hashHex(bits, msg.data(), msgBits), digestHex);
         for (std::size_t piece : {7, 31, 32, 33, 63, 64, 65, 127, 128, 129, 200})
-            EXPECT_EQ(stagedHex(v.bits, msg, v.msgBits, piece), v.digestHex) << "piece " << piece;
+            EXPECT_EQ(stagedHex(bits, msg, msgBits, piece), digestHex) << "piece " << piece;
 
-        if (const unsigned used = unsigned(v.msgBits % 8)) {
+        if (const unsigned used = unsigned(msgBits % 8)) {
             ++partialVectors;
             const unsigned char unusedMask = static_cast<unsigned char>(0xFFu >> used);
-            msg.back() |= unusedMask;
-            EXPECT_EQ(hashHex(v.bits, msg.data(), v.msgBits), v.digestHex);
-            msg.back() &= static_cast<unsigned char>(~unusedMask);
-            EXPECT_EQ(hashHex(v.bits, msg.data(), v.msgBits), v.digestHex);
-            EXPECT_EQ(stagedHex(v.bits, msg, v.msgBits, 1), v.digestHex);
+            unsigned char &last = msg[msg.size() - 2];
+            last |= unusedMask;
+            EXPECT_EQ(hashHex(bits, msg.data(), msgBits), digestHex);
+            last &= static_cast<unsigned char>(~unusedMask);
+            EXPECT_EQ(hashHex(bits, msg.data(), msgBits), digestHex);
+            EXPECT_EQ(stagedHex(bits, msg, msgBits, 1), digestHex);
         }
 
-        const int stateBits = v.bits <= 256 ? 256 : v.bits <= 512 ? 512 : 1024;
-        if (v.msgBits != quint64(stateBits))
+        const int stateBits = bits <= 256 ? 256 : bits <= 512 ? 512 : 1024;
+        if (msgBits != quint64(stateBits))
             continue;
         oneBlockStateSizes |= stateBits;
         RvoSkein::HashState state;
-        ASSERT_EQ(RvoSkein::Init(&state, v.bits), RvoSkein::Success);
-        ASSERT_EQ(RvoSkein::Update(&state, msg.data(), v.msgBits), RvoSkein::Success);
+        ASSERT_EQ(RvoSkein::Init(&state, bits), RvoSkein::Success);
+        ASSERT_EQ(RvoSkein::Update(&state, msg.data(), msgBits), RvoSkein::Success);
         // Nothing processed yet: the block waits in the buffer for the Final flag.
-        EXPECT_EQ(state.bufferedBytes, msg.size());
+        EXPECT_EQ(state.bufferedBytes, msg.size() - 1);
         EXPECT_EQ(state.tweak[0], 0u);
         unsigned char out[128];
         ASSERT_EQ(RvoSkein::Final(&state, out), RvoSkein::Success);
-        EXPECT_EQ(toHex(out, (v.bits + 7) / 8), v.digestHex);
+        EXPECT_EQ(toHex(out, (bits + 7) / 8), digestHex);
     }
     EXPECT_GE(partialVectors, 6);
     EXPECT_EQ(oneBlockStateSizes, 256 | 512 | 1024);
 }
 
-TEST(RvoSkein, HashLengthSetsStateSizeAndBytesWrittenStatusCodesAndInitialValues)
+// The state is the smallest Skein size that holds the digest; Hash writes
+// the digest's bytes and nothing after them.
+TEST(RvoSkein, HashLengthPicksTheStateSizeAndTheBytesWritten)
 {
     const unsigned char abc[] = {'a', 'b', 'c'};
     const int cases[][2]
@@ -160,58 +164,38 @@ TEST(RvoSkein, HashLengthSetsStateSizeAndBytesWrittenStatusCodesAndInitialValues
         unsigned char out[600];
         std::memset(out, 0xA5, sizeof(out));
         ASSERT_EQ(RvoSkein::Hash(c[0], abc, 24, out), RvoSkein::Success);
-        const std::size_t n = std::size_t(c[0] + 7) / 8;
-        for (std::size_t i = n; i < sizeof(out); ++i)
+        for (std::size_t i = std::size_t(c[0] + 7) / 8; i < sizeof(out); ++i)
             ASSERT_EQ(out[i], 0xA5) << "byte " << i << " written";
-        // The output is not masked: a shorter request is a prefix of a longer
-        // one on the same state size.
-        if (c[0] < 256) {
-            unsigned char full[32];
-            state.hashBitLen = 256;
-            RvoSkein::Update(&state, abc, 24);
-            RvoSkein::Final(&state, full);
-            EXPECT_EQ(toHex(out, n), toHex(full, n));
-        }
     }
+}
 
+TEST(RvoSkein, StateOfNoSkeinSizeFails)
+{
     RvoSkein::HashState state;
     RvoSkein::Init(&state, 512);
     state.stateBits = 384;
     const unsigned char byte = 0;
-    unsigned char out[64];
+    quint64 out[16];
     EXPECT_EQ(RvoSkein::Update(&state, &byte, 8), RvoSkein::Fail);
-    EXPECT_EQ(RvoSkein::Final(&state, out), RvoSkein::Fail);
-    EXPECT_EQ(RvoSkein::Hash(512, nullptr, 0, out), RvoSkein::Success);
+    EXPECT_EQ(RvoSkein::Final(&state, reinterpret_cast<unsigned char *>(out)), RvoSkein::Fail);
+    EXPECT_FALSE(RvoSkein::ComputeInitialValue(384, 384, out));
+}
 
-    // Initial values: their first words as published, written out
-    // independently of the library's table (the known answers check the
-    // remaining words), and the stored table equal to the computed values.
-    const struct
-    {
-        int stateBits, hashBits;
-        bool stored;
-        quint64 word0;
-    } initialValues[]
-            = {{256, 128, true, 0x302F7EA23D7FE2E1ULL},  {256, 160, true, 0xA38A0D80A3687723ULL},
-               {256, 224, true, 0xB80929699AE0F431ULL},  {256, 256, true, 0x388512680E660046ULL},
-               {512, 128, false, 0x477DF9EFAFC4F08AULL}, {512, 160, false, 0x0045FA2CAD913A2CULL},
-               {512, 224, true, 0xF2DAA1698216CC98ULL},  {512, 256, true, 0x88C07F38D4F95AD4ULL},
-               {512, 384, true, 0xE5BF4D02BA62494CULL},  {512, 512, true, 0xA8D47980544A6E32ULL},
-               {1024, 384, true, 0x7600B2E39FC73E48ULL}, {1024, 512, true, 0x8CF63BE5E1EDF4B7ULL},
-               {1024, 1024, true, 0x5A4352BE62092156ULL}};
-    for (const auto &c : initialValues) {
-        SCOPED_TRACE(testing::Message() << "Skein-" << c.stateBits << "-" << c.hashBits);
-        quint64 computed[16] = {};
-        ASSERT_TRUE(RvoSkein::ComputeInitialValue(c.stateBits, c.hashBits, computed));
-        EXPECT_EQ(computed[0], c.word0);
-        // A stored value equals the configuration block's; others are computed in Init.
-        const quint64 *stored = RvoSkein::StoredInitialValue(c.stateBits, c.hashBits);
-        ASSERT_EQ(stored != nullptr, c.stored);
-        for (int i = 0; stored && i < c.stateBits / 64; ++i)
-            EXPECT_EQ(stored[i], computed[i]) << "word " << i;
+// A stored initial value is the one its configuration block gives; the
+// known answers check that computation at lengths with none stored.
+TEST(RvoSkein, StoredInitialValuesEqualTheComputedOnes)
+{
+    int stored = 0;
+    for (int stateBits : {256, 512, 1024}) {
+        for (int hashBits : {128, 160, 224, 256, 384, 512, 1024}) {
+            const quint64 *value = RvoSkein::StoredInitialValue(stateBits, hashBits);
+            quint64 computed[16] = {};
+            if (!value || !RvoSkein::ComputeInitialValue(stateBits, hashBits, computed))
+                continue;
+            ++stored;
+            for (int i = 0; i < stateBits / 64; ++i)
+                EXPECT_EQ(value[i], computed[i]) << stateBits << "-" << hashBits << " word " << i;
+        }
     }
-    EXPECT_TRUE(RvoSkein::StoredInitialValue(256, 200) == nullptr
-                && RvoSkein::StoredInitialValue(1024, 1032) == nullptr);
-    quint64 unused[16];
-    EXPECT_FALSE(RvoSkein::ComputeInitialValue(384, 384, unused));
+    EXPECT_EQ(stored, 11);
 }

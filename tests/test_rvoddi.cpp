@@ -2,8 +2,6 @@
 
 #include "ManagerTestAccess.h"
 
-#include <QDir>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -25,12 +23,14 @@ struct Outcome
 // Stores blocks through the block manager, one sub-cache after another, and
 // returns the paths of their block files. The manager stays set up, with the
 // last sub-cache current (held), until cleanUp().
-QStringList storeBlocks(const QString &root, const QStringList &subCaches, int perSubCache)
+QStringList storeBlocks(const QString &root, const QStringList &subCaches, int perSubCache,
+                        const QStringList &codecs = {})
 {
     manager().setup({root}, qint64(256) << 20, 10);
     QStringList paths;
     int seed = 0;
     for (const QString &subCache : subCaches) {
+        manager().setBlockCodec(codecs.value(int(paths.size()) / perSubCache));
         manager().setSubCache(subCache);
         QVector<RvoDataReference> references;
         for (int i = 0; i < perSubCache; ++i)
@@ -75,16 +75,38 @@ Outcome expectRun(const QStringList &arguments, int status, const QString &out,
 
 } // namespace
 
-TEST(rvoddi, VerifyDrawsProgressOnATerminalListsEachBadFileAndDeletesThem)
+// Six block files, sorted by path; damage() spoils four, one per fault: cut
+// short by a byte, a payload byte changed, another block's file under this
+// name, and a file shorter than a header.
+class rvoddiVerify : public ::testing::Test
 {
+protected:
+    void SetUp() override
+    {
+        paths = storeBlocks(root, {"a"}, 6);
+        manager().cleanUp();
+        ASSERT_EQ(paths.size(), 6);
+        std::sort(paths.begin(), paths.end());
+    }
+    void damage()
+    {
+        ASSERT_TRUE(QFile::resize(paths[0], QFileInfo(paths[0]).size() - 1));
+        QByteArray bytes = readFile(paths[1]);
+        bytes[bytes.size() / 2] = char(bytes[bytes.size() / 2] ^ 0x5a);
+        ASSERT_TRUE(writeFile(paths[1], bytes));
+        ASSERT_TRUE(writeFile(paths[2], readFile(paths[3])));
+        ASSERT_TRUE(writeFile(paths[4], "12345"));
+    }
+
     QTemporaryDir dir;
     const QString root = dir.path();
-    QStringList paths = storeBlocks(root, {"a"}, 6);
-    manager().cleanUp();
-    ASSERT_EQ(paths.size(), 6);
-    std::sort(paths.begin(), paths.end());
-    // A progress line is drawn only when standard error is a terminal:
-    // script(1) gives the program one and passes on what it draws there.
+    QStringList paths;
+};
+
+// Standard error gets a progress line only when it is a terminal: script(1)
+// gives the program one and passes on what it draws there.
+TEST_F(rvoddiVerify, ProgressIsDrawnOnlyOnATerminal)
+{
     expectRun({"verify", root}, 0, "6 block files checked**");
     QProcess terminal;
     terminal.start(
@@ -98,28 +120,27 @@ TEST(rvoddi, VerifyDrawsProgressOnATerminalListsEachBadFileAndDeletesThem)
             QRegularExpression(QStringLiteral("Verifying block files: 100% \\(6/6\\), [0-9.]+ KiB"
                                               "( \\| [0-9.]+ [KMG]?i?B/s)?, done\\.\\s*\\r\\n"))))
             << qPrintable(seen);
+}
 
-    // One file per fault: cut short by a byte, a payload byte changed,
-    // another block's file under this name, and a file shorter than a header.
-    ASSERT_TRUE(QFile::resize(paths[0], QFileInfo(paths[0]).size() - 1));
-    QByteArray bytes = readFile(paths[1]);
-    bytes[bytes.size() / 2] = char(bytes[bytes.size() / 2] ^ 0x5a);
-    ASSERT_TRUE(writeFile(paths[1], bytes));
-    ASSERT_TRUE(writeFile(paths[2], readFile(paths[3])));
-    ASSERT_TRUE(writeFile(paths[4], "12345"));
+TEST_F(rvoddiVerify, EachBadFileIsNamedWithItsFault)
+{
+    damage();
     expectRun({"verify", "--jobs", "2", root}, 1,
               paths[0] + ": lengths: its header does not agree with its length\n" + paths[1]
                       + ": payload: its payload does not decode to the header's size\n" + paths[2]
                       + ": digest: its bytes do not hash to its name\n" + paths[4]
                       + ": short: shorter than its 12-byte header\n**: 4 bad\n");
-
     const QJsonValue report = expectRun({"verify", "--json", root}, 1, "{**").json();
     EXPECT_EQ(report["checked"].toInt(), 6);
     ASSERT_EQ(report["bad"].toArray().size(), 4);
     EXPECT_EQ(report["bad"][1]["path"].toString(), paths[1]);
     EXPECT_EQ(report["bad"][1]["fault"].toString(), QStringLiteral("payload"));
     EXPECT_FALSE(report["bad"][1]["deleted"].toBool());
+}
 
+TEST_F(rvoddiVerify, DeleteRemovesTheBadFilesOnly)
+{
+    damage();
     expectRun({"verify", "--delete", root}, 1,
               "**" + paths[4] + ": short: shorter than its 12-byte header (deleted)\n**");
     for (int i = 0; i < paths.size(); ++i)
@@ -166,7 +187,9 @@ TEST(rvoddi, TrimDeletesTheLeastRecentlyUsedAndSkipsHeldSubCaches)
     manager().cleanUp();
 }
 
-TEST(rvoddi, PutAndGetRoundTripThroughTheLibraryAndEachFailureSaysWhy)
+// A block put by the tool is where a host set up the same way looks, and one
+// the library stored comes out byte-exact, to a file or standard output.
+TEST(rvoddi, PutAndGetRoundTripThroughTheLibrary)
 {
     QTemporaryDir dir;
     const QString root = dir.filePath("cache");
@@ -176,12 +199,9 @@ TEST(rvoddi, PutAndGetRoundTripThroughTheLibraryAndEachFailureSaysWhy)
     const QString digest = digestOf(bytes)->toString();
     expectRun({"put", root, input, "--sub-cache", "s"}, 0, digest + "  " + input + "\n");
     expectRun({"digest", input}, 0, digest + "  " + input + "\n");
-
-    // The library finds the block where a host set up the same way looks.
     manager().setup({root}, qint64(256) << 20, 10);
     manager().setSubCache("s");
     EXPECT_EQ(bytesOf(RvoDataReference(RvoHashManager::instance().getHash(digest))), bytes);
-    // And the other way: a block the library stored comes out byte-exact.
     const QByteArray stored = testContent(8, 100000);
     {
         const RvoDataReference kept
@@ -193,9 +213,18 @@ TEST(rvoddi, PutAndGetRoundTripThroughTheLibraryAndEachFailureSaysWhy)
     expectRun({"get", root, digestOf(stored)->toString(), "-o", output}, 0, "");
     EXPECT_EQ(readFile(output), stored);
     EXPECT_EQ(expectRun({"get", root, digest}, 0, "**").out.toLatin1(), bytes);
+}
 
-    // Usage errors exit with 2, failures with 1 and the system's reason for
-    // the path that failed (a root that is a file, too).
+// Usage errors exit with 2 and a message, failures with 1 and the system's
+// reason for the path that failed (a root that is a file, too).
+TEST(rvoddi, EachFailureSaysWhy)
+{
+    QTemporaryDir dir;
+    const QString root = dir.filePath("cache");
+    const QString input = dir.filePath("tile.bin");
+    ASSERT_TRUE(writeFile(input, "bytes"));
+    const QString digest = digestOf("bytes")->toString();
+    expectRun({"put", root, input}, 0, digest + "  " + input + "\n");
     const QString absentBlock = digestOf(testContent(9, 100000))->toString();
     const QString noDir = dir.filePath("no/such/dir/f");
     const QString absent = dir.filePath("absent");
@@ -205,7 +234,7 @@ TEST(rvoddi, PutAndGetRoundTripThroughTheLibraryAndEachFailureSaysWhy)
         expectRun(QString::fromLatin1(usage)
                           .split(' ', Qt::SkipEmptyParts)
                           .replaceInStrings("ROOT", root),
-                  2, "", "**\n"); // a message
+                  2, "", "**\n");
     expectRun({"help", "verify"}, 0, "Usage: rvoddi verify [options] ROOT...\n**--jobs <N>**");
     expectRun({"get", root, absentBlock}, 1, "",
               "rvoddi get: no block " + absentBlock + " under " + root + "\n");
@@ -219,20 +248,33 @@ TEST(rvoddi, PutAndGetRoundTripThroughTheLibraryAndEachFailureSaysWhy)
               "rvoddi verify: cannot read " + absent + ": No such file or directory\n");
 }
 
-TEST(rvoddi, LsAndStatsDescribeSubCachesAndStrayFiles)
+// Three blocks in "idle", three in "busy" (current in this process, so
+// held), and a stray file in the first's bucket.
+class rvoddiListing : public ::testing::Test
 {
+protected:
+    void SetUp() override
+    {
+        paths = storeBlocks(root, {"idle", "busy"}, 3, {"zlib", "lz4"});
+        ASSERT_EQ(paths.size(), 6);
+        stray = QFileInfo(paths[0]).path() + "/notes.txt";
+        ASSERT_TRUE(writeFile(stray, "x"));
+    }
+    void TearDown() override { manager().cleanUp(); }
+
     QTemporaryDir dir;
     const QString root = dir.path();
-    const QStringList paths = storeBlocks(root, {"idle", "busy"}, 3);
-    ASSERT_EQ(paths.size(), 6);
-    const QString stray = QFileInfo(paths[0]).path() + "/notes.txt";
-    ASSERT_TRUE(writeFile(stray, "x"));
+    QStringList paths;
+    QString stray;
+};
+
+// The unnamed sub-cache, current before the first setSubCache(), is listed
+// too, without files.
+TEST_F(rvoddiListing, LsDescribesEachSubCache)
+{
     qint64 idleBytes = 0;
     for (int i = 0; i < 3; ++i)
         idleBytes += QFileInfo(paths[i]).size();
-
-    // The unnamed sub-cache, current before the first setSubCache(), is
-    // listed too, without files; "busy" is current in this process.
     const QJsonValue subCaches
             = expectRun({"ls", "--json", root}, 0, "{**").json()["roots"][0]["subCaches"];
     ASSERT_EQ(subCaches.toArray().size(), 3);
@@ -245,8 +287,11 @@ TEST(rvoddi, LsAndStatsDescribeSubCachesAndStrayFiles)
     EXPECT_EQ(qint64(idle["bytes"].toDouble()), idleBytes);
     EXPECT_EQ(idle["uncompressedBytes"].toInt(), 300000);
     expectRun({"ls", root}, 0, root + ":\n*\n*\n  busy * yes\n* 293.0 KiB * no\n**");
+}
 
-    // A header that lies about its length is counted, not summed.
+// A header that lies about its length is counted, not summed.
+TEST_F(rvoddiListing, StatsCountFilesSizesAgesAndStrayFiles)
+{
     QFile::resize(paths[5], QFileInfo(paths[5]).size() + 1);
     const QJsonValue totals = expectRun({"stats", "--json", root}, 0, "{**").json();
     EXPECT_EQ(totals["blockFiles"].toInt(), 6);
@@ -255,6 +300,8 @@ TEST(rvoddi, LsAndStatsDescribeSubCachesAndStrayFiles)
     EXPECT_EQ(totals["blockSizes"][2]["files"].toInt(), 5) << "100,000 bytes: below 256 KiB";
     EXPECT_EQ(totals["lastUse"][0]["files"].toInt(), 6);
     EXPECT_EQ(totals["otherFiles"][0]["path"].toString(), stray);
+    EXPECT_EQ(totals["codecs"]["zlib"]["files"].toInt(), 3);
+    EXPECT_EQ(totals["codecs"]["lz4"]["files"].toInt(), 2);
+    expectRun({"stats", root}, 0, "**\ncodecs           zlib 3 (*), lz4 2 (*)\n**");
     expectRun({"stats", root, "--sub-cache", "idle"}, 0, "block files      3 in 1 sub-cache\n**");
-    manager().cleanUp();
 }

@@ -13,15 +13,12 @@
 #include "ManagerTestAccess.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QLoggingCategory>
 #include <QThreadPool>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <random>
-#include <thread>
 #include <utility>
 
 namespace {

@@ -3,9 +3,11 @@
 
 // What the tests share: reaching the block manager's and the IO threads'
 // internals, setting the manager up on temporary roots, test content and
-// files; it brings GoogleTest and the output captures along.
+// files; it brings GoogleTest, the output captures, Qt's file classes and
+// the standard thread headers along.
 
 #include "OutputCapture.h"
+#include "RvoBlockCodecSetting_p.h"
 #include "RvoConstAccessor.h"
 #include "RvoDataBlock.h"
 #include "RvoDataBlockManagerReadThread_p.h"
@@ -16,13 +18,19 @@
 #include "RvoWaitUntil_p.h"
 
 #include <QByteArray>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
+#include <thread>
 #include <vector>
 
 // The manager's internals, through its implementation.
@@ -126,9 +134,9 @@ QStringList lostBlocks(const QByteArray &lines);
 
 // The raw bytes of a block file.
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload);
-// The sound block file of `content` (the payload in qCompress's format, the
-// codec's own).
-QByteArray blockFile(const QByteArray &content);
+// The sound block file of `content`, its payload written as `setting` says
+// (by default qCompress's format, the zlib codec's own).
+QByteArray blockFile(const QByteArray &content, const RvoBlockCodecSetting &setting = {});
 // Where the block file of `hash` lies, spelt as the IO threads spell it.
 QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,
                   int buckets = 10);

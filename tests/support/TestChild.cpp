@@ -24,12 +24,9 @@
 #include "ManagerTestAccess.h"
 
 #include <QCoreApplication>
-#include <QDir>
-#include <QFile>
 #include <QLoggingCategory>
 #include <QSaveFile>
 
-#include <atomic>
 #include <cstdio>
 #include <random>
 
