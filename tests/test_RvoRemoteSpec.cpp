@@ -7,6 +7,8 @@
 
 #include <map>
 
+// Both kinds parse; a build without one refuses it (the case at the end).
+#if defined(RVODDI_HAVE_REMOTE_HTTP) && defined(RVODDI_HAVE_REMOTE_REDIS)
 namespace {
 
 QVector<RvoRemoteSpec::Remote> parsed(const QString &text)
@@ -154,3 +156,21 @@ TEST(RvoRemoteSpec, ManagerKeepsItsValidSettingAndSaysWhatIsWrong)
                       "shards=")});
     EXPECT_EQ(manager.remoteStorage(), QStringLiteral("redis://127.0.0.1:1"));
 }
+#else
+TEST(RvoRemoteSpec, EntryOfAKindTheBuildLacksIsRefusedAndChangesNothing)
+{
+#ifndef RVODDI_HAVE_REMOTE_HTTP
+    const char *entry = "https://u:secret@h/x";
+    const char *said = "Remote storage entry 'https://***@h/x': this build of RvoDdi has no "
+                       "HTTP remotes (built with RVODDI_REMOTE_HTTP=OFF)";
+#else
+    const char *entry = "redis://u:secret@h/2";
+    const char *said = "Remote storage entry 'redis://***@h/2': this build of RvoDdi has no "
+                       "Redis remotes (built with RVODDI_REMOTE_REDIS=OFF)";
+#endif
+    StdoutCapture out;
+    EXPECT_FALSE(RvoDataBlockManager::instance().setRemoteStorage(QLatin1String(entry)));
+    EXPECT_EQ(out.lines(), QStringList {QLatin1String(said)});
+    EXPECT_EQ(RvoDataBlockManager::instance().remoteStorage(), QString()) << "nothing changed";
+}
+#endif

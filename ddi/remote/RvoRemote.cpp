@@ -67,6 +67,12 @@ RvoRemote::RvoRemote(const RvoRemoteSpec::Remote &spec)
     for (int i = 0; i < spec.servers.size(); ++i) {
         auto server = std::make_unique<Server>();
         server->client = RvoRemoteClient::create(spec.servers.at(i));
+        // A kind this build lacks, which the setting's parser refuses before
+        // it gets here: a remote without servers neither fetches nor uploads.
+        if (!server->client) {
+            m_Servers.clear();
+            break;
+        }
         server->shardKey = spec.shardNames.value(i).toUtf8();
         m_Servers.push_back(std::move(server));
     }

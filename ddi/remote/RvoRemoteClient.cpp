@@ -1,7 +1,11 @@
 #include "RvoRemoteClient_p.h"
 
+#ifdef RVODDI_HAVE_REMOTE_HTTP
 #include "RvoHttpClient_p.h"
+#endif
+#ifdef RVODDI_HAVE_REMOTE_REDIS
 #include "RvoRedisClient_p.h"
+#endif
 
 #include <future>
 #include <limits>
@@ -14,12 +18,22 @@ const qint64 RvoRemoteClient::kMaxValueSize = std::numeric_limits<int>::max() - 
 
 std::unique_ptr<RvoRemoteClient> RvoRemoteClient::create(const RvoRemoteEndpoint &endpoint)
 {
+    // A kind this build lacks never gets here (RvoRemoteSpec refuses it);
+    // should it, there is no client rather than a crash.
     switch (endpoint.scheme) {
     case RvoRemoteEndpoint::Http:
     case RvoRemoteEndpoint::Https:
+#ifdef RVODDI_HAVE_REMOTE_HTTP
         return std::make_unique<RvoHttpClient>(endpoint);
+#else
+        break;
+#endif
     case RvoRemoteEndpoint::Redis:
+#ifdef RVODDI_HAVE_REMOTE_REDIS
         return std::make_unique<RvoRedisClient>(endpoint);
+#else
+        break;
+#endif
     }
     return nullptr;
 }

@@ -61,7 +61,8 @@ public:
     // QByteArray stops short of 2^31 bytes).
     static const qint64 kMaxValueSize;
 
-    // A client for the endpoint's scheme.
+    // A client for the endpoint's scheme; null for a kind this build lacks
+    // (RVODDI_REMOTE_HTTP or RVODDI_REMOTE_REDIS off).
     static std::unique_ptr<RvoRemoteClient> create(const RvoRemoteEndpoint &endpoint);
     virtual ~RvoRemoteClient() = default;
 

@@ -16,6 +16,24 @@ qint64 number(const QString &text, qint64 minimum, qint64 maximum)
     return value;
 }
 
+// Why this build cannot use a remote of `scheme` (its client was left out
+// at build time), or nothing.
+QString missingKind(RvoRemoteEndpoint::Scheme scheme)
+{
+#ifndef RVODDI_HAVE_REMOTE_HTTP
+    if (scheme != RvoRemoteEndpoint::Redis)
+        return QStringLiteral("this build of RvoDdi has no HTTP remotes (built with "
+                              "RVODDI_REMOTE_HTTP=OFF)");
+#endif
+#ifndef RVODDI_HAVE_REMOTE_REDIS
+    if (scheme == RvoRemoteEndpoint::Redis)
+        return QStringLiteral("this build of RvoDdi has no Redis remotes (built with "
+                              "RVODDI_REMOTE_REDIS=OFF)");
+#endif
+    Q_UNUSED(scheme);
+    return QString();
+}
+
 // The endpoint of one URL, or an error text.
 bool parseUrl(const QString &text, RvoRemoteEndpoint *endpoint, QString *error)
 {
@@ -33,6 +51,10 @@ bool parseUrl(const QString &text, RvoRemoteEndpoint *endpoint, QString *error)
         endpoint->scheme = RvoRemoteEndpoint::Redis;
     else {
         *error = QStringLiteral("unknown scheme '%1' (http, https or redis)").arg(url.scheme());
+        return false;
+    }
+    if (const QString missing = missingKind(endpoint->scheme); !missing.isEmpty()) {
+        *error = missing;
         return false;
     }
     if (url.host().isEmpty()) {

@@ -12,8 +12,9 @@
 //
 //   http://cache1:8080/tiles|read-only redis://127.0.0.1:*|shards=6380,6381
 //
-// Schemes http, https and redis; user and password in the URL are used to
-// connect. Attributes: read-only; connect-timeout=MS (default 100);
+// Schemes http, https and redis, each refused by a build without its client
+// (RVODDI_REMOTE_HTTP, RVODDI_REMOTE_REDIS); user and password in the URL are
+// used to connect. Attributes: read-only; connect-timeout=MS (default 100);
 // operation-timeout=MS (default 10000); upload-queue=MIB (the bytes of block
 // files that may wait for upload, default 256); max-requests=N (fetches, and
 // as many uploads, in flight at once per server, 1 to 1024, default 32);

@@ -1,5 +1,7 @@
 #include "LocalServer.h"
 
+#include "RvoRemoteSpec_p.h"
+
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -65,13 +67,14 @@ LocalServer::~LocalServer()
     stop();
 }
 
-bool LocalServer::isInstalled() const
+QString LocalServer::notUsable() const
 {
-    return QFileInfo(m_Program).isExecutable();
-}
-
-QString LocalServer::notInstalled() const
-{
+    // A kind the library was built without: its own refusal of the URL.
+    QVector<RvoRemoteSpec::Remote> remotes;
+    if (QString refusal; !RvoRemoteSpec::parse(url(), &remotes, &refusal))
+        return refusal;
+    if (QFileInfo(m_Program).isExecutable())
+        return QString();
     return QStringLiteral("%1 is not installed (%2): scripts/test installs it")
             .arg(m_Name, m_Program);
 }
@@ -80,8 +83,8 @@ bool LocalServer::start()
 {
     if (isRunning())
         return true;
-    if (!isInstalled()) {
-        m_Error = notInstalled();
+    if (!isUsable()) {
+        m_Error = notUsable();
         return false;
     }
     if (m_Port != 0)

@@ -37,10 +37,11 @@ public:
     LocalServer(const LocalServer &) = delete;
     LocalServer &operator=(const LocalServer &) = delete;
 
-    // Whether the server's program is there; when not, a test skips with
-    // notInstalled() ("nginx is not installed (/usr/sbin/nginx): ...").
-    bool isInstalled() const;
-    QString notInstalled() const;
+    // Whether the server's program is there and this build of RvoDdi has
+    // its kind of remote; when not, a test skips with notUsable() ("nginx is
+    // not installed (/usr/sbin/nginx): ...", or the setting's refusal).
+    bool isUsable() const { return notUsable().isEmpty(); }
+    QString notUsable() const;
 
     // Starts the server and waits, at most 10 seconds, until its port
     // accepts connections. False, with error(), when it does not come up.
@@ -111,11 +112,11 @@ private:
     QString m_Error;
 };
 
-// In a test: skips it when the server is not installed, fails it when the
+// In a test: skips it when the server is not usable, fails it when the
 // server does not start.
 #define START_OR_SKIP(server)                                                                      \
-    if (!(server).isInstalled())                                                                   \
-        GTEST_SKIP() << (server).notInstalled().toStdString();                                     \
+    if (!(server).isUsable())                                                                      \
+        GTEST_SKIP() << (server).notUsable().toStdString();                                        \
     ASSERT_TRUE((server).start()) << (server).error().toStdString()
 
 #endif // LOCALSERVER_H
