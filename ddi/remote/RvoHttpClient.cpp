@@ -2,10 +2,10 @@
 
 #include <QElapsedTimer>
 #include <QFile>
-#include <QUrl>
 
 #include <curl/curl.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -25,30 +25,11 @@ CURLcode globalInit()
     return code;
 }
 
-// A PUT goes out at once: the HEAD before it has already found the name
-// missing and the credentials good, so waiting for "100 Continue" would only
-// add a round trip.
-curl_slist *noExpectHeader()
-{
-    static curl_slist *const headers = curl_slist_append(nullptr, "Expect:");
-    return headers;
-}
+using Method = RvoHttpDialect::Method;
 
 RvoRemoteClient::Result unavailable(const QString &reason)
 {
     return {RvoRemoteClient::Unavailable, reason};
-}
-
-// The outcome of a status that is none the caller expects, or of a failed
-// transfer (status 0, *failure already set).
-RvoRemoteClient::Result refused(long status, const RvoRemoteClient::Result &failure)
-{
-    if (status == 0)
-        return failure;
-    const QString reason = QStringLiteral("HTTP %1").arg(status);
-    if (status == 401 || status == 403)
-        return {RvoRemoteClient::Unauthorized, reason};
-    return unavailable(reason);
 }
 
 // A name that would leave the base path ("..") or name the directory itself.
@@ -57,24 +38,40 @@ bool isValidName(const QString &name)
     return !name.isEmpty() && !name.startsWith(QLatin1Char('.'));
 }
 
+bool isUpload(Method method)
+{
+    return method != RvoHttpDialect::Get && method != RvoHttpDialect::Head;
+}
+
+qint64 nowMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
+}
+
 } // namespace
 
 // One request under way: its easy handle and buffers, seen by curl's
-// callbacks. A put is two transfers on the one handle, HEAD then PUT,
-// within one operation timeout.
+// callbacks. A request may be several transfers on the one handle (a put's
+// HEAD, then PUT; tries again after a pause), all within one operation
+// timeout.
 struct RvoHttpClient::Transfer
 {
-    enum Phase { Get, Head, Put };
-
     RvoRemoteRequest request;
-    Phase phase = Get;
+    Method method = RvoHttpDialect::Get;
+    int attempt = 1; // tries of `method`
     CURL *curl = nullptr;
+    curl_slist *headers = nullptr; // the dialect's, for this transfer
     QByteArray url;
-    QByteArray download; // a 200's body
+    QByteArray download; // a GET's 200's body
+    QByteArray errorBody; // any other answer's, its first bytes
     bool tooLarge = false;
     qint64 uploaded = 0;
     QElapsedTimer clock; // since the request began
     char error[CURL_ERROR_SIZE] = {};
+
+    ~Transfer() { curl_slist_free_all(headers); }
 
     static size_t onBody(char *data, size_t size, size_t count, void *user)
     {
@@ -82,8 +79,14 @@ struct RvoHttpClient::Transfer
         const size_t length = size * count;
         long status = 0;
         curl_easy_getinfo(t->curl, CURLINFO_RESPONSE_CODE, &status);
-        if (t->phase != Get || status != 200)
-            return length; // an error page or a body nobody asked for
+        if (t->method != RvoHttpDialect::Get || status != 200) {
+            // An error page, or a body nobody asked for: its start may say
+            // what went wrong.
+            const qint64 room = RvoHttpDialect::kMaxErrorBody - t->errorBody.size();
+            if (room > 0)
+                t->errorBody.append(data, int(qMin<qint64>(room, qint64(length))));
+            return length;
+        }
         if (t->download.size() + qint64(length) > kMaxValueSize) {
             t->tooLarge = true;
             return 0; // ends the transfer (CURLE_WRITE_ERROR)
@@ -120,14 +123,15 @@ struct RvoHttpClient::Transfer
     }
 };
 
-// The client thread's state: the transfers under way and the easy handles
-// kept for the next ones (their settings are reset; the connections belong
-// to the multi handle, which keeps them open).
+// The client thread's state: the transfers under way, those waiting to try
+// again, and the easy handles kept for the next ones (their settings are
+// reset; the connections belong to the multi handle, which keeps them open).
 struct RvoHttpClient::Loop
 {
     RvoHttpClient &client;
     CURLM *multi;
     std::map<CURL *, std::unique_ptr<Transfer>> transfers;
+    std::multimap<qint64, std::unique_ptr<Transfer>> waiting; // by when they go again
     std::vector<CURL *> idle;
 
     ~Loop()
@@ -136,13 +140,18 @@ struct RvoHttpClient::Loop
             curl_easy_cleanup(curl);
     }
 
-    // Sets `transfer` up for its phase and adds it to the multi handle;
+    // Sets `transfer` up for its method and adds it to the multi handle;
     // false, with the request ended, when that fails.
     bool launch(std::unique_ptr<Transfer> transfer)
     {
         const RvoRemoteEndpoint &server = client.endpoint();
         CURL *curl = transfer->curl;
         curl_easy_reset(curl);
+        transfer->download.clear();
+        transfer->errorBody.clear();
+        transfer->tooLarge = false;
+        transfer->uploaded = 0;
+        transfer->error[0] = 0;
         curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
         curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, long(server.connectTimeoutMs));
         curl_easy_setopt(curl, CURLOPT_PROXY, "");
@@ -151,16 +160,12 @@ struct RvoHttpClient::Loop
             curl_easy_setopt(curl, CURLOPT_PIPEWAIT, 1L); // rather a stream than a connection
         if (!server.caFile.isEmpty())
             curl_easy_setopt(curl, CURLOPT_CAINFO, QFile::encodeName(server.caFile).constData());
-        if (!server.user.isEmpty() || !server.password.isEmpty()) {
-            curl_easy_setopt(curl, CURLOPT_USERNAME, server.user.toUtf8().constData());
-            curl_easy_setopt(curl, CURLOPT_PASSWORD, server.password.toUtf8().constData());
-        }
         curl_easy_setopt(curl, CURLOPT_URL, transfer->url.constData());
         curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, transfer->error);
         curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Transfer::onBody);
         curl_easy_setopt(curl, CURLOPT_WRITEDATA, transfer.get());
         curl_easy_setopt(curl, CURLOPT_PRIVATE, transfer.get());
-        // The PUT gets what is left of the operation's time.
+        // Each transfer gets what is left of the operation's time.
         const qint64 timeoutMs = server.operationTimeoutMs;
         const qint64 leftMs = timeoutMs - transfer->clock.elapsed();
         if (timeoutMs > 0 && leftMs <= 0) {
@@ -170,18 +175,21 @@ struct RvoHttpClient::Loop
             return false;
         }
         curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, long(timeoutMs > 0 ? leftMs : 0));
-        if (transfer->phase == Transfer::Head) {
+        if (transfer->method == RvoHttpDialect::Head) {
             curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
-        } else if (transfer->phase == Transfer::Put) {
+        } else if (isUpload(transfer->method)) {
             curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
             curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE,
                              curl_off_t(transfer->request.bytes.size()));
-            curl_easy_setopt(curl, CURLOPT_HTTPHEADER, noExpectHeader());
             curl_easy_setopt(curl, CURLOPT_READFUNCTION, &Transfer::onRead);
             curl_easy_setopt(curl, CURLOPT_READDATA, transfer.get());
             curl_easy_setopt(curl, CURLOPT_SEEKFUNCTION, &Transfer::onSeek);
             curl_easy_setopt(curl, CURLOPT_SEEKDATA, transfer.get());
         }
+        curl_slist_free_all(transfer->headers);
+        transfer->headers = client.m_Dialect->prepare(curl, transfer->method, transfer->request);
+        if (transfer->headers)
+            curl_easy_setopt(curl, CURLOPT_HTTPHEADER, transfer->headers);
         if (curl_multi_add_handle(multi, curl) != CURLM_OK) {
             end(std::move(transfer), unavailable(QStringLiteral("curl_multi_add_handle failed")));
             return false;
@@ -215,10 +223,8 @@ struct RvoHttpClient::Loop
         auto transfer = std::make_unique<Transfer>();
         transfer->clock.start();
         transfer->curl = curl;
-        transfer->phase = put ? Transfer::Head : Transfer::Get;
-        const QString &name = request.name;
-        transfer->url = client.endpoint().plainUrl().toUtf8() + '/'
-                + QUrl::toPercentEncoding(name.left(2)) + '/' + QUrl::toPercentEncoding(name);
+        transfer->method = client.m_Dialect->first(request.kind);
+        transfer->url = client.m_Dialect->url(request.name);
         transfer->request = std::move(request);
         launch(std::move(transfer));
     }
@@ -234,7 +240,7 @@ struct RvoHttpClient::Loop
         done(result, std::move(bytes));
     }
 
-    // A transfer of the multi handle is over.
+    // A transfer of the multi handle is over: the dialect says what follows.
     void finished(CURL *curl, CURLcode code)
     {
         curl_multi_remove_handle(multi, curl);
@@ -243,38 +249,56 @@ struct RvoHttpClient::Loop
             return;
         std::unique_ptr<Transfer> transfer = std::move(found->second);
         transfers.erase(found);
-        long status = 0;
-        Result failure;
+        RvoHttpDialect::Answer answer;
         if (code != CURLE_OK) {
             if (transfer->tooLarge || code == CURLE_FILESIZE_EXCEEDED)
-                failure = unavailable(QStringLiteral("body too large"));
+                answer.failure = unavailable(QStringLiteral("body too large"));
             else
-                failure = unavailable(QString::fromUtf8(
+                answer.failure = unavailable(QString::fromUtf8(
                         transfer->error[0] ? transfer->error : curl_easy_strerror(code)));
         } else {
-            curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+            curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
+            curl_off_t retryAfter = 0;
+            curl_easy_getinfo(curl, CURLINFO_RETRY_AFTER, &retryAfter);
+            answer.retryAfterSeconds = qint64(retryAfter);
+            answer.errorBody = std::move(transfer->errorBody);
         }
-        switch (transfer->phase) {
-        case Transfer::Get:
-            if (status == 200)
-                return end(std::move(transfer), {Found, QString()});
-            if (status == 404)
-                return end(std::move(transfer), {Missing, QString()});
-            return end(std::move(transfer), refused(status, failure));
-        case Transfer::Head:
-            if (status == 200)
-                return end(std::move(transfer), {Present, QString()});
-            if (status != 404)
-                return end(std::move(transfer), refused(status, failure));
-            transfer->phase = Transfer::Put;
-            transfer->error[0] = 0;
+        const RvoHttpDialect::Step step
+                = client.m_Dialect->answered(transfer->method, answer, transfer->attempt);
+        switch (step.kind) {
+        case RvoHttpDialect::Step::End:
+            return end(std::move(transfer), step.result);
+        case RvoHttpDialect::Step::Then:
+            transfer->method = step.then;
+            transfer->attempt = 1;
             launch(std::move(transfer));
             return;
-        case Transfer::Put:
-            if (status == 200 || status == 201 || status == 204)
-                return end(std::move(transfer), {Stored, QString()});
-            return end(std::move(transfer), refused(status, failure));
+        case RvoHttpDialect::Step::Retry: {
+            // Never past the operation timeout: a pause that would end
+            // there ends the request now, with the server's answer.
+            const qint64 timeoutMs = client.endpoint().operationTimeoutMs;
+            if (timeoutMs > 0 && transfer->clock.elapsed() + step.pauseMs >= timeoutMs)
+                return end(std::move(transfer), step.result);
+            ++transfer->attempt;
+            waiting.emplace(nowMs() + step.pauseMs, std::move(transfer));
+            return;
         }
+        }
+    }
+
+    // Launches the transfers whose pause is over; the milliseconds until
+    // the next one's ends (at most `longest`).
+    long wake(long longest)
+    {
+        const qint64 now = nowMs();
+        while (!waiting.empty() && waiting.begin()->first <= now) {
+            std::unique_ptr<Transfer> transfer = std::move(waiting.begin()->second);
+            waiting.erase(waiting.begin());
+            launch(std::move(transfer));
+        }
+        if (waiting.empty())
+            return longest;
+        return long(qBound<qint64>(1, waiting.begin()->first - now, qint64(longest)));
     }
 
     void run()
@@ -290,7 +314,7 @@ struct RvoHttpClient::Loop
                     finished(message->easy_handle, message->data.result);
             }
             // Woken by curl_multi_wakeup when a request is started.
-            curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+            curl_multi_poll(multi, nullptr, 0, int(wake(1000)), nullptr);
         }
         const Result stopped = unavailable(QStringLiteral("client stopped"));
         while (!transfers.empty()) {
@@ -300,11 +324,18 @@ struct RvoHttpClient::Loop
             curl_multi_remove_handle(multi, curl);
             end(std::move(transfer), stopped);
         }
+        while (!waiting.empty()) {
+            std::unique_ptr<Transfer> transfer = std::move(waiting.begin()->second);
+            waiting.erase(waiting.begin());
+            end(std::move(transfer), stopped);
+        }
     }
 };
 
-RvoHttpClient::RvoHttpClient(const RvoRemoteEndpoint &endpoint)
+RvoHttpClient::RvoHttpClient(const RvoRemoteEndpoint &endpoint,
+                             std::unique_ptr<RvoHttpDialect> dialect)
     : RvoRemoteClient(endpoint)
+    , m_Dialect(std::move(dialect))
 {
     if (globalInit() == CURLE_OK)
         m_Multi = curl_multi_init();
@@ -334,7 +365,7 @@ void RvoHttpClient::run()
 #ifdef Q_OS_LINUX
     pthread_setname_np(pthread_self(), "rvoddi-remote");
 #endif
-    Loop loop {*this, m_Multi, {}, {}};
+    Loop loop {*this, m_Multi, {}, {}, {}};
     loop.run();
 }
 
@@ -354,10 +385,13 @@ void RvoHttpClient::start(RvoRemoteRequest request)
 
 void RvoHttpClient::startGet(const QString &name, Done done)
 {
-    start({RvoRemoteRequest::Get, name, QByteArray(), std::move(done)});
+    start({RvoRemoteRequest::Get, name, QByteArray(), std::move(done), QByteArray()});
 }
 
 void RvoHttpClient::startPut(const QString &name, QByteArray bytes, Done done)
 {
-    start({RvoRemoteRequest::Put, name, std::move(bytes), std::move(done)});
+    RvoRemoteRequest request {RvoRemoteRequest::Put, name, std::move(bytes), std::move(done),
+                              QByteArray()};
+    m_Dialect->started(request);
+    start(std::move(request));
 }

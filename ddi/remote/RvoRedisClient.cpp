@@ -409,10 +409,10 @@ void RvoRedisClient::start(RvoRemoteRequest request)
 
 void RvoRedisClient::startGet(const QString &name, Done done)
 {
-    start({RvoRemoteRequest::Get, name, QByteArray(), std::move(done)});
+    start({RvoRemoteRequest::Get, name, QByteArray(), std::move(done), QByteArray()});
 }
 
 void RvoRedisClient::startPut(const QString &name, QByteArray bytes, Done done)
 {
-    start({RvoRemoteRequest::Put, name, std::move(bytes), std::move(done)});
+    start({RvoRemoteRequest::Put, name, std::move(bytes), std::move(done), QByteArray()});
 }

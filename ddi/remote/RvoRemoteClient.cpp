@@ -24,7 +24,8 @@ std::unique_ptr<RvoRemoteClient> RvoRemoteClient::create(const RvoRemoteEndpoint
     case RvoRemoteEndpoint::Http:
     case RvoRemoteEndpoint::Https:
 #ifdef RVODDI_HAVE_REMOTE_HTTP
-        return std::make_unique<RvoHttpClient>(endpoint);
+        return std::make_unique<RvoHttpClient>(endpoint,
+                                               std::make_unique<RvoHttpDialect>(endpoint));
 #else
         break;
 #endif

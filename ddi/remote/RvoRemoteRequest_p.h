@@ -17,6 +17,9 @@ struct RvoRemoteRequest
     QString name;
     QByteArray bytes; // a put's
     RvoRemoteClient::Done done;
+    // A put's body's SHA-256 in hex, where the request signs it (S3 over
+    // http): computed by the thread that starts the put, not the client's.
+    QByteArray payloadHash;
 };
 
 // The requests started on a client and not yet taken by its thread, and
