@@ -156,7 +156,7 @@ struct RvoHttpClient::Loop
         curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, long(server.connectTimeoutMs));
         curl_easy_setopt(curl, CURLOPT_PROXY, "");
         curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, curl_off_t(kMaxValueSize));
-        if (server.scheme == RvoRemoteEndpoint::Https)
+        if (server.usesTls())
             curl_easy_setopt(curl, CURLOPT_PIPEWAIT, 1L); // rather a stream than a connection
         if (!server.caFile.isEmpty())
             curl_easy_setopt(curl, CURLOPT_CAINFO, QFile::encodeName(server.caFile).constData());

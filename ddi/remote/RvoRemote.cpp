@@ -162,12 +162,16 @@ void RvoRemote::failed(int server, const RvoRemoteClient::Result &result, qint64
     s.failedAt.store(now, std::memory_order_relaxed);
     const QString url = s.client->endpoint().maskedUrl();
     const QString seconds = QString::number(pause / 1000.0);
-    if (result.status == RvoRemoteClient::Unauthorized) {
+    if (result.status == RvoRemoteClient::Unauthorized
+        || result.status == RvoRemoteClient::Misconfigured) {
         // A configuration mistake the operator must see, not only a
         // diagnostic: printed as well.
-        const QString message
-                = QStringLiteral("Remote %1 refused the credentials: %2; not used for %3 s")
-                          .arg(url, result.error, seconds);
+        const QString message = QStringLiteral("Remote %1 %2: %3; not used for %4 s")
+                                        .arg(url,
+                                             result.status == RvoRemoteClient::Unauthorized
+                                                     ? QStringLiteral("refused the credentials")
+                                                     : QStringLiteral("is set up wrong"),
+                                             result.error, seconds);
         rvoReport(message);
         RVODDI_LOG(RvoDdiLog::Warning, message);
     } else {

@@ -2,6 +2,7 @@
 
 #ifdef RVODDI_HAVE_REMOTE_HTTP
 #include "RvoHttpClient_p.h"
+#include "RvoS3Dialect_p.h"
 #endif
 #ifdef RVODDI_HAVE_REMOTE_REDIS
 #include "RvoRedisClient_p.h"
@@ -26,6 +27,12 @@ std::unique_ptr<RvoRemoteClient> RvoRemoteClient::create(const RvoRemoteEndpoint
 #ifdef RVODDI_HAVE_REMOTE_HTTP
         return std::make_unique<RvoHttpClient>(endpoint,
                                                std::make_unique<RvoHttpDialect>(endpoint));
+#else
+        break;
+#endif
+    case RvoRemoteEndpoint::S3:
+#ifdef RVODDI_HAVE_REMOTE_HTTP
+        return std::make_unique<RvoHttpClient>(endpoint, std::make_unique<RvoS3Dialect>(endpoint));
 #else
         break;
 #endif

@@ -16,6 +16,10 @@
 //          GET to fetch; HEAD, then PUT to store (content already there is
 //          not sent again).
 //   Redis: the key "rvoddi:<name>"; GET to fetch, SET ... NX to store.
+//   S3:    the key <prefix>/<first 2 characters>/<name> of the bucket; GET to
+//          fetch; PUT with If-None-Match: * to store (HEAD, then PUT, on a
+//          server that ignores the condition), signed with AWS Signature
+//          Version 4.
 //
 // The client checks nothing of what it fetches: its caller verifies the
 // bytes against the name before they are used.
@@ -42,12 +46,13 @@ public:
         Present, // put: the server had the name already; nothing was sent
         Unavailable, // no connection, a timeout, a refusal or a server error
         Unauthorized, // the server refused the credentials
+        Misconfigured, // the server has not what the setting names (an S3 bucket)
     };
 
     struct Result
     {
         Status status = Unavailable;
-        // For Unavailable and Unauthorized: the reason, one line, fit for a
+        // For Unavailable, Unauthorized and Misconfigured: the reason, one line, fit for a
         // message that names the server by its masked URL (it never holds
         // the credentials).
         QString error;
@@ -62,7 +67,8 @@ public:
     static const qint64 kMaxValueSize;
 
     // A client for the endpoint's scheme; null for a kind this build lacks
-    // (RVODDI_REMOTE_HTTP or RVODDI_REMOTE_REDIS off).
+    // (RVODDI_REMOTE_HTTP, for http, https and s3, or RVODDI_REMOTE_REDIS
+    // off).
     static std::unique_ptr<RvoRemoteClient> create(const RvoRemoteEndpoint &endpoint);
     virtual ~RvoRemoteClient() = default;
 

@@ -11,6 +11,8 @@ int RvoRemoteEndpoint::effectivePort() const
         return 443;
     case Redis:
         return 6379;
+    case S3:
+        return tls ? 443 : 80;
     }
     return 0;
 }
@@ -24,6 +26,8 @@ static QString schemeName(RvoRemoteEndpoint::Scheme scheme)
         return QStringLiteral("https");
     case RvoRemoteEndpoint::Redis:
         return QStringLiteral("redis");
+    case RvoRemoteEndpoint::S3:
+        return QStringLiteral("s3");
     }
     return QString();
 }
@@ -34,20 +38,27 @@ static QString hostPart(const QString &host)
     return host.contains(QLatin1Char(':')) ? QLatin1Char('[') + host + QLatin1Char(']') : host;
 }
 
+// The URL without its scheme and credentials.
+static QString location(const RvoRemoteEndpoint &e)
+{
+    if (e.scheme != RvoRemoteEndpoint::S3)
+        return QStringLiteral("%1:%2%3").arg(hostPart(e.host)).arg(e.effectivePort()).arg(e.path);
+    if (!e.pathStyle)
+        return e.bucket + e.path;
+    return QStringLiteral("%1%2|endpoint=%3://%4:%5")
+            .arg(e.bucket, e.path, e.tls ? QStringLiteral("https") : QStringLiteral("http"),
+                 hostPart(e.host))
+            .arg(e.effectivePort());
+}
+
 QString RvoRemoteEndpoint::plainUrl() const
 {
-    return QStringLiteral("%1://%2:%3%4")
-            .arg(schemeName(scheme), hostPart(host))
-            .arg(effectivePort())
-            .arg(path);
+    return schemeName(scheme) + QStringLiteral("://") + location(*this);
 }
 
 QString RvoRemoteEndpoint::maskedUrl() const
 {
     if (user.isEmpty() && password.isEmpty())
         return plainUrl();
-    return QStringLiteral("%1://***@%2:%3%4")
-            .arg(schemeName(scheme), hostPart(host))
-            .arg(effectivePort())
-            .arg(path);
+    return schemeName(scheme) + QStringLiteral("://***@") + location(*this);
 }

@@ -12,15 +12,20 @@
 //
 //   http://cache1:8080/tiles|read-only redis://127.0.0.1:*|shards=6380,6381
 //
-// Schemes http, https and redis, each refused by a build without its client
-// (RVODDI_REMOTE_HTTP, RVODDI_REMOTE_REDIS); user and password in the URL are
-// used to connect. Attributes: read-only; connect-timeout=MS (default 100);
+// Schemes http, https, redis and s3 (s3://BUCKET/PREFIX), each refused by a
+// build without its client (RVODDI_REMOTE_HTTP for http, https and s3,
+// RVODDI_REMOTE_REDIS); user and password in the URL are used to connect (S3:
+// the access key and secret key, else AWS_ACCESS_KEY_ID, AWS_SECRET_ACCESS_KEY
+// and AWS_SESSION_TOKEN; an S3 remote without keys is read-only).
+// Attributes: read-only; connect-timeout=MS (default 100);
 // operation-timeout=MS (default 10000); upload-queue=MIB (the bytes of block
 // files that may wait for upload, default 256); max-requests=N (fetches, and
 // as many uploads, in flight at once per server, 1 to 1024, default 32);
 // shards=A,B,... (several servers of one kind: each name replaces the '*' of
 // the URL); ca-file=PATH (https only: the certificates the server's must
-// chain to, instead of the system's).
+// chain to, instead of the system's); S3 only: endpoint=URL (a compatible
+// server, addressed path-style, instead of AWS) and region=NAME (default
+// AWS_REGION, then us-east-1).
 class RvoRemoteSpec
 {
 public:
