@@ -62,6 +62,33 @@ TEST(RvoRemoteSpec, EntriesParseIntoServersInOrder)
               QStringLiteral("/etc/passwd"));
 }
 
+// S3: AWS's host of the bucket over https, or the endpoint= server; keys from
+// the URL, else the environment's with its session token; none: read-only.
+TEST(RvoRemoteSpec, S3EntriesNameTheServerAndTheKeys)
+{
+    qputenv("AWS_REGION", "eu-west-3");
+    qputenv("AWS_ACCESS_KEY_ID", "AKENV");
+    qputenv("AWS_SECRET_ACCESS_KEY", "env-secret");
+    qputenv("AWS_SESSION_TOKEN", "token");
+    QStringList seen;
+    for (const auto &remote : parsed("s3://AK:se%2Fcret@tiles/a%20b/|region=us-west-2 s3://my.b "
+                                     "s3://bk2|endpoint=https://minio:9000"))
+        for (const RvoRemoteEndpoint &e : remote.servers)
+            seen << QStringList {e.maskedUrl(), e.host, QString::number(e.effectivePort()),
+                                 e.path,        e.user, e.password,
+                                 e.sessionToken}
+                            .join(' ');
+    EXPECT_EQ(seen,
+              QStringList(
+                      {"s3://***@tiles/a b tiles.s3.us-west-2.amazonaws.com 443 /a b AK se/cret ",
+                       "s3://***@my.b my.b.s3.eu-west-3.amazonaws.com 443  AKENV env-secret token",
+                       "s3://***@bk2|endpoint=https://minio:9000 minio 9000  AKENV env-secret "
+                       "token"}));
+    qunsetenv("AWS_ACCESS_KEY_ID");
+    qunsetenv("AWS_SECRET_ACCESS_KEY");
+    EXPECT_TRUE(parsed("s3://public").value(0).readOnly);
+}
+
 // Rendezvous hashing: names spread evenly, and a new shard takes only its
 // own share of them, whatever the shards' order.
 TEST(RvoRemoteSpec, NewShardTakesOnlyItsShareOfNames)
@@ -103,7 +130,8 @@ TEST(RvoRemoteSpec, InvalidEntryIsNamedWithItsCredentialsMasked)
         const char *error;
     } cases[] = {
             {"ftp://h/x",
-             "Remote storage entry 'ftp://h/x': unknown scheme 'ftp' (http, https or redis)"},
+             "Remote storage entry 'ftp://h/x': unknown scheme 'ftp' (http, https, redis or "
+             "s3)"},
             {"http://u:secret@h/x|readonly",
              "Remote storage entry 'http://***@h/x|readonly': bad attribute 'readonly'"},
             {"redis://h|connect-timeout=0",
@@ -132,6 +160,15 @@ TEST(RvoRemoteSpec, InvalidEntryIsNamedWithItsCredentialsMasked)
             {"http://h/x|ca-file=/etc/passwd",
              "Remote storage entry 'http://h/x|ca-file=/etc/passwd': ca-file is for https "
              "only"},
+            {"s3://ab",
+             "Remote storage entry 's3://ab': 'ab' is not an S3 bucket name (3 to 63 "
+             "characters: a-z, 0-9, '.', '-')"},
+            {"s3://AK:se/cret@bkt",
+             "Remote storage entry 's3://***@bkt': not a valid URL (a '/' "
+             "in a key is written %2F)"},
+            {"s3://bkt|endpoint=http://u:p@h",
+             "Remote storage entry 's3://bkt|endpoint=http://***@h': endpoint= takes a server's "
+             "http or https URL: a host and a port, nothing more"},
     };
     for (const auto &c : cases) {
         QVector<RvoRemoteSpec::Remote> remotes(1);
@@ -163,6 +200,11 @@ TEST(RvoRemoteSpec, EntryOfAKindTheBuildLacksIsRefusedAndChangesNothing)
     const char *entry = "https://u:secret@h/x";
     const char *said = "Remote storage entry 'https://***@h/x': this build of RvoDdi has no "
                        "HTTP remotes (built with RVODDI_REMOTE_HTTP=OFF)";
+    QString s3;
+    EXPECT_FALSE(RvoRemoteSpec::parse(QStringLiteral("s3://bkt"), nullptr, &s3));
+    EXPECT_EQ(s3,
+              QStringLiteral("Remote storage entry 's3://bkt': this build of RvoDdi has no S3 "
+                             "remotes (built with RVODDI_REMOTE_HTTP=OFF)"));
 #else
     const char *entry = "redis://u:secret@h/2";
     const char *said = "Remote storage entry 'redis://***@h/2': this build of RvoDdi has no "

@@ -86,8 +86,9 @@ bool holds(const LocalServer &server, const QString &name)
 } // namespace
 
 // Process A adds blocks with its own root; this process, with an empty root
-// and the same remote, reads each one back: from one nginx, one Redis, and
-// three Redis servers as shards, of which each holds some blocks, none all.
+// and the same remote, reads each one back: from one nginx, one Redis, three
+// Redis servers as shards, of which each holds some blocks, none all, and an
+// S3 bucket (-1).
 class RvoRemoteTierKinds : public ::testing::TestWithParam<int>
 {
 };
@@ -95,9 +96,10 @@ class RvoRemoteTierKinds : public ::testing::TestWithParam<int>
 TEST_P(RvoRemoteTierKinds, AnotherProcessReadsEveryBlockBackByteExact)
 {
     std::vector<std::unique_ptr<LocalServer>> servers;
-    if (GetParam() == 0)
-        servers.push_back(std::make_unique<LocalServer>(LocalServer::Nginx));
-    for (int i = GetParam() == 0 ? 0 : GetParam(); i > 0; --i)
+    if (GetParam() <= 0)
+        servers.push_back(
+                std::make_unique<LocalServer>(GetParam() ? LocalServer::S3 : LocalServer::Nginx));
+    for (int i = GetParam(); i > 0; --i)
         servers.push_back(std::make_unique<LocalServer>(LocalServer::Redis));
     QStringList ports;
     for (const auto &server : servers) {
@@ -115,7 +117,7 @@ TEST_P(RvoRemoteTierKinds, AnotherProcessReadsEveryBlockBackByteExact)
     const QString stats = remoteStats().value(0);
     EXPECT_TRUE(stats.startsWith(QStringLiteral("Remote %1: 500 hits, 0 misses, 0 errors, 0 "
                                                 "rejected, ")
-                                         .arg(spec)))
+                                         .arg(RvoRemoteSpec::mask(spec))))
             << qPrintable(stats);
     EXPECT_TRUE(stats.endsWith(QStringLiteral(" bytes read, 0 bytes written, 0 uploads skipped")));
     // Each block is on disk here now, and on exactly one of the servers,
@@ -133,29 +135,35 @@ TEST_P(RvoRemoteTierKinds, AnotherProcessReadsEveryBlockBackByteExact)
     EXPECT_EQ(std::count(held.begin(), held.end(), 0), 0) << "a shard holds none";
 }
 
-INSTANTIATE_TEST_SUITE_P(NginxRedisAndRedisShards, RvoRemoteTierKinds, ::testing::Values(0, 1, 3));
+INSTANTIATE_TEST_SUITE_P(NginxRedisRedisShardsAndS3, RvoRemoteTierKinds,
+                         ::testing::Values(0, 1, 3, -1));
 
-// Remotes are asked in order: a damaged file is rejected, said and counted,
-// and the next remote asked.
-TEST(RvoRemoteTier, DamagedFileIsRejectedAndTheNextRemoteAsked)
+// Remotes are asked in order: a damaged file (from nginx or an S3 bucket) is
+// rejected, said and counted, and the next remote asked.
+class RvoRemoteTierDamage : public ::testing::TestWithParam<LocalServer::Kind>
 {
-    LocalServer nginx(LocalServer::Nginx);
+};
+
+TEST_P(RvoRemoteTierDamage, DamagedFileIsRejectedAndTheNextRemoteAsked)
+{
+    LocalServer first(GetParam());
     LocalServer redis(LocalServer::Redis);
-    START_OR_SKIP(nginx);
+    START_OR_SKIP(first);
     START_OR_SKIP(redis);
-    // Under the names of blocks 1 to 3 nginx serves a file cut short, block
-    // 4's file and one with bytes appended; Redis has a sound copy of block 2.
+    // Under the names of blocks 1 to 3 the first serves a file cut short,
+    // block 4's file and one with bytes appended; Redis has a sound block 2.
     const QByteArray cut = blockFile(testContent(1, 30000));
     const QByteArray served[] = {cut.left(cut.size() / 2), blockFile(testContent(4, 30000)),
                                  blockFile(testContent(3, 30000)) + "xxxxx"};
     const char *faults[] = {"lengths", "digest", "lengths"};
     for (int i = 0; i < 3; ++i)
-        writeFile(nginx.filePath(nameOf(testContent(i + 1, 30000))), served[i]);
+        RvoRemoteClient::create(first.endpoint())
+                ->put(nameOf(testContent(i + 1, 30000)), served[i]);
     RvoRemoteClient::create(redis.endpoint())
             ->put(nameOf(testContent(2, 30000)), blockFile(testContent(2, 30000)));
 
     ManagerSetup setup;
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(nginx.url() + QLatin1Char(' ') + redis.url()));
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(first.url() + QLatin1Char(' ') + redis.url()));
     DebugCapture debug;
     for (int i = 0; i < 3; ++i) {
         const QByteArray content = testContent(i + 1, 30000);
@@ -164,7 +172,7 @@ TEST(RvoRemoteTier, DamagedFileIsRejectedAndTheNextRemoteAsked)
         EXPECT_EQ(QFile::exists(localFile(name)), i == 1);
         EXPECT_EQ(readFile(localFile(name)), i == 1 ? blockFile(content) : QByteArray());
         EXPECT_EQ(debug.count(QStringLiteral("Remote %1 sent a damaged block file %2 (%3): ignored")
-                                      .arg(nginx.url(), name, QLatin1String(faults[i]))),
+                                      .arg(RvoRemoteSpec::mask(first.url()), name, faults[i])),
                   1);
     }
     const QStringList stats = remoteStats();
@@ -173,6 +181,9 @@ TEST(RvoRemoteTier, DamagedFileIsRejectedAndTheNextRemoteAsked)
     EXPECT_TRUE(stats.value(1).contains(QStringLiteral("1 hits, 2 misses, 0 errors, 0 rejected")))
             << qPrintable(stats.value(1));
 }
+
+INSTANTIATE_TEST_SUITE_P(NginxAndS3, RvoRemoteTierDamage,
+                         ::testing::Values(LocalServer::Nginx, LocalServer::S3));
 
 // One that does not answer holds a read no longer than its timeout, and is
 // skipped by the next.
@@ -325,6 +336,38 @@ TEST(RvoRemoteTier, RefusedPasswordIsSaidOnce)
                     .arg(locked.port())))
             << qPrintable(lines[0]);
     EXPECT_TRUE(lines[0].endsWith(QStringLiteral("; not used for 30 s")));
+}
+
+// An S3 bucket that refuses the keys, or is not there, is said once on
+// standard output with S3's code; uploads and reads go on without it.
+TEST(RvoRemoteTier, S3RefusalIsSaidOnceWithItsCode)
+{
+    LocalServer s3(LocalServer::S3);
+    START_OR_SKIP(s3);
+    const QString remote
+            = QStringLiteral("s3://%2@%3/blocks|endpoint=http://127.0.0.1:%1").arg(s3.port());
+    for (const char *bucket : {"tiles", "nosuch"}) {
+        ManagerSetup setup;
+        ASSERT_TRUE(Manager::instance().setRemoteStorage(remote.arg(
+                bucket == QLatin1String("tiles") ? "NOBODY:S3RVER" : "S3RVER:S3RVER", bucket)));
+        StdoutCapture out;
+        const RvoDataReference ref = addBlock(testContent(1, 20000));
+        Manager::instance().flush(true, Manager::AllThreads);
+        QElapsedTimer clock;
+        clock.start();
+        for (int seed = 10; seed < 13; ++seed)
+            EXPECT_TRUE(read(nameOf(testContent(seed))).isEmpty());
+        EXPECT_LT(clock.elapsed(), 500);
+        EXPECT_EQ(out.lines(),
+                  QStringList {
+                          QStringLiteral("Remote ") + remote.arg("***", bucket)
+                          + (bucket == QLatin1String("tiles")
+                                     ? " refused the credentials: bucket 'tiles' answered "
+                                       "InvalidAccessKeyId (HTTP 403): no such access key; not "
+                                       "used for 30 s"
+                                     : " is set up wrong: bucket 'nosuch' answered NoSuchBucket "
+                                       "(HTTP 404): there is no such bucket; not used for 30 s")});
+    }
 }
 
 // Blocks missing locally, preloaded through a server 20 ms away (a request

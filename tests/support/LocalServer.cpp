@@ -56,9 +56,8 @@ bool accepts(int port)
 
 LocalServer::LocalServer(Kind kind)
     : m_Kind(kind)
-    , m_Name(kind == Nginx ? QStringLiteral("nginx") : QStringLiteral("redis-server"))
-    , m_Program(kind == Nginx ? QStringLiteral("/usr/sbin/nginx")
-                              : QStringLiteral("/usr/bin/redis-server"))
+    , m_Name(QStringList {"nginx", "redis-server", "s3rver"}.at(kind))
+    , m_Program(QStringList {"/usr/sbin/nginx", "/usr/bin/redis-server", RVODDI_S3RVER}.at(kind))
 {
 }
 
@@ -155,12 +154,20 @@ void LocalServer::kill()
 RvoRemoteEndpoint LocalServer::endpoint() const
 {
     RvoRemoteEndpoint endpoint;
-    endpoint.scheme = m_Kind == Redis ? RvoRemoteEndpoint::Redis
-            : m_Tls                   ? RvoRemoteEndpoint::Https
-                                      : RvoRemoteEndpoint::Http;
+    const RvoRemoteEndpoint::Scheme http
+            = m_Tls ? RvoRemoteEndpoint::Https : RvoRemoteEndpoint::Http;
+    endpoint.scheme = QVector<RvoRemoteEndpoint::Scheme> {http, RvoRemoteEndpoint::Redis,
+                                                          RvoRemoteEndpoint::S3}
+                              .at(m_Kind);
     endpoint.host = QStringLiteral("127.0.0.1");
     endpoint.port = m_Port;
-    endpoint.path = m_Kind == Nginx ? QStringLiteral("/tiles") : QString();
+    endpoint.path = QStringList {"/tiles", "", "/blocks"}.at(m_Kind);
+    if (m_Kind == S3) {
+        endpoint.bucket = QStringLiteral("tiles");
+        endpoint.region = QStringLiteral("us-east-1");
+        endpoint.pathStyle = true;
+        endpoint.user = endpoint.password = QStringLiteral("S3RVER");
+    }
     endpoint.connectTimeoutMs = m_Tls ? 5000 : 100; // TLS handshakes are slow under sanitizers
     endpoint.operationTimeoutMs = 2000;
     return endpoint;
@@ -172,14 +179,21 @@ void LocalServer::requirePassword(const QString &user, const QString &password)
     m_Password = password;
 }
 
+QString LocalServer::url() const
+{
+    return m_Kind == S3 ? endpoint().plainUrl().replace("s3://", "s3://S3RVER:S3RVER@")
+                        : endpoint().plainUrl();
+}
+
 QString LocalServer::documentRoot() const
 {
-    return dir() + QStringLiteral("/www/tiles");
+    return dir() + (m_Kind == S3 ? "/data/tiles/blocks" : "/www/tiles");
 }
 
 QString LocalServer::filePath(const QString &name) const
 {
-    return QStringLiteral("%1/%2/%3").arg(documentRoot(), name.left(2), name);
+    return QStringLiteral("%1/%2/%3").arg(documentRoot(), name.left(2), name)
+            + (m_Kind == S3 ? "._S3rver_object" : "");
 }
 
 QString LocalServer::accessLogPath() const
@@ -231,6 +245,12 @@ QStringList LocalServer::arguments(QString *error)
                       << QStringLiteral("~*") << QStringLiteral("+@all");
         return arguments;
     }
+    if (m_Kind == S3)
+        return QStringLiteral("-d %1/data -a 127.0.0.1 -p %2 --silent --no-vhost-buckets "
+                              "--configure-bucket tiles")
+                .arg(d)
+                .arg(port())
+                .split(QLatin1Char(' '));
     if (!QDir().mkpath(documentRoot())) {
         *error = QStringLiteral("cannot create %1").arg(documentRoot());
         return {};

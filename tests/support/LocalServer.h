@@ -14,6 +14,8 @@
 // Redis: /usr/bin/redis-server on 127.0.0.1:PORT, in the foreground, keeping
 // nothing on disk (no snapshots, no append-only file): a restart starts
 // empty.
+// S3: s3rver (from npm, in build/npm) holding the bucket "tiles" in dir(),
+// path-style, with the keys S3RVER:S3RVER (it checks no signature).
 //
 // Threading: driven by one thread, the one that starts it, which must
 // outlive the server.
@@ -30,7 +32,7 @@
 class LocalServer
 {
 public:
-    enum Kind { Nginx, Redis };
+    enum Kind { Nginx, Redis, S3 };
 
     explicit LocalServer(Kind kind);
     ~LocalServer();
@@ -71,9 +73,10 @@ public:
     QString dir() const { return m_Dir.path(); }
     QString error() const { return m_Error; }
 
-    // The server as the remote-storage setting names it, without
-    // credentials: "http://127.0.0.1:PORT/tiles", "redis://127.0.0.1:PORT".
-    QString url() const { return endpoint().plainUrl(); }
+    // The server as the remote-storage setting names it:
+    // "http://127.0.0.1:PORT/tiles", "redis://127.0.0.1:PORT",
+    // "s3://S3RVER:S3RVER@tiles/blocks|endpoint=http://127.0.0.1:PORT".
+    QString url() const;
     // The server for a client: 100 ms to connect, 2 s per operation.
     RvoRemoteEndpoint endpoint() const;
 
@@ -89,7 +92,7 @@ public:
 
     // Nginx: the directory that url() serves, where the block file stored
     // under a name is documentRoot()/<first 2 characters>/<name>
-    // (filePath(name)), and the access log.
+    // (filePath(name)), and the access log. S3: the same of the objects.
     QString documentRoot() const;
     QString filePath(const QString &name) const;
     QString accessLogPath() const;
