@@ -317,9 +317,11 @@ public:
     ~FixedAnswers() { finish(); }
     QByteArrayList finish()
     {
-        ::shutdown(m_Listener, SHUT_RDWR);
-        if (m_Thread.joinable() && (m_Thread.join(), true))
+        if (m_Thread.joinable()) {
+            ::shutdown(m_Listener, SHUT_RDWR);
+            m_Thread.join();
             ::close(m_Listener);
+        }
         return m_Heads;
     }
     int port = 0;
