@@ -99,7 +99,7 @@ TEST_F(RvoWriteThread, FileOnDiskIsNotWrittenAgain)
 
 TEST(RvoDataBlockManagerWriteThread, EachRootReceivesItsOwnBlockFiles)
 {
-    ManagerSetup setup(3, QStringLiteral("S"));
+    ManagerSetup setup(3, "S");
     qint64 written = 0;
     for (int i = 0; i < 12; ++i) {
         const QByteArray content = testContent(i, 20000);
@@ -109,7 +109,7 @@ TEST(RvoDataBlockManagerWriteThread, EachRootReceivesItsOwnBlockFiles)
         manager().flush(false, RvoDataBlockManager::WriteThreads);
         EXPECT_TRUE(block->cached() && !block->isCompressed()) << "saved, unchanged in memory";
         for (int r = 0; r < 3; ++r) {
-            const QString path = blockPath(setup.root(r), QStringLiteral("S"), hash.data());
+            const QString path = blockPath(setup.root(r), "S", hash.data());
             ASSERT_EQ(QFile::exists(path), r == Access::cacheIndex(hash.data())) << i;
             if (QFile::exists(path)) {
                 EXPECT_EQ(blockIn(path), content);
@@ -129,8 +129,8 @@ TEST(RvoDataBlockManagerWriteThread, EachRootReceivesItsOwnBlockFiles)
 TEST(RvoDataBlockManagerWriteThread, RefusedSavesWaitAndAreRetriedUntilTheDiskTakesThem)
 {
     QTemporaryDir dir;
-    const QString root = dir.path() + QStringLiteral("/file/root");
-    ASSERT_TRUE(writeFile(dir.path() + QStringLiteral("/file"), "x"));
+    const QString root = dir.path() + "/file/root";
+    ASSERT_TRUE(writeFile(dir.path() + "/file", "x"));
     ManagerSetup setup; // a last digest release reaches the manager
     Writer writer(Access::manager(), root, 10, 10, nullptr);
     writer.setRetryPauses(std::chrono::milliseconds(100), std::chrono::milliseconds(400));
@@ -171,7 +171,7 @@ TEST(RvoDataBlockManagerWriteThread, RefusedSavesWaitAndAreRetriedUntilTheDiskTa
     writer.flush(); // no save in flight: every one counted in the queue
     EXPECT_EQ(writer.bytesInQueue(), 3 * 3000);
 
-    ASSERT_TRUE(QFile::remove(dir.path() + QStringLiteral("/file")));
+    ASSERT_TRUE(QFile::remove(dir.path() + "/file"));
     writer.flush();
     EXPECT_EQ(writer.requests(), 0);
     EXPECT_TRUE(kept->cached() && deleted[0] && deleted[1]);
@@ -179,11 +179,10 @@ TEST(RvoDataBlockManagerWriteThread, RefusedSavesWaitAndAreRetriedUntilTheDiskTa
         EXPECT_EQ(blockIn(blockPath(root, QString(), hashes.at(i).data())), contents.at(i));
     writer.closeDown();
     writer.wait();
-    EXPECT_EQ(out.lines(),
-              QStringList {QStringLiteral("Cannot Open File ") + hashes.at(0)->toString()});
+    EXPECT_EQ(out.lines(), QStringList {"Cannot Open File " + hashes.at(0)->toString()});
     EXPECT_EQ(debug.messages().filter(root),
-              QStringList({QStringLiteral("Cannot save blocks under %1: Not a directory (4 saves "
-                                          "waiting)")
+              QStringList({QString("Cannot save blocks under %1: Not a directory (4 saves "
+                                   "waiting)")
                                    .arg(root),
-                           QStringLiteral("Saving blocks under %1 again").arg(root)}));
+                           QString("Saving blocks under %1 again").arg(root)}));
 }
