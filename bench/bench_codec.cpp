@@ -1,14 +1,23 @@
-// Block payload compression on three kinds of 256 KiB tile, all in one run:
-//   image  makeImageLikeTile: gradients, shapes, a little noise
+// Block payload compression on four kinds of 256 KiB tile, all in one run:
+//   image  makeImageLikeTile: 8-bit RGBA, gradients, shapes, a little noise
 //   photo  makePhotoLikeTile: textured gradients, noise on every sample
+//   half   makeHalfFloatTile: half-float RGBA, scene-linear, noisy low bits
 //   noise  makeNoiseTile: random bytes
-// Writers, each making the same payload (qCompress's 4-byte length, then a
-// zlib stream): qCompress level 2 (the baseline), libdeflate level 1, ISA-L
-// igzip levels 0 to 3, and RvoBlockCodec itself. Readers: qUncompress,
-// libdeflate, ISA-L and RvoBlockCodec, each on every writer's payloads.
+// zlib writers, each making the same payload (qCompress's 4-byte length,
+// then a zlib stream): qCompress level 2 (the baseline), libdeflate level 1,
+// ISA-L igzip levels 0 to 3, and RvoBlockCodec itself ("codec", what the
+// library writes by default). Readers: qUncompress, libdeflate, ISA-L and
+// RvoBlockCodec, each on every zlib writer's payloads.
+// LZ4 and Zstandard through RvoBlockCodec, as the library writes and reads
+// them: LZ4 unshuffled ("lz4") and after a byte shuffle in elements of 4
+// and 8 bytes ("lz4-s4", "lz4-s8"), Zstandard levels -5 to 3 likewise
+// ("zstd1", "zstd1-s4", ...), each read by RvoBlockCodec; beside them
+// c-blosc 1's LZ4 with its own shuffle ("blosc-lz4-s4", "-s8"), where it is
+// installed, as a reference for the shuffle.
 // Times are CPU time per tile; MB/s counts uncompressed bytes, "ratio" is
-// payload size over input. Every payload is checked to decode byte-exact with
-// qUncompress, and every reader's output against the tile, before timing.
+// payload size over input. Every payload is checked to decode byte-exact
+// (zlib ones with qUncompress, the others with RvoBlockCodec), and every
+// reader's output against the tile, before timing.
 //
 // bench_codec --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
@@ -21,6 +30,9 @@
 #include <benchmark/benchmark.h>
 #include <isa-l/igzip_lib.h>
 #include <libdeflate.h>
+#ifdef RVODDI_BENCH_BLOSC
+#include <blosc.h>
+#endif
 
 #include <cstdint>
 #include <functional>
@@ -38,8 +50,10 @@ struct Input
     const char *name;
     QByteArray (*make)(int index, int size);
 };
-const Input Inputs[]
-        = {{"image", makeImageLikeTile}, {"photo", makePhotoLikeTile}, {"noise", makeNoiseTile}};
+const Input Inputs[] = {{"image", makeImageLikeTile},
+                        {"photo", makePhotoLikeTile},
+                        {"half", makeHalfFloatTile},
+                        {"noise", makeNoiseTile}};
 
 const std::vector<QByteArray> &tiles(const Input &input)
 {
@@ -110,13 +124,36 @@ Writer isalWriter(int level, bool small)
     };
 }
 
-Writer codecWriter()
+Writer codecWriter(const RvoBlockCodecSetting &setting = {})
 {
-    auto codec = std::make_shared<RvoBlockCodec>();
+    auto codec = std::make_shared<RvoBlockCodec>(setting);
     return [codec](const QByteArray &tile) {
         return codec->compress(tile.constData(), tile.size());
     };
 }
+
+#ifdef RVODDI_BENCH_BLOSC
+// c-blosc 1: LZ4 after its own shuffle, on one thread, at its default
+// level 5. Its payload is blosc's own buffer (with a 16-byte header).
+Writer bloscWriter(int element)
+{
+    auto out = std::make_shared<std::vector<char>>();
+    return [=](const QByteArray &tile) {
+        out->resize(size_t(tile.size()) + BLOSC_MAX_OVERHEAD);
+        const int n = blosc_compress_ctx(5, BLOSC_SHUFFLE, size_t(element), size_t(tile.size()),
+                                         tile.constData(), out->data(), out->size(), "lz4", 0, 1);
+        return n > 0 ? QByteArray(out->data(), n) : QByteArray();
+    };
+}
+
+bool bloscRead(const QByteArray &payload, QByteArray *out)
+{
+    size_t size = 0;
+    return blosc_cbuffer_validate(payload.constData(), size_t(payload.size()), &size) == 0
+            && size == TileSize
+            && blosc_decompress_ctx(payload.constData(), out->data(), TileSize, 1) == TileSize;
+}
+#endif
 
 bool qtRead(const QByteArray &payload, QByteArray *out)
 {
@@ -167,6 +204,9 @@ struct NamedWriter
     std::string name;
     std::function<Writer()> make;
     bool decoded; // whether the readers are timed on its payloads too
+    bool zlib = true; // qCompress's format: every reader reads it
+    // The reader of the other formats' payloads.
+    std::function<bool(const QByteArray &, QByteArray *)> read = {};
 };
 
 std::vector<NamedWriter> writers()
@@ -181,7 +221,34 @@ std::vector<NamedWriter> writers()
     for (int level = 1; level <= 3; ++level)
         all.push_back({"isal" + std::to_string(level) + "-small",
                        [level] { return isalWriter(level, true); }, false});
-    all.push_back({"codec", codecWriter, true});
+    all.push_back({"codec", [] { return codecWriter(); }, true});
+    const auto codecRead = [](const QByteArray &payload, QByteArray *out) {
+        return RvoBlockCodec::forThisThread().uncompress(payload.constData(), payload.size(),
+                                                         TileSize, out);
+    };
+    for (int element : {1, 4, 8}) {
+        const std::string suffix = element > 1 ? "-s" + std::to_string(element) : "";
+        all.push_back({"lz4" + suffix,
+                       [element] {
+                           return codecWriter(RvoBlockCodecSetting::lz4().withShuffle(element));
+                       },
+                       true, false, codecRead});
+        for (int level = -5; level <= 3; ++level) {
+            if (level == 0)
+                continue; // Zstandard's default, level 3
+            all.push_back({"zstd" + std::to_string(level) + suffix,
+                           [level, element] {
+                               return codecWriter(
+                                       RvoBlockCodecSetting::zstd(level).withShuffle(element));
+                           },
+                           true, false, codecRead});
+        }
+    }
+#ifdef RVODDI_BENCH_BLOSC
+    for (int element : {4, 8})
+        all.push_back({"blosc-lz4-s" + std::to_string(element),
+                       [element] { return bloscWriter(element); }, true, false, bloscRead});
+#endif
     return all;
 }
 
@@ -195,13 +262,16 @@ void report(benchmark::State &state, qint64 payloadBytes)
 }
 
 // Makes every payload once, checks it, and returns them; empty on a fault.
-std::vector<QByteArray> payloadsOf(const Input &input, const Writer &write, benchmark::State &state)
+std::vector<QByteArray> payloadsOf(const Input &input, const NamedWriter &writer,
+                                   const Writer &write, benchmark::State &state)
 {
     std::vector<QByteArray> payloads;
+    QByteArray back(TileSize, Qt::Uninitialized);
     for (const QByteArray &tile : tiles(input)) {
         payloads.push_back(write(tile));
-        if (qUncompress(payloads.back()) != tile) {
-            state.SkipWithError("qUncompress does not read the payload");
+        if (writer.zlib ? qUncompress(payloads.back()) != tile
+                        : !writer.read(payloads.back(), &back) || back != tile) {
+            state.SkipWithError("the payload does not decode to the tile");
             return {};
         }
     }
@@ -211,7 +281,7 @@ std::vector<QByteArray> payloadsOf(const Input &input, const Writer &write, benc
 void compress(benchmark::State &state, const Input &input, const NamedWriter &writer)
 {
     const Writer write = writer.make();
-    const std::vector<QByteArray> payloads = payloadsOf(input, write, state);
+    const std::vector<QByteArray> payloads = payloadsOf(input, writer, write, state);
     qint64 payloadBytes = 0;
     for (const QByteArray &p : payloads)
         payloadBytes += p.size();
@@ -226,7 +296,7 @@ void compress(benchmark::State &state, const Input &input, const NamedWriter &wr
 void uncompress(benchmark::State &state, const Input &input, const NamedWriter &writer,
                 const Reader &read)
 {
-    const std::vector<QByteArray> payloads = payloadsOf(input, writer.make(), state);
+    const std::vector<QByteArray> payloads = payloadsOf(input, writer, writer.make(), state);
     if (payloads.empty())
         return;
     qint64 payloadBytes = 0;
@@ -251,6 +321,9 @@ void uncompress(benchmark::State &state, const Input &input, const NamedWriter &
 
 int main(int argc, char **argv)
 {
+#ifdef RVODDI_BENCH_BLOSC
+    blosc_init();
+#endif
     const std::pair<const char *, std::function<Reader()>> readers[]
             = {{"qUncompress", [] { return Reader(qtRead); }},
                {"libdeflate", libdeflateReader},
@@ -264,6 +337,17 @@ int main(int argc, char **argv)
     }
     for (const Input &input : Inputs) {
         for (const NamedWriter &writer : writers()) {
+            if (!writer.zlib) {
+                // Read the way its own format is read.
+                const Reader read = writer.read;
+                benchmark::RegisterBenchmark(
+                        ("Uncompress/" + std::string(input.name) + "/" + writer.name + "/codec")
+                                .c_str(),
+                        [&input, writer, read](benchmark::State &s) {
+                            uncompress(s, input, writer, read);
+                        });
+                continue;
+            }
             for (const auto &[readerName, makeReader] : readers) {
                 // The codec's reader on its own payloads: the path block files take.
                 if (!writer.decoded

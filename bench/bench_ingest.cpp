@@ -35,7 +35,9 @@
 // with processIO, which sleeps a whole second at a time; synchronously with
 // processIO; and synchronously with 1 ms steps.
 //
-// bench_ingest [--tiles N] [benchmark options]
+// bench_ingest [--tiles N] [--codec SETTING] [benchmark options]
+//   --codec: how block files are written (setBlockCodec: zlib, lz4,
+//   zstd:LEVEL; default: RVODDI_BLOCK_CODEC, else zlib); the stages use it.
 // bench_ingest --write-tiles DIR N   writes tiles 0..N-1 as DIR/tile-00000.bin
 //                                    and so on (for the git comparison)
 //
@@ -85,6 +87,14 @@ constexpr int kStageTiles = 256; // tiles each stage runs on alone
 constexpr int kStageRounds = 3; // rounds of the stages; the least cost counts
 
 int g_Tiles = 8192;
+QString g_Codec = qEnvironmentVariable("RVODDI_BLOCK_CODEC");
+
+RvoBlockCodecSetting codecSetting()
+{
+    RvoBlockCodecSetting setting;
+    RvoBlockCodecSetting::parse(g_Codec, &setting, nullptr);
+    return setting;
+}
 
 // QByteArray's size type: int in Qt 5, qsizetype in Qt 6.
 using ArraySize = decltype(QByteArray().size());
@@ -254,7 +264,7 @@ StageCosts measureStagesOnce(const std::vector<QByteArray> &tiles, qint64 *paylo
     StageCosts costs;
     const int count = int(tiles.size());
     QTemporaryDir dir;
-    RvoBlockCodec codec;
+    RvoBlockCodec codec(codecSetting());
     std::vector<QString> names(static_cast<size_t>(count));
     std::vector<QByteArray> payloads(static_cast<size_t>(count));
     for (QByteArray &payload : payloads)
@@ -425,6 +435,7 @@ void BM_IngestAndReadBack(benchmark::State &state)
     for (auto _ : state) {
         QTemporaryDir dir;
         RvoDataBlockManager &m = RvoDataBlockManager::instance();
+        m.setBlockCodec(g_Codec);
         m.setup(QStringList {dir.path()}, kBudget, 10);
         m.setSubCache(QStringLiteral("Ingest"));
 
@@ -582,6 +593,16 @@ int main(int argc, char **argv)
             }
             return writeTiles(QString::fromLocal8Bit(argv[i + 1]), count);
         }
+        if (std::strcmp(argv[i], "--codec") == 0) {
+            g_Codec = i + 1 < argc ? QString::fromLocal8Bit(argv[i + 1]) : QString();
+            QString error;
+            if (i + 1 >= argc || !RvoBlockCodecSetting::parse(g_Codec, nullptr, &error)) {
+                std::fprintf(stderr, "bench_ingest: %s\n", qPrintable(error));
+                return 2;
+            }
+            ++i;
+            continue;
+        }
         if (std::strcmp(argv[i], "--tiles") == 0) {
             if (i + 1 >= argc || !parseCount(argv[i + 1], &g_Tiles)) {
                 std::fprintf(stderr, "usage: bench_ingest [--tiles N] [benchmark options]\n");
@@ -612,8 +633,9 @@ int main(int argc, char **argv)
     if (!results().empty()) {
         const StageCosts &s = stageCosts();
         std::printf("STAGES cores %d hash_ms %.3f compress_ms %.3f write_ms %.3f read_ms %.3f "
-                    "decode_ms %.3f size_vs_qcompress2 %.4f\n",
-                    s.cores, s.hash, s.compress, s.write, s.read, s.decode, s.sizeVsQCompress2);
+                    "decode_ms %.3f size_vs_qcompress2 %.4f codec %s\n",
+                    s.cores, s.hash, s.compress, s.write, s.read, s.decode, s.sizeVsQCompress2,
+                    qPrintable(codecSetting().toString()));
     }
     return 0;
 }

@@ -7,9 +7,11 @@ RVODDI_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # nginx and redis-server are run by the remote tier's tests on loopback ports
 # of their own (tests/support/LocalServer.h), never as system services;
 # bsdutils' script(1) gives the rvoddi tool's test a terminal, and openssl
-# makes the certificate of the HTTPS test's nginx.
+# makes the certificate of the HTTPS test's nginx. libblosc-dev is bench_codec's
+# reference for the byte shuffle (the library does its own).
 RVODDI_PACKAGES=(cmake ninja-build g++ pkg-config qt6-base-dev libgtest-dev
                  libbenchmark-dev zlib1g-dev libssl-dev libdeflate-dev libisal-dev
+                 liblz4-dev libzstd-dev libblosc-dev
                  libcurl4-openssl-dev libhiredis-dev nginx redis-server bsdutils openssl)
 
 rvoddi_log() { printf '== %s\n' "$*" >&2; }

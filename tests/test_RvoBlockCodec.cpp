@@ -2,6 +2,8 @@
 
 #include "../bench/support/ImageTiles.h"
 
+#include <QtEndian>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -278,5 +280,112 @@ TEST(RvoBlockCodec, TilesStayWithinFivePercentOfZlibLevel2)
                     << nameOf(encoder) << " level " << RvoBlockCodec::level(encoder) << ": " << ours
                     << " bytes against " << zlib;
         }
+    }
+}
+
+namespace {
+
+using Setting = RvoBlockCodecSetting;
+// Every writer: LZ4 and Zstandard as set by name, and unshuffled or with
+// other elements, which readers must read as well.
+const Setting Settings[] = {Setting::zlib(),
+                            Setting::lz4(),
+                            Setting::lz4().withShuffle(1),
+                            Setting::lz4().withShuffle(4),
+                            Setting::zstd(),
+                            Setting::zstd(-5).withShuffle(1),
+                            Setting::zstd(3).withShuffle(3)};
+
+} // namespace
+
+// Whatever wrote a payload, one reader with any setting reads it back.
+TEST(RvoBlockCodec, EveryCodecRoundTripsEveryKindOfTile)
+{
+    RvoBlockCodec reader(Setting::zstd());
+    for (const Setting &setting : Settings)
+        for (const QByteArray &block :
+             {QByteArray(), QByteArray(1, 'x'), textBytes(1027), makeImageLikeTile(1),
+              makePhotoLikeTile(2), makeHalfFloatTile(3), randomBytes(1024 * 1024, 5)}) {
+            SCOPED_TRACE(testing::Message()
+                         << setting.toString().toStdString() << "/" << setting.shuffle() << ", "
+                         << block.size() << " bytes");
+            RvoBlockCodec codec(setting);
+            const QByteArray payload = codec.compress(block.constData(), block.size());
+            ASSERT_FALSE(payload.isNull());
+            EXPECT_EQ(qFromBigEndian<quint32>(payload.constData()), quint32(block.size()));
+            Setting::Kind kind = Setting::Zstd;
+            EXPECT_TRUE(RvoBlockCodec::kindOf(payload.constData(), payload.size(), &kind));
+            EXPECT_EQ(kind, block.isEmpty() ? Setting::Zlib : setting.kind());
+            const std::vector<char> copy = exactCopy(payload, payload.size());
+            QByteArray out;
+            ASSERT_TRUE(reader.uncompress(copy.data(), payload.size(), block.size(), &out));
+            EXPECT_TRUE(out == block);
+        }
+}
+
+// A damaged LZ4 or Zstandard payload never hands out other bytes than were
+// written: cut anywhere, a size that disagrees with the frame's or block's,
+// a byte changed anywhere (the checksum covers the block as handed out), or
+// the other codec's tag.
+TEST(RvoBlockCodec, DamagedLz4AndZstdPayloadsAreRefused)
+{
+    RvoBlockCodec reader;
+    const QByteArray tile = makeImageLikeTile(4);
+    for (const Setting &setting : {Setting::lz4(), Setting::zstd()}) {
+        SCOPED_TRACE(setting.toString().toStdString());
+        RvoBlockCodec codec(setting);
+        const QByteArray payload = codec.compress(tile.constData(), tile.size());
+        const int n = int(payload.size());
+        for (int length : {4, 5, 6, 9, 10, 11, n / 2, n - 1})
+            EXPECT_TRUE(refused(reader, payload, length, tile.size())) << "cut at " << length;
+        EXPECT_TRUE(refused(reader, payload + 'x', n + 1, tile.size()));
+        const QByteArray shorter = tile.left(tile.size() - 1);
+        const QByteArray other = codec.compress(shorter.constData(), shorter.size());
+        EXPECT_TRUE(refused(reader, withHeader(other, quint32(tile.size())), other.size(),
+                            tile.size()));
+        EXPECT_TRUE(
+                refused(reader, withHeader(payload, quint32(shorter.size())), n, shorter.size()));
+        QByteArray swapped = payload;
+        swapped[4] = setting.kind() == Setting::Lz4 ? 'Z' : 'L';
+        EXPECT_TRUE(refused(reader, swapped, n, tile.size()));
+        int refusals = 0;
+        int flips = 0;
+        for (int i = 5; i < n; i += 97, ++flips) {
+            QByteArray bad = payload;
+            bad[i] = char(bad[i] ^ (i == 5 ? 0x0C : 0x10)); // at 5: shuffle 8 becomes 4
+            QByteArray out("stale contents");
+            if (reader.uncompress(bad.constData(), n, tile.size(), &out))
+                EXPECT_TRUE(out == tile) << "byte " << i;
+            else
+                ++refusals;
+        }
+        EXPECT_GE(refusals, flips - flips / 20);
+    }
+}
+
+TEST(RvoBlockCodec, SettingsParseFromTextAndABadOneSaysWhy)
+{
+    const struct
+    {
+        const char *text;
+        const char *parsed; // or the message
+    } cases[] = {
+            {"", "zlib"},
+            {" LZ4 ", "lz4"},
+            {"zstd", "zstd:2"},
+            {"zstd:-5", "zstd:-5"},
+            {"brotli", "Bad block codec 'brotli': use zlib, lz4, zstd or zstd:LEVEL"},
+            {"lz4:1", "Bad block codec 'lz4:1': lz4 takes no level"},
+            {"zstd:0",
+             "Bad block codec 'zstd:0': its level must be a whole number from -50 to 22, "
+             "not 0"},
+    };
+    for (const auto &c : cases) {
+        Setting setting = Setting::zstd(7);
+        QString error;
+        const bool ok = Setting::parse(QString::fromLatin1(c.text), &setting, &error);
+        EXPECT_EQ((ok ? setting.toString() : error).toStdString(), c.parsed) << c.text;
+        if (!ok)
+            EXPECT_EQ(setting, Setting::zstd(7)) << c.text;
     }
 }

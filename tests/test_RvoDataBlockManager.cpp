@@ -1,4 +1,5 @@
 #include "ManagerTestAccess.h"
+#include "RvoBlockCodec_p.h"
 #include "RvoDdiLog.h"
 
 using Access = RvoDataBlockManagerTestAccess;
@@ -44,6 +45,57 @@ TEST(RvoDataBlockManager, EveryBudgetAndItsWriteLimitIsLogged)
                             "[DDI] Max data cache size    = -5 bytes (0 MB)",
                             "[DDI] Max write pending size = -1 bytes (0 MB)"}));
     EXPECT_EQ(manager().maxWritePendingSize(), -1);
+}
+
+// The environment gives the codec when the host gives none; a bad setting
+// from either says why and changes nothing. A root holds a mix of codecs and
+// reads back byte-exact whatever the setting; zlib files are qCompress's.
+TEST(RvoDataBlockManager, BlockCodecSettingWritesAMixedRootThatReadsBackByteExact)
+{
+    qputenv("RVODDI_BLOCK_CODEC", "zstd:99");
+    StdoutCapture out;
+    {
+        ManagerSetup setup;
+        EXPECT_EQ(manager().blockCodec(), QStringLiteral("zlib"));
+    }
+    qputenv("RVODDI_BLOCK_CODEC", "zstd:2");
+    ManagerSetup setup;
+    EXPECT_EQ(manager().blockCodec(), QStringLiteral("zstd:2"));
+    EXPECT_FALSE(manager().setBlockCodec(QStringLiteral("lz5")));
+    EXPECT_EQ(manager().blockCodec(), QStringLiteral("zstd:2"));
+    EXPECT_EQ(out.lines(),
+              (QStringList {QStringLiteral("Bad block codec 'zstd:99': its level must be a whole "
+                                           "number from -50 to 22, not 0 (from "
+                                           "RVODDI_BLOCK_CODEC; writing zlib)"),
+                            QStringLiteral("Bad block codec 'lz5': use zlib, lz4, zstd or "
+                                           "zstd:LEVEL")}));
+
+    const QString settings[] = {QString(), QStringLiteral("lz4"), QStringLiteral("zlib")};
+    const RvoBlockCodecSetting::Kind kinds[]
+            = {RvoBlockCodecSetting::Zstd, RvoBlockCodecSetting::Lz4, RvoBlockCodecSetting::Zlib};
+    QVector<RvoDataReference> references;
+    for (int s = 0; s < 3; ++s) {
+        if (!settings[s].isNull())
+            ASSERT_TRUE(manager().setBlockCodec(settings[s]));
+        for (int i = 0; i < 2; ++i)
+            references.append(addBlock(testContent(10 * s + i, 100000)));
+        manager().flush(true, RvoDataBlockManager::AllThreads);
+    }
+    manager().freeAllBlocks();
+    ASSERT_TRUE(manager().setBlockCodec(QStringLiteral("lz4")));
+    for (int r = 0; r < references.size(); ++r) {
+        const QByteArray content = testContent(10 * (r / 2) + r % 2, 100000);
+        const QByteArray file = readFile(blockPath(setup.root(), QString(), hashOf(references[r])));
+        RvoBlockCodecSetting::Kind kind = RvoBlockCodecSetting::Zlib;
+        EXPECT_TRUE(RvoBlockCodec::kindOf(file.constData() + 12, file.size() - 12, &kind));
+        EXPECT_EQ(kind, kinds[r / 2]) << r;
+        if (kind == RvoBlockCodecSetting::Zlib)
+            EXPECT_EQ(
+                    file,
+                    blockFileBytes(content.size(),
+                                   RvoBlockCodec().compress(content.constData(), content.size())));
+        EXPECT_EQ(bytesOf(references[r]), content) << r;
+    }
 }
 
 // A second setting of the same name is said.

@@ -177,6 +177,25 @@ TEST(RvoRemoteTier, SilentRemoteCostsAtMostItsTimeout)
     redis.resume();
 }
 
+// Files move between machines unchanged: a host that writes zlib reads an
+// LZ4 or Zstandard file from a remote and keeps it as it came.
+TEST(RvoRemoteTier, Lz4FileFromARemoteIsReadByAZlibHost)
+{
+    LocalServer nginx(LocalServer::Nginx);
+    START_OR_SKIP(nginx);
+    ManagerSetup setup;
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(nginx.url()));
+    ASSERT_EQ(Manager::instance().blockCodec(), QStringLiteral("zlib"));
+    for (const RvoBlockCodecSetting &setting :
+         {RvoBlockCodecSetting::lz4(), RvoBlockCodecSetting::zstd()}) {
+        const QByteArray content = testContent(int(setting.kind()), 30000);
+        const QByteArray file = blockFile(content, setting);
+        ASSERT_TRUE(writeFile(nginx.filePath(nameOf(content)), file));
+        EXPECT_EQ(read(nameOf(content)), content);
+        EXPECT_EQ(readFile(localFile(nameOf(content))), file);
+    }
+}
+
 // Meanwhile the server holds nothing up and the disk serves every block;
 // its going and coming back are each said once.
 TEST(RvoRemoteTier, UploadsResumeWhenAKilledServerRestarts)
@@ -228,9 +247,9 @@ TEST(RvoRemoteTier, FlushWaitsForTheUploadsOfRemotesThatTakeThem)
     START_OR_SKIP(full);
     START_OR_SKIP(readOnly);
     ManagerSetup setup;
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(full.url() + QStringLiteral("|upload-queue=0 ")
-                                                     + nginx.url() + QLatin1Char(' ')
-                                                     + readOnly.url() + QStringLiteral("|read-only")));
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(
+            full.url() + QStringLiteral("|upload-queue=0 ") + nginx.url() + QLatin1Char(' ')
+            + readOnly.url() + QStringLiteral("|read-only")));
     QList<RvoDataReference> refs;
     for (int seed = 0; seed < 5; ++seed)
         refs.append(addBlock(testContent(seed, 20000)));

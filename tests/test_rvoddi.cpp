@@ -23,12 +23,14 @@ struct Outcome
 // Stores blocks through the block manager, one sub-cache after another, and
 // returns the paths of their block files. The manager stays set up, with the
 // last sub-cache current (held), until cleanUp().
-QStringList storeBlocks(const QString &root, const QStringList &subCaches, int perSubCache)
+QStringList storeBlocks(const QString &root, const QStringList &subCaches, int perSubCache,
+                        const QStringList &codecs = {})
 {
     manager().setup({root}, qint64(256) << 20, 10);
     QStringList paths;
     int seed = 0;
     for (const QString &subCache : subCaches) {
+        manager().setBlockCodec(codecs.value(int(paths.size()) / perSubCache));
         manager().setSubCache(subCache);
         QVector<RvoDataReference> references;
         for (int i = 0; i < perSubCache; ++i)
@@ -253,7 +255,7 @@ class rvoddiListing : public ::testing::Test
 protected:
     void SetUp() override
     {
-        paths = storeBlocks(root, {"idle", "busy"}, 3);
+        paths = storeBlocks(root, {"idle", "busy"}, 3, {"zlib", "lz4"});
         ASSERT_EQ(paths.size(), 6);
         stray = QFileInfo(paths[0]).path() + "/notes.txt";
         ASSERT_TRUE(writeFile(stray, "x"));
@@ -298,5 +300,8 @@ TEST_F(rvoddiListing, StatsCountFilesSizesAgesAndStrayFiles)
     EXPECT_EQ(totals["blockSizes"][2]["files"].toInt(), 5) << "100,000 bytes: below 256 KiB";
     EXPECT_EQ(totals["lastUse"][0]["files"].toInt(), 6);
     EXPECT_EQ(totals["otherFiles"][0]["path"].toString(), stray);
+    EXPECT_EQ(totals["codecs"]["zlib"]["files"].toInt(), 3);
+    EXPECT_EQ(totals["codecs"]["lz4"]["files"].toInt(), 2);
+    expectRun({"stats", root}, 0, "**\ncodecs           zlib 3 (*), lz4 2 (*)\n**");
     expectRun({"stats", root, "--sub-cache", "idle"}, 0, "block files      3 in 1 sub-cache\n**");
 }

@@ -185,6 +185,59 @@ inline QByteArray makePhotoLikeTile(int index, int size = 262144)
     return tile;
 }
 
+namespace ImageTiles {
+
+// The IEEE half-precision bits of v / 65536 (v >= 0), mantissa truncated;
+// values past the largest half saturate to it.
+inline std::uint16_t halfFromFixed(std::uint32_t v)
+{
+    if (v < 4) // below the smallest normal half (2^-14): subnormal
+        return static_cast<std::uint16_t>(v << 8);
+    int msb = 31;
+    while (!(v >> msb))
+        --msb;
+    const int exponent = msb - 16 + 15;
+    if (exponent > 30)
+        return 0x7BFF;
+    const std::uint32_t mantissa = msb >= 10 ? (v >> (msb - 10)) : (v << (10 - msb));
+    return static_cast<std::uint16_t>((exponent << 10) | (mantissa & 0x3FF));
+}
+
+} // namespace ImageTiles
+
+// A rendered or scanned frame as a host caches it for playback: RGBA
+// half-float pixels (8 bytes each, little-endian), 256 to a row, so a
+// 256 KiB tile is 128 rows. Scene-linear values from 0 to about 2: the
+// photo-like tile's luma and colour cast, squared (roughly linear light),
+// with noise in the last few bits of every sample; alpha is 1.0. The low
+// byte of each half is nearly random, the high byte smooth.
+inline QByteArray makeHalfFloatTile(int index, int size = 262144)
+{
+    using namespace ImageTiles;
+    if (size <= 0)
+        return QByteArray();
+    const QByteArray photo = makePhotoLikeTile(index ^ 0x4000, size / 2 + 4);
+    const auto *in = reinterpret_cast<const unsigned char *>(photo.constData());
+    std::uint64_t noise = 0x4A1Full * 1000003ull + std::uint64_t(std::uint32_t(index));
+    QByteArray tile(size, Qt::Uninitialized);
+    unsigned char *out = reinterpret_cast<unsigned char *>(tile.data());
+    for (int i = 0; i < size; i += 2) {
+        const int c = (i / 2) % 4;
+        std::uint16_t half = 0x3C00; // alpha 1.0
+        if (c < 3) {
+            const std::uint32_t s = in[i / 2];
+            // (s / 255)^2 * 2 in 16.16 fixed point, then noise of +-1/512.
+            const std::uint32_t linear = s * s * 2 * 65536 / (255 * 255);
+            const int jitter = int(nextRandom(noise) % 257) - 128;
+            half = halfFromFixed(std::uint32_t(qMax(0, int(linear) + jitter)));
+        }
+        out[i] = static_cast<unsigned char>(half & 0xFF);
+        if (i + 1 < size)
+            out[i + 1] = static_cast<unsigned char>(half >> 8);
+    }
+    return tile;
+}
+
 // Bytes that no compressor can shrink: the worst case for payload size and
 // the case where a deflate writer falls back to stored blocks.
 inline QByteArray makeNoiseTile(int index, int size = 262144)

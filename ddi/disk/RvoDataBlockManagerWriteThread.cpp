@@ -82,7 +82,8 @@ void RvoDataBlockManagerWriteThread::writeBlock(RvoDataBlockManagerBase::Preload
     if (!block->isCompressed()
         && buildFilename(hash.data(), m_Root, subCache(), quint32(qMax(m_BucketCount, 1)),
                          directory, fileName)) {
-        job = RvoBlockSaver::instance().submit(block->m_Data, directory, fileName);
+        job = RvoBlockSaver::instance().submit(block->m_Data, directory, fileName,
+                                               m_Host.blockCodec());
     }
     Entry entry {int(priority),
                  block->size(),
@@ -373,7 +374,10 @@ RvoDataBlockManagerWriteThread::handleRequest(RvoDataBlockSaveRequest &request,
     if (block
         && buildFilename(request.hash.data(), m_Root, subCache(), quint32(qMax(m_BucketCount, 1)),
                          directory, fileName)) {
-        // A block compressed in memory is already in the file's form.
+        // A block compressed in memory is already in the file's form (zlib,
+        // whatever the setting).
+        if (!block->isCompressed())
+            m_Codec.setSetting(m_Host.blockCodec());
         outcome = block->isCompressed()
                 ? RvoBlockSaver::save(block->size(), block->m_Data.constData(),
                                       block->m_Data.size(), directory, fileName)

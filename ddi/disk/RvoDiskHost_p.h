@@ -1,6 +1,7 @@
 #ifndef RVODISKHOST_P_H
 #define RVODISKHOST_P_H
 
+#include "RvoBlockCodecSetting_p.h"
 #include "RvoDataHash.h"
 #include "RvoSmartPointer.h"
 
@@ -30,6 +31,8 @@ public:
     virtual bool fetchMissing(const RvoBlockLoad &load) = 0;
     // A block file this process made is complete under its name.
     virtual void blockFilePublished(const QString &path, const QString &fileName, qint64 bytes) = 0;
+    // How new block files are written now (any thread).
+    virtual RvoBlockCodecSetting blockCodec() const = 0;
 
     // Garbage collection: whether it is on, the current sub-cache, and the
     // collectors' handshake (a pass asks before it starts, false: it must

@@ -12,8 +12,10 @@ class RvoBlockCodec;
 //
 //     offset 0   qint64  Size       uncompressed size of the block
 //     offset 8   qint32  BlockSize  payload length
-//     offset 12  payload            qCompress format: 4-byte big-endian
-//                                   length, then a zlib stream
+//     offset 12  payload            4-byte big-endian length, then a zlib
+//                                   stream (qCompress's format), an LZ4
+//                                   block or a Zstandard frame, each of
+//                                   which names itself (RvoBlockCodec)
 //
 // Block files appear under their final name only complete (written aside,
 // then renamed), so a file whose length is not exactly 12 + BlockSize is

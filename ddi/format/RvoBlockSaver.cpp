@@ -75,6 +75,7 @@ public:
     QByteArray data;
     QString directory;
     QString fileName;
+    RvoBlockCodecSetting setting;
     Outcome outcome;
 };
 
@@ -106,12 +107,14 @@ RvoBlockSaver &RvoBlockSaver::instance()
 }
 
 RvoBlockSaver::JobPtr RvoBlockSaver::submit(const QByteArray &data, const QString &directory,
-                                            const QString &fileName)
+                                            const QString &fileName,
+                                            const RvoBlockCodecSetting &setting)
 {
     auto job = std::make_shared<Job>();
     job->data = data;
     job->directory = directory;
     job->fileName = fileName;
+    job->setting = setting;
     {
         RvoMutexLocker locker(m_Lock);
         if (!m_Stopping && m_Workers.empty())
@@ -211,7 +214,8 @@ int RvoBlockSaver::pendingJobs() const
 void RvoBlockSaver::work()
 {
     becomeBackgroundWorker();
-    // One compressor per worker, kept for the thread's life.
+    // One compressor per worker, kept for the thread's life: its working
+    // state is large, and made only for the codecs the jobs ask for.
     RvoBlockCodec codec;
     RvoMutexLocker locker(m_Lock);
     for (;;) {
@@ -227,6 +231,7 @@ void RvoBlockSaver::work()
         QByteArray data = std::exchange(job->data, QByteArray());
         const QString directory = job->directory;
         const QString fileName = job->fileName;
+        codec.setSetting(job->setting);
         locker.unlock();
 
         const Outcome outcome = save(codec, data, directory, fileName);

@@ -1,6 +1,7 @@
 #ifndef RVOBLOCKSAVER_P_H
 #define RVOBLOCKSAVER_P_H
 
+#include "RvoBlockCodecSetting_p.h"
 #include "RvoConditionVariable_p.h"
 #include "RvoMutex_p.h"
 
@@ -69,15 +70,17 @@ public:
     ~RvoBlockSaver();
 
     // Queues the save of `data` (a block's raw bytes; the job shares them, so
-    // the block may go meanwhile) into directory/fileName. Never fails; the
-    // result is never null.
-    JobPtr submit(const QByteArray &data, const QString &directory, const QString &fileName);
+    // the block may go meanwhile) into directory/fileName, compressed as
+    // `setting` says. Never fails; the result is never null.
+    JobPtr submit(const QByteArray &data, const QString &directory, const QString &fileName,
+                  const RvoBlockCodecSetting &setting = {});
 
     // The save of `data` into directory/fileName. When `job` was submitted
     // for that file, waits for a worker to do it (moving a queued job to the
     // front of the queue); saves here with `codec` when there is no job, no
     // worker took it (no workers, exit) or it was for another directory (the
-    // sub-cache changed meanwhile). Call at most once per job.
+    // sub-cache changed meanwhile), as codec.setting() says. Call at most once
+    // per job.
     Outcome finish(const JobPtr &job, const QByteArray &data, const QString &directory,
                    const QString &fileName, RvoBlockCodec &codec);
 
@@ -90,7 +93,7 @@ public:
     int pendingJobs() const;
 
     // Saves on the calling thread: nothing when the file exists, otherwise
-    // compresses `data` and publishes the file.
+    // compresses `data` as codec.setting() says and publishes the file.
     static Outcome save(RvoBlockCodec &codec, const QByteArray &data, const QString &directory,
                         const QString &fileName);
     // The same for a payload compressed already (`size`: the block's size).

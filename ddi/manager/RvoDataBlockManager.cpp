@@ -111,6 +111,7 @@ bool RvoDataBlockManager::Private::setup(const QStringList &roots, qint64 maxCac
     }
     if (maxCacheSize != -1)
         setMaxDataCacheSize(maxCacheSize);
+    readBlockCodecFromEnvironment();
 
     for (const QString &root : roots) {
         if (QDir(root).exists())
@@ -398,6 +399,16 @@ bool RvoDataBlockManager::setRemoteStorage(const QString &spec)
 QString RvoDataBlockManager::remoteStorage() const
 {
     return d->remoteStorage();
+}
+
+bool RvoDataBlockManager::setBlockCodec(const QString &setting)
+{
+    return d->setBlockCodec(setting);
+}
+
+QString RvoDataBlockManager::blockCodec() const
+{
+    return d->blockCodec().toString();
 }
 
 QString RvoDataBlockManager::subCache() const

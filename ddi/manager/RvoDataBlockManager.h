@@ -112,6 +112,20 @@ public:
     bool setRemoteStorage(const QString &spec);
     QString remoteStorage() const;
 
+    // How new block files are written: "zlib" (qCompress's format, the
+    // default), "lz4" (the fastest to read, larger files) or "zstd" /
+    // "zstd:LEVEL" (Zstandard, as small as zlib's or smaller, faster to read);
+    // the README compares them. Every block file of any codec is read
+    // whatever the setting, so roots may hold a mix. False, with a message
+    // naming the bad part and nothing changed, when `setting` is invalid;
+    // empty means zlib. Takes effect for the saves queued from then on; kept
+    // across cleanUp(). Without a call, setup() takes the setting from the
+    // environment variable RVODDI_BLOCK_CODEC. A block compressed in memory
+    // (RvoDataBlock::compress) is written as it is, in zlib.
+    bool setBlockCodec(const QString &setting);
+    // The setting in its canonical form ("zlib", "lz4", "zstd:2").
+    QString blockCodec() const;
+
     QString subCache() const;
     // Names the sub-cache directory under every root; the threads and the log
     // follow. Refused silently while garbage collection is on. While a

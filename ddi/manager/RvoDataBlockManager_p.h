@@ -114,6 +114,11 @@ public:
     bool setRemoteStorage(const QString &spec);
     QString remoteStorage() const;
 
+    // The block codec.
+    bool setBlockCodec(const QString &setting);
+    // Takes the setting from RVODDI_BLOCK_CODEC unless a host gave one.
+    void readBlockCodecFromEnvironment();
+
     // Copies of the thread vectors, taken under the delete lock.
     QVector<RvoDataBlockManagerWriteThread *> writeThreads() const;
     QVector<RvoDataBlockManagerReadThread *> readThreads() const;
@@ -135,6 +140,7 @@ public:
     void finishPendingSaves() override;
     bool fetchMissing(const RvoBlockLoad &load) override;
     void blockFilePublished(const QString &path, const QString &fileName, qint64 bytes) override;
+    RvoBlockCodecSetting blockCodec() const override;
     bool garbageCollecting() const override
     {
         return m_GarbageCollecting.load(std::memory_order_acquire);
@@ -202,6 +208,11 @@ private:
     QString m_RemoteSpec GUARDED_BY(m_RemoteLock);
     bool m_RemoteSpecGiven GUARDED_BY(m_RemoteLock) = false; // set by setRemoteStorage
     std::shared_ptr<RvoRemoteTier> m_RemoteTier GUARDED_BY(m_RemoteLock);
+
+    // Guards the block codec setting, which every save reads. A leaf.
+    mutable RvoMutex m_CodecLock;
+    RvoBlockCodecSetting m_BlockCodec GUARDED_BY(m_CodecLock);
+    bool m_BlockCodecGiven GUARDED_BY(m_CodecLock) = false; // set by setBlockCodec
 };
 
 #endif // RVODATABLOCKMANAGER_P_H

@@ -4,6 +4,7 @@
 
 #include "RvoSelfCheckRun_p.h"
 
+#include "RvoBlockCodec_p.h"
 #include "RvoConstAccessor.h"
 #include "RvoDataBlock.h"
 #include "RvoDataBlockManager.h"
@@ -139,8 +140,8 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkDiskLayout()
     constexpr int kBlockSize = 262144;
     constexpr double kMaxDeviation = 0.05 * kBlocks;
 
-    const std::unique_ptr<RvoSelfCheckCache> cache =
-            openCache(&result, kRoots, RvoDataBlockManager::defaultCacheSize(), kBuckets);
+    const std::unique_ptr<RvoSelfCheckCache> cache
+            = openCache(&result, kRoots, RvoDataBlockManager::defaultCacheSize(), kBuckets);
     if (!cache)
         return result;
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
@@ -223,7 +224,8 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkDiskLayout()
     }
     manager.flush(true, RvoDataBlockManager::AllThreads);
     for (int i = 0; i < count; ++i) {
-        const QString path = manager.getBlockDestination(cache->subCache(), references.at(i).hash());
+        const QString path
+                = manager.getBlockDestination(cache->subCache(), references.at(i).hash());
         if (!QFileInfo::exists(path))
             return mismatch(QStringLiteral("a block file at %1").arg(path), QStringLiteral("none"),
                             m_Samples.origin(i));
@@ -255,7 +257,8 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkWriteAndReadBack()
         m_Options.hooks->blocksOnDisk(cache->subCacheDirectory(), references);
 
     // Each block file: named by the content's digest, where the layout puts
-    // it, a 12-byte header (size, payload length), a qCompress payload.
+    // it, a 12-byte header (size, payload length), a payload of the codec
+    // the library writes with that decodes to the block.
     QSet<QString> seen;
     for (int i = 0; i < blocks.size(); ++i) {
         const QString where = m_Samples.origin(i);
@@ -284,7 +287,9 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkWriteAndReadBack()
             return mismatch(
                     QStringLiteral("payload length %1 in the header").arg(bytes.size() - 12),
                     QString::number(payloadSize), path);
-        const QByteArray payload = qUncompress(bytes.mid(12));
+        QByteArray payload;
+        RvoBlockCodec::forThisThread().uncompress(bytes.constData() + 12, bytes.size() - 12, size,
+                                                  &payload);
         const QString diff = payload.isEmpty() && !blocks.at(i).isEmpty()
                 ? QStringLiteral("a payload that does not uncompress")
                 : difference(reinterpret_cast<const unsigned char *>(payload.constData()),
@@ -667,9 +672,9 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::checkGarbageCollection()
     constexpr int kRoots = 2;
     constexpr int kBuckets = 10;
     constexpr int kBlocks = 24;
-    const std::unique_ptr<RvoSelfCheckCache> cache =
-            openCache(&result, kRoots, RvoDataBlockManager::defaultCacheSize(), kBuckets,
-                      QStringLiteral("selfcheck-gc"));
+    const std::unique_ptr<RvoSelfCheckCache> cache
+            = openCache(&result, kRoots, RvoDataBlockManager::defaultCacheSize(), kBuckets,
+                        QStringLiteral("selfcheck-gc"));
     if (!cache)
         return result;
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();

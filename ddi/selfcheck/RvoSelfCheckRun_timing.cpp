@@ -4,6 +4,7 @@
 
 #include "RvoSelfCheckRun_p.h"
 
+#include "RvoBlockCodec_p.h"
 #include "RvoConstAccessor.h"
 #include "RvoDataBlock.h"
 #include "RvoDataBlockManager.h"
@@ -26,7 +27,6 @@ constexpr qint64 kWritingBytes = 64 * kMiB;
 constexpr qint64 kReadingBytes = 64 * kMiB;
 // The budget of the write and read timings: larger runs evict to disk.
 constexpr qint64 kTimingBudget = 256 * kMiB;
-constexpr int kCompressionLevel = 1;
 
 double megabytesPerSecond(qint64 bytes, qint64 nanoseconds)
 {
@@ -86,31 +86,47 @@ RvoSelfCheckRun::Result RvoSelfCheckRun::timeCompression()
     Result result;
     if (!haveSamples(&result))
         return result;
+    // The codec block files are written with: the host's setting, or
+    // RVODDI_BLOCK_CODEC's once a cache was set up.
+    RvoBlockCodecSetting setting;
+    RvoBlockCodecSetting::parse(RvoDataBlockManager::instance().blockCodec(), &setting, nullptr);
+    RvoBlockCodec codec(setting);
     const QVector<QByteArray> &blocks = m_Samples.blocks();
     const qint64 target = timingBytes(kCompressionBytes);
     qint64 done = 0;
     qint64 compressing = 0;
     qint64 uncompressing = 0;
+    qint64 payloadBytes = 0;
     QElapsedTimer timer;
+    QByteArray back;
     for (int i = 0; done < target; ++i) {
         const int b = i % int(blocks.size());
-        RvoDataBlock block(blocks.at(b));
+        const QByteArray &block = blocks.at(b);
         timer.start();
-        block.compress(kCompressionLevel);
+        const QByteArray payload = codec.compress(block.constData(), block.size());
         compressing += timer.nsecsElapsed();
         timer.start();
-        block.uncompress();
+        const bool decoded
+                = codec.uncompress(payload.constData(), payload.size(), block.size(), &back);
         uncompressing += timer.nsecsElapsed();
-        if (block.isCompressed() || block.size() != blocks.at(b).size()
-            || std::memcmp(block.constData(), blocks.at(b).constData(), size_t(block.size())) != 0)
+        if (!decoded || back != block)
             return mismatch(QStringLiteral("the bytes back"), QStringLiteral("others"),
                             m_Samples.origin(b));
-        done += blocks.at(b).size();
+        done += block.size();
+        payloadBytes += payload.size();
     }
-    return pass(QStringLiteral("%1 compressing, %2 uncompressing (zlib level %3, %4 MB)")
-                        .arg(rate(done, compressing), rate(done, uncompressing))
-                        .arg(kCompressionLevel)
-                        .arg(double(done) / 1e6, 0, 'f', 0));
+    const QString codecName = setting.kind() == RvoBlockCodecSetting::Zlib
+            ? QStringLiteral("zlib, %1 level %2")
+                      .arg(RvoBlockCodec::defaultEncoder() == RvoBlockCodec::Encoder::IsaL
+                                   ? QStringLiteral("ISA-L")
+                                   : QStringLiteral("libdeflate"))
+                      .arg(RvoBlockCodec::level(RvoBlockCodec::defaultEncoder()))
+            : setting.toString();
+    return pass(
+            QStringLiteral("%1 compressing, %2 uncompressing (%3, %4 % of the size, %5 MB)")
+                    .arg(rate(done, compressing), rate(done, uncompressing), codecName)
+                    .arg(done > 0 ? 100.0 * double(payloadBytes) / double(done) : 0.0, 0, 'f', 1)
+                    .arg(double(done) / 1e6, 0, 'f', 0));
 }
 
 RvoSelfCheckRun::Result RvoSelfCheckRun::timeWriting()

@@ -81,9 +81,12 @@ QByteArray blockFileBytes(qint64 size, const QByteArray &payload)
     return bytes + payload;
 }
 
-QByteArray blockFile(const QByteArray &content)
+QByteArray blockFile(const QByteArray &content, const RvoBlockCodecSetting &setting)
 {
-    return blockFileBytes(content.size(), qCompress(content, 2));
+    if (setting.kind() == RvoBlockCodecSetting::Zlib)
+        return blockFileBytes(content.size(), qCompress(content, 2));
+    return blockFileBytes(content.size(),
+                          RvoBlockCodec(setting).compress(content.constData(), content.size()));
 }
 
 QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,

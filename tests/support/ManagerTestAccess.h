@@ -7,6 +7,7 @@
 // the standard thread headers along.
 
 #include "OutputCapture.h"
+#include "RvoBlockCodecSetting_p.h"
 #include "RvoConstAccessor.h"
 #include "RvoDataBlock.h"
 #include "RvoDataBlockManagerReadThread_p.h"
@@ -122,9 +123,9 @@ QStringList lostBlocks(const QByteArray &lines);
 
 // The raw bytes of a block file.
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload);
-// The sound block file of `content` (the payload in qCompress's format, the
-// codec's own).
-QByteArray blockFile(const QByteArray &content);
+// The sound block file of `content`, its payload written as `setting` says
+// (by default qCompress's format, the zlib codec's own).
+QByteArray blockFile(const QByteArray &content, const RvoBlockCodecSetting &setting = {});
 // Where the block file of `hash` lies, spelt as the IO threads spell it.
 QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,
                   int buckets = 10);

@@ -102,14 +102,20 @@ RvoVerifier::Result RvoVerifier::run(const QVector<QString> &paths, const QVecto
     return result;
 }
 
-qint64 RvoVerifier::blockSize(const QString &path, qint64 length)
+qint64 RvoVerifier::blockSize(const QString &path, qint64 length, RvoBlockCodecSetting::Kind *kind,
+                              bool *known)
 {
     QFile file(path);
-    char header[RvoBlockFile::kHeaderSize];
+    // The header, the payload's length field and the byte that names its codec.
+    char header[RvoBlockFile::kHeaderSize + 5];
     RvoBlockFile::Header parsed;
-    if (!file.open(QIODevice::ReadOnly) || file.read(header, sizeof header) != sizeof header
-        || RvoBlockFile::parseHeader(header, sizeof header, length, &parsed) != RvoBlockFile::Sound)
+    const qint64 read = file.open(QIODevice::ReadOnly) ? file.read(header, sizeof header) : -1;
+    if (read < RvoBlockFile::kHeaderSize
+        || RvoBlockFile::parseHeader(header, read, length, &parsed) != RvoBlockFile::Sound)
         return -1;
+    if (known)
+        *known = RvoBlockCodec::kindOf(header + RvoBlockFile::kHeaderSize,
+                                       read - RvoBlockFile::kHeaderSize, kind);
     return parsed.size;
 }
 

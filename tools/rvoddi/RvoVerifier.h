@@ -1,6 +1,7 @@
 #ifndef RVOVERIFIER_H
 #define RVOVERIFIER_H
 
+#include "RvoBlockCodecSetting_p.h"
 #include "RvoBlockFile_p.h"
 
 #include <QString>
@@ -44,8 +45,11 @@ public:
                       const std::function<void(qint64 count, qint64 bytes)> &progress = {});
 
     // The Size field of a block file `length` bytes long, read from its
-    // header alone; -1 when the header cannot be read or is not sound.
-    static qint64 blockSize(const QString &path, qint64 length);
+    // header alone; -1 when the header cannot be read or is not sound. With
+    // `kind`, also the codec its payload names (RvoBlockCodec::kindOf);
+    // *known false when it names none.
+    static qint64 blockSize(const QString &path, qint64 length,
+                            RvoBlockCodecSetting::Kind *kind = nullptr, bool *known = nullptr);
 
     // A sentence for a fault: "the payload does not decode to the header's size".
     static QString reason(const Bad &bad);

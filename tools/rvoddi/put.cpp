@@ -28,7 +28,9 @@ int putCommand(const QStringList &arguments)
             QStringLiteral("N"), QStringLiteral("10"));
     command.parser().addOption(bucketsOption);
     command.setNotes(QStringLiteral("Prints one line per file: \"DIGEST  FILE\". A block that "
-                                    "is stored already is left as it is."));
+                                    "is stored already is left as it is. Block files are written "
+                                    "with the codec RVODDI_BLOCK_CODEC names (zlib, lz4, "
+                                    "zstd:LEVEL), as a host would; zlib without it."));
     if (const int status = command.parse(arguments, 2); status >= 0)
         return status;
     bool ok = false;
@@ -44,7 +46,11 @@ int putCommand(const QStringList &arguments)
     // running meanwhile leaves this sub-cache alone.
     RvoSubCacheLock lock;
     lock.lockShared(subCache.isEmpty() ? root : root + QDir::separator() + subCache);
-    RvoBlockCodec codec;
+    RvoBlockCodecSetting setting;
+    QString error;
+    if (!RvoBlockCodecSetting::parse(qEnvironmentVariable("RVODDI_BLOCK_CODEC"), &setting, &error))
+        return command.usageError(error + QStringLiteral(" (from RVODDI_BLOCK_CODEC)"));
+    RvoBlockCodec codec(setting);
     for (const QString &path : std::as_const(files)) {
         QByteArray bytes;
         if (!command.readFile(path, &bytes))

@@ -1,5 +1,6 @@
 // rvoddi stats ROOT... [--sub-cache NAME]: totals, compression ratio, the
-// spread of block sizes and of last uses, temporary and foreign files.
+// files of each codec, the spread of block sizes and of last uses, temporary
+// and foreign files.
 
 #include "RvoCommand.h"
 #include "RvoProgress.h"
@@ -105,6 +106,9 @@ int statsCommand(const QStringList &arguments)
             "  {\"version\": 1, \"roots\": [ROOT], \"subCaches\": N, \"blockFiles\": N, \"bytes\": "
             "N,\n"
             "   \"uncompressedBytes\": N, \"compressionRatio\": X, \"badHeaders\": N,\n"
+            "   \"codecs\": {\"zlib\": {\"files\": N, \"bytes\": N}, \"lz4\": {...}, \"zstd\": "
+            "{...},\n"
+            "              \"unknown\": {...}},\n"
             "   \"blockSizes\": [{\"below\": BYTES or null, \"files\": N, \"bytes\": N}],\n"
             "   \"lastUse\": [{\"below\": SECONDS or null, \"files\": N, \"bytes\": N}],\n"
             "   \"temporaryFiles\": {\"files\": N, \"bytes\": N, \"olderThanAnHour\": N},\n"
@@ -119,6 +123,11 @@ int statsCommand(const QStringList &arguments)
     qint64 temporaryFiles = 0, temporaryBytes = 0, staleTemporaryFiles = 0;
     QVector<Bin> sizes = sizeBins();
     QVector<Bin> ages = ageBins();
+    // Files and bytes of each codec (RvoBlockCodecSetting::Kind), then of
+    // payloads that name none.
+    constexpr int kUnknown = 3;
+    const char *const codecNames[] = {"zlib", "lz4", "zstd", "unknown"};
+    qint64 codecFiles[4] = {}, codecBytes[4] = {};
     QVector<RvoCacheScan::OtherFile> others;
     qint64 totalFiles = 0, totalBytes = 0;
     for (const RvoCacheScan::Root &root : roots) {
@@ -133,12 +142,18 @@ int statsCommand(const QStringList &arguments)
             for (const RvoCacheScan::BlockFile &file : subCache.blockFiles) {
                 ++files;
                 bytes += file.bytes;
-                const qint64 size = RvoVerifier::blockSize(subCache.path(file), file.bytes);
+                RvoBlockCodecSetting::Kind kind = RvoBlockCodecSetting::Zlib;
+                bool known = false;
+                const qint64 size
+                        = RvoVerifier::blockSize(subCache.path(file), file.bytes, &kind, &known);
                 if (size < 0) {
                     ++badHeaders;
                 } else {
                     uncompressed += size;
                     count(sizes, size, file.bytes);
+                    const int codec = known ? int(kind) : kUnknown;
+                    ++codecFiles[codec];
+                    codecBytes[codec] += file.bytes;
                 }
                 count(ages, (now - file.modifiedMs) / 1000, file.bytes);
                 progress.update(files, bytes);
@@ -162,6 +177,11 @@ int statsCommand(const QStringList &arguments)
         for (const RvoCacheScan::OtherFile &file : std::as_const(others))
             otherArray.append(QJsonObject {{QStringLiteral("path"), file.path},
                                            {QStringLiteral("bytes"), file.bytes}});
+        QJsonObject codecs;
+        for (int codec = 0; codec <= kUnknown; ++codec)
+            codecs.insert(QLatin1String(codecNames[codec]),
+                          QJsonObject {{QStringLiteral("files"), codecFiles[codec]},
+                                       {QStringLiteral("bytes"), codecBytes[codec]}});
         RvoCommand::printJson(QJsonObject {
                 {QStringLiteral("version"), 1},
                 {QStringLiteral("roots"), rootPaths},
@@ -171,6 +191,7 @@ int statsCommand(const QStringList &arguments)
                 {QStringLiteral("uncompressedBytes"), uncompressed},
                 {QStringLiteral("compressionRatio"), ratio},
                 {QStringLiteral("badHeaders"), badHeaders},
+                {QStringLiteral("codecs"), codecs},
                 {QStringLiteral("blockSizes"), toJson(sizes)},
                 {QStringLiteral("lastUse"), toJson(ages)},
                 {QStringLiteral("temporaryFiles"),
@@ -193,6 +214,17 @@ int statsCommand(const QStringList &arguments)
     if (badHeaders > 0)
         RvoCommand::print(
                 QStringLiteral("bad headers      %1 (see rvoddi verify)").arg(badHeaders));
+    // The codecs that hold files, in the order of their names above.
+    QStringList held;
+    for (int codec = 0; codec <= kUnknown; ++codec) {
+        if (codecFiles[codec] > 0)
+            held << QStringLiteral("%1 %2 (%3)")
+                            .arg(QLatin1String(codecNames[codec]))
+                            .arg(codecFiles[codec])
+                            .arg(RvoUnits::bytes(codecBytes[codec]));
+    }
+    if (!held.isEmpty())
+        RvoCommand::print(QStringLiteral("codecs           ") + held.join(QStringLiteral(", ")));
     printBins(QStringLiteral("block sizes"), sizes);
     printBins(QStringLiteral("last use"), ages);
     RvoCommand::print(QStringLiteral("temporary files  %1 (%2), %3 older than an hour")
