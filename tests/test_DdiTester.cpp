@@ -17,7 +17,7 @@ const char kCheckNames[]
           "Eviction and reload under a small budget|Pending references|Preload|Group blocks|"
           "Result cache|Garbage collection|Hashing speed|Compression speed|Write speed|"
           "Read speed|Consistency report after the run";
-const QStringList kChecks = QString::fromLatin1(kCheckNames).split(QLatin1Char('|'));
+const QStringList kChecks = QString::fromLatin1(kCheckNames).split('|');
 
 struct TesterRun
 {
@@ -43,13 +43,13 @@ TesterRun runTester(const QString &dataDirectory, RvoSelfCheckHooks *hooks = nul
 QString lineOf(const TesterRun &run, const QString &check)
 {
     const QRegularExpression line(
-            QStringLiteral("^\\[( OK |!!)\\] %1(: |$)").arg(QRegularExpression::escape(check)));
+            QString("^\\[( OK |!!)\\] %1(: |$)").arg(QRegularExpression::escape(check)));
     return run.lines.filter(line).value(0);
 }
 
 QStringList failedLines(const TesterRun &run)
 {
-    return run.lines.filter(QRegularExpression(QStringLiteral("^(?!\\[ OK \\] )")));
+    return run.lines.filter(QRegularExpression("^(?!\\[ OK \\] )"));
 }
 
 // Name and content of every entry in a directory.
@@ -119,15 +119,14 @@ public:
 TEST(DdiTester, MissingDataDirectoryIsFilledWithSamplesAndEveryCheckPasses)
 {
     QTemporaryDir parent;
-    const QString data = parent.filePath(QStringLiteral("not/yet/there"));
+    const QString data = parent.filePath("not/yet/there");
     TesterRun run = runTester(data, nullptr, QString(), true);
     EXPECT_EQ(run.failures, 0);
-    ASSERT_EQ(run.lines.size(), kChecks.size()) << run.lines.join(QLatin1Char('\n')).toStdString();
+    ASSERT_EQ(run.lines.size(), kChecks.size()) << run.lines.join('\n').toStdString();
     // Progress shows each check as it starts and replaces it with the result.
     for (int i = 0; i < kChecks.size(); ++i) {
-        EXPECT_EQ(run.lines.at(i).section(QStringLiteral("\r\033[K"), 0, 0),
-                  QStringLiteral("[ .. ] ") + kChecks.at(i));
-        run.lines[i] = run.lines.at(i).section(QStringLiteral("\r\033[K"), 1);
+        EXPECT_EQ(run.lines.at(i).section("\r\033[K", 0, 0), "[ .. ] " + kChecks.at(i));
+        run.lines[i] = run.lines.at(i).section("\r\033[K", 1);
         EXPECT_FALSE(lineOf(run, kChecks.at(i)).isEmpty()) << kChecks.at(i).toStdString();
     }
     EXPECT_EQ(failedLines(run), QStringList());
@@ -137,32 +136,30 @@ TEST(DdiTester, MissingDataDirectoryIsFilledWithSamplesAndEveryCheckPasses)
 
     // The samples, each raw file holding its PNG's pixels (the sample check
     // compares them), are the same on every generation.
-    EXPECT_TRUE(lineOf(run, QStringLiteral("Sample files"))
-                        .startsWith(QStringLiteral("[ OK ] Sample files: 12 files, ")));
+    EXPECT_TRUE(lineOf(run, "Sample files").startsWith("[ OK ] Sample files: 12 files, "));
     QTemporaryDir again;
     QString error;
     RvoSampleImages::generate(again.path(), &error);
     EXPECT_EQ(snapshot(again.path()), snapshot(data));
 
     // The timing checks print their figures.
-    const QRegularExpression figure(QStringLiteral(": \\d+\\.\\d MB/s"));
+    const QRegularExpression figure(": \\d+\\.\\d MB/s");
     for (const QString &check : kChecks.mid(16, 4))
         EXPECT_TRUE(figure.match(lineOf(run, check)).hasMatch()) << check.toStdString();
-    EXPECT_TRUE(lineOf(run, QStringLiteral("Read speed")).contains(QStringLiteral("blocks/s")));
+    EXPECT_TRUE(lineOf(run, "Read speed").contains("blocks/s"));
 }
 
 TEST(DdiTester, DataDirectoryWithFilesIsUsedAsItIsAndLeftUnchanged)
 {
     QTemporaryDir data;
     // 600,000 bytes: two full blocks and a short one; a second file of one.
-    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("tiles.bin")), testContent(1, 600000)));
-    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("notes.txt")), QByteArray("host data\n")));
-    QDir(data.path()).mkdir(QStringLiteral("subdirectory"));
+    ASSERT_TRUE(writeFile(data.filePath("tiles.bin"), testContent(1, 600000)));
+    ASSERT_TRUE(writeFile(data.filePath("notes.txt"), QByteArray("host data\n")));
+    QDir(data.path()).mkdir("subdirectory");
     const QMap<QString, QByteArray> before = snapshot(data.path());
     const TesterRun run = runTester(data.path());
     EXPECT_EQ(run.failures, 0);
-    EXPECT_EQ(lineOf(run, QStringLiteral("Sample files")),
-              QStringLiteral("[ OK ] Sample files: 2 files, 4 blocks, 0.6 MB"));
+    EXPECT_EQ(lineOf(run, "Sample files"), "[ OK ] Sample files: 2 files, 4 blocks, 0.6 MB");
     EXPECT_EQ(snapshot(data.path()), before);
 }
 
@@ -170,15 +167,15 @@ TEST(DdiTester, DataDirectoryWithFilesIsUsedAsItIsAndLeftUnchanged)
 TEST(DdiTester, LibraryReportDuringACheckFailsThatCheck)
 {
     QTemporaryDir data;
-    ASSERT_TRUE(writeFile(data.filePath(QStringLiteral("tile.bin")), testContent(1, 1000)));
+    ASSERT_TRUE(writeFile(data.filePath("tile.bin"), testContent(1, 1000)));
     Breakage report;
     report.m_LibraryReport = true;
     const TesterRun run = runTester(data.path(), &report);
     EXPECT_EQ(run.failures, 1);
     EXPECT_EQ(failedLines(run),
-              QStringList {QStringLiteral("[!!] Write and read back every sample block: expected "
-                                          "no report from the library, saw \"Null Hash passed to "
-                                          "addHash\"")});
+              QStringList {"[!!] Write and read back every sample block: expected "
+                           "no report from the library, saw \"Null Hash passed to "
+                           "addHash\""});
     EXPECT_EQ(run.lines.size(), kChecks.size());
 }
 
@@ -195,22 +192,21 @@ TEST(DdiTester, EachBrokenPartFailsItsOwnCheckOnly)
     const TesterRun run = runTester(data.path(), &broken);
     EXPECT_EQ(run.failures, 5);
     const QStringList failed = failedLines(run);
-    ASSERT_EQ(failed.size(), 5) << failed.join(QLatin1Char('\n')).toStdString();
-    const QStringList expected {
-            QStringLiteral("[!!] Skein-256 known answers: expected %1, saw ")
-                    .arg(broken.m_Changed.value(160)),
-            QStringLiteral("[!!] Skein-1024 known answers: expected %1, saw ")
-                    .arg(broken.m_Changed.value(1024)),
-            QStringLiteral("[!!] Write and read back every sample block: expected the payload "
-                           "to uncompress to the block, saw "),
-            QStringLiteral("[!!] Garbage collection: ")};
+    ASSERT_EQ(failed.size(), 5) << failed.join('\n').toStdString();
+    const QStringList expected {QString("[!!] Skein-256 known answers: expected %1, saw ")
+                                        .arg(broken.m_Changed.value(160)),
+                                QString("[!!] Skein-1024 known answers: expected %1, saw ")
+                                        .arg(broken.m_Changed.value(1024)),
+                                "[!!] Write and read back every sample block: expected the payload "
+                                "to uncompress to the block, saw ",
+                                "[!!] Garbage collection: "};
     for (int i = 0; i < expected.size(); ++i)
         EXPECT_TRUE(failed.at(i).startsWith(expected.at(i))) << failed.at(i).toStdString();
     EXPECT_TRUE(failed.at(2).contains(broken.m_FirstBlock)) << failed.at(2).toStdString();
     EXPECT_EQ(failed.at(4),
-              QStringLiteral("[!!] Consistency report after the run: expected no live digest "
-                             "reported, saw 1 reported: There is a live hash '%1' (ref count = "
-                             "1) that has been cached, aborting")
+              QString("[!!] Consistency report after the run: expected no live digest "
+                      "reported, saw 1 reported: There is a live hash '%1' (ref count = "
+                      "1) that has been cached, aborting")
                       .arg(broken.m_Held.hash()));
     broken.m_Held = RvoDataReference();
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
@@ -224,8 +220,8 @@ TEST(DdiTester, LibraryInUseStopsTheRunAtItsFirstCheck)
     const TesterRun run = runTester(data.path());
     EXPECT_EQ(run.failures, 1);
     EXPECT_EQ(run.lines,
-              QStringList {QStringLiteral("[!!] Library idle before the run: expected the "
-                                          "block manager not set up, saw it set up on %1")
+              QStringList {QString("[!!] Library idle before the run: expected the "
+                                   "block manager not set up, saw it set up on %1")
                                    .arg(setup.root())});
     EXPECT_EQ(manager().cacheRoots(), setup.roots());
     EXPECT_TRUE(QDir(data.path()).isEmpty());
@@ -235,15 +231,15 @@ TEST(DdiTester, CacheDirectoryThatCannotBeMadeFailsOnlyTheChecksThatNeedIt)
 {
     QTemporaryDir data;
     QTemporaryDir parent;
-    const QString notADirectory = parent.filePath(QStringLiteral("file"));
+    const QString notADirectory = parent.filePath("file");
     ASSERT_TRUE(writeFile(notADirectory, QByteArray("x")));
     const TesterRun run = runTester(data.path(), nullptr, notADirectory);
-    EXPECT_EQ(run.failures, 10) << run.lines.join(QLatin1Char('\n')).toStdString();
-    EXPECT_EQ(lineOf(run, QStringLiteral("Preload")),
-              QStringLiteral("[!!] Preload: expected a cache directory at %1, saw none could be "
-                             "made")
+    EXPECT_EQ(run.failures, 10) << run.lines.join('\n').toStdString();
+    EXPECT_EQ(lineOf(run, "Preload"),
+              QString("[!!] Preload: expected a cache directory at %1, saw none could be "
+                      "made")
                       .arg(notADirectory));
-    EXPECT_TRUE(lineOf(run, QStringLiteral("Hashing speed")).startsWith(QStringLiteral("[ OK ] ")));
+    EXPECT_TRUE(lineOf(run, "Hashing speed").startsWith("[ OK ] "));
 }
 
 TEST(DdiTester, ToolExitCodeSaysWhetherEveryCheckPassed)
@@ -254,23 +250,22 @@ TEST(DdiTester, ToolExitCodeSaysWhetherEveryCheckPassed)
         tool.start(QStringLiteral(RVODDI_SELFCHECK_TOOL), arguments);
         EXPECT_TRUE(tool.waitForFinished(600000));
         *lines = QString::fromLocal8Bit(tool.readAllStandardOutput())
-                         .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+                         .split('\n', Qt::SkipEmptyParts);
         return tool.exitCode();
     };
-    const QStringList arguments {QStringLiteral("--data"), data.path(), QStringLiteral("--scale"),
-                                 QStringLiteral("0")};
+    const QStringList arguments {"--data", data.path(), "--scale", "0"};
     QStringList lines;
     EXPECT_EQ(runTool(arguments, &lines), 0);
-    EXPECT_EQ(lines.filter(QStringLiteral("[ OK ] ")).size(), kChecks.size());
+    EXPECT_EQ(lines.filter("[ OK ] ").size(), kChecks.size());
 
-    const QFileInfo raw = QDir(data.path()).entryInfoList({QStringLiteral("*.argb32")}).value(0);
+    const QFileInfo raw = QDir(data.path()).entryInfoList({"*.argb32"}).value(0);
     flipByte(raw.filePath(), 10);
     EXPECT_EQ(runTool(arguments, &lines), 1);
-    EXPECT_EQ(lines.filter(QStringLiteral("[!!] ")),
-              QStringList {QStringLiteral("[!!] Sample files: expected %1 to hold the pixels of "
-                                          "%2.png, saw a difference at byte 10")
+    EXPECT_EQ(lines.filter("[!!] "),
+              QStringList {QString("[!!] Sample files: expected %1 to hold the pixels of "
+                                   "%2.png, saw a difference at byte 10")
                                    .arg(raw.fileName(), raw.completeBaseName())});
 
-    EXPECT_EQ(runTool({QStringLiteral("--scale"), QStringLiteral("fast")}, &lines), 2);
+    EXPECT_EQ(runTool({"--scale", "fast"}, &lines), 2);
     EXPECT_TRUE(lines.isEmpty());
 }

@@ -18,12 +18,11 @@ TEST(DdiTesterKeepingCollector, CollectorThatKeepsEverythingFailsTheGarbageColle
     tester.setTestDataDirectory(data.path());
     StdoutCapture capture;
     const int failures = tester.runAllTest(0);
-    const QStringList failed
-            = capture.lines().filter(QRegularExpression(QStringLiteral("^(?!\\[ OK \\] )")));
+    const QStringList failed = capture.lines().filter(QRegularExpression("^(?!\\[ OK \\] )"));
     EXPECT_EQ(failures, 1);
     // 24 block files written, every other digest dropped: 12 live, 24 kept.
     EXPECT_EQ(failed,
-              QStringList {QStringLiteral("[!!] Garbage collection: The number of live hashes "
-                                          "differ from the number of live cache files 12 != 24")});
+              QStringList {"[!!] Garbage collection: The number of live hashes "
+                           "differ from the number of live cache files 12 != 24"});
     EXPECT_EQ(RvoHashManager::instance().hashCount(), 0);
 }

@@ -12,7 +12,7 @@ QByteArray jobBytes(int i)
 
 QString fileName(int i)
 {
-    return QStringLiteral("block-%1").arg(i);
+    return QString("block-%1").arg(i);
 }
 
 int filesIn(const QString &directory)
@@ -28,7 +28,7 @@ int filesIn(const QString &directory)
 TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrder)
 {
     QTemporaryDir dir;
-    const QString directory = dir.filePath(QStringLiteral("bucket"));
+    const QString directory = dir.filePath("bucket");
     RvoBlockSaver &saver = RvoBlockSaver::instance();
     constexpr int kJobs = 64;
     std::vector<RvoBlockSaver::JobPtr> jobs(kJobs);
@@ -63,8 +63,8 @@ TEST(RvoBlockSaver, FileGoesWhereFinishAsks)
     QTemporaryDir dir;
     RvoBlockSaver &saver = RvoBlockSaver::instance();
     RvoBlockCodec codec;
-    const QString before = dir.filePath(QStringLiteral("before"));
-    const QString now = dir.filePath(QStringLiteral("now"));
+    const QString before = dir.filePath("before");
+    const QString now = dir.filePath("now");
     for (int i = 0; i < 8; ++i) {
         const RvoBlockSaver::JobPtr job = saver.submit(jobBytes(i), before, fileName(i));
         if (i % 2 == 0) // half of them finished by a worker first
@@ -99,7 +99,7 @@ protected:
     QTemporaryDir dir;
     RvoBlockSaver &saver = RvoBlockSaver::instance();
     const QByteArray large = jobBytes(9).repeated(256);
-    const RvoBlockSaver::JobPtr running = saver.submit(large, dir.path(), QStringLiteral("large"));
+    const RvoBlockSaver::JobPtr running = saver.submit(large, dir.path(), "large");
     const QByteArray bytes = jobBytes(5).repeated(4);
     std::vector<RvoBlockSaver::JobPtr> jobs;
 };
@@ -118,7 +118,7 @@ TEST_F(RvoBlockSaverBacklog, FinishPullsAJobAheadOfTheBacklog)
 TEST_F(RvoBlockSaverBacklog, NoFileAppearsAfterCancel)
 {
     saver.cancel(running);
-    EXPECT_EQ(blockIn(dir.filePath(QStringLiteral("large"))), large)
+    EXPECT_EQ(blockIn(dir.filePath("large")), large)
             << "cancel() returned while the save was still being written";
     for (const RvoBlockSaver::JobPtr &job : jobs)
         saver.cancel(job);

@@ -9,7 +9,7 @@ namespace {
 // A name with the shape of a 64-byte digest's text form.
 QString blockName(int first)
 {
-    return QString::number(first) + QStringLiteral("-7").repeated(15);
+    return QString::number(first) + QString("-7").repeated(15);
 }
 
 // Writes `bytes` bytes to `path`, last modified `ageSeconds` ago.
@@ -31,21 +31,21 @@ TEST(RvoCacheScan, ScanSortsFilesIntoSubCachesBucketsAndKinds)
 {
     QTemporaryDir dir;
     const QString root = dir.path();
-    const QString old = root + QStringLiteral("/A/0/") + blockName(10);
-    const QString recent = root + QStringLiteral("/A/3/") + blockName(3);
+    const QString old = root + "/A/0/" + blockName(10);
+    const QString recent = root + "/A/3/" + blockName(3);
     // The unnamed sub-cache, its buckets directly under the root; "A" with
     // two buckets, a temporary file, a stray file and a lock file held here;
     // "A/B" below "A"; "7", a decimal sub-cache with buckets of its own.
-    ASSERT_TRUE(writeFile(root + QStringLiteral("/2/") + blockName(2), 10));
+    ASSERT_TRUE(writeFile(root + "/2/" + blockName(2), 10));
     ASSERT_TRUE(writeFile(old, 100, RvoCacheScan::kUseRefreshSeconds + 60));
     ASSERT_TRUE(writeFile(recent, 30, RvoCacheScan::kUseRefreshSeconds - 60));
-    ASSERT_TRUE(writeFile(root + QStringLiteral("/A/3/write-%1-99-1.tmp").arg(blockName(3)), 5));
-    ASSERT_TRUE(writeFile(root + QStringLiteral("/A/3/notes.txt"), 4));
-    ASSERT_TRUE(writeFile(root + QStringLiteral("/A/DdiLog.txt"), 4));
-    ASSERT_TRUE(writeFile(root + QStringLiteral("/A/B/1/") + blockName(1), 20));
-    ASSERT_TRUE(writeFile(root + QStringLiteral("/7/0/") + blockName(20), 40));
+    ASSERT_TRUE(writeFile(root + QString("/A/3/write-%1-99-1.tmp").arg(blockName(3)), 5));
+    ASSERT_TRUE(writeFile(root + "/A/3/notes.txt", 4));
+    ASSERT_TRUE(writeFile(root + "/A/DdiLog.txt", 4));
+    ASSERT_TRUE(writeFile(root + "/A/B/1/" + blockName(1), 20));
+    ASSERT_TRUE(writeFile(root + "/7/0/" + blockName(20), 40));
     RvoSubCacheLock lock;
-    ASSERT_TRUE(lock.lockShared(root + QStringLiteral("/A")));
+    ASSERT_TRUE(lock.lockShared(root + "/A"));
 
     RvoCacheScan::Options options;
     const RvoCacheScan::Root scan = RvoCacheScan::scanRoot(root, options);
@@ -60,11 +60,11 @@ TEST(RvoCacheScan, ScanSortsFilesIntoSubCachesBucketsAndKinds)
                                       int(sub.bucketDirectories.size()), int(sub.blockFiles.size()),
                                       qint64(sub.blockBytes), int(sub.temporaryFiles.size()),
                                       int(sub.otherFiles.size()), sub.hasLockFile, sub.held));
-    ASSERT_EQ(seen.join(QLatin1Char(' ')),
-              QStringLiteral(
-                      ":1:1:10:0:0:0:0 7:1:1:40:0:0:0:0 A:2:2:130:1:1:1:1 A/B:1:1:20:0:0:0:0"));
+    ASSERT_EQ(seen.join(' '),
+
+              ":1:1:10:0:0:0:0 7:1:1:40:0:0:0:0 A:2:2:130:1:1:1:1 A/B:1:1:20:0:0:0:0");
     const RvoCacheScan::SubCache &unnamed = scan.subCaches.at(0);
-    EXPECT_EQ(unnamed.path(unnamed.blockFiles.at(0)), root + QStringLiteral("/2/") + blockName(2));
+    EXPECT_EQ(unnamed.path(unnamed.blockFiles.at(0)), root + "/2/" + blockName(2));
     const RvoCacheScan::SubCache &a = scan.subCaches.at(2);
     for (const RvoCacheScan::BlockFile &file : a.blockFiles) {
         EXPECT_EQ(file.bytes, file.name == blockName(10).toLatin1() ? 100 : 30);
@@ -72,18 +72,18 @@ TEST(RvoCacheScan, ScanSortsFilesIntoSubCachesBucketsAndKinds)
     }
     EXPECT_EQ(a.temporaryFiles.at(0).bytes, 5);
     // The log and the lock file are the sub-cache's own.
-    EXPECT_EQ(a.otherFiles.at(0).path, root + QStringLiteral("/A/3/notes.txt"));
+    EXPECT_EQ(a.otherFiles.at(0).path, root + "/A/3/notes.txt");
 
     // One sub-cache alone leaves out the ones below it.
     options.onlyOneSubCache = true;
-    options.subCache = QStringLiteral("A");
+    options.subCache = "A";
     const RvoCacheScan::Root one = RvoCacheScan::scanRoot(root, options);
     ASSERT_EQ(one.subCaches.size(), 1);
     EXPECT_EQ(one.blockBytes(), 130);
     lock.unlock();
     options.onlyOneSubCache = false;
     EXPECT_FALSE(RvoCacheScan::scanRoot(root, options).subCaches.at(2).held);
-    EXPECT_EQ(RvoCacheScan::scanRoot(root + QStringLiteral("/missing"), options).errors.size(), 1);
+    EXPECT_EQ(RvoCacheScan::scanRoot(root + "/missing", options).errors.size(), 1);
 }
 
 // Only a block file unused for over an hour; a missing one is no fault.
@@ -97,7 +97,7 @@ TEST(RvoCacheScan, NotedUseRefreshesAnOldBlockFile)
     const qint64 recentBefore = modifiedSeconds(recent);
     RvoCacheScan::noteUse(old);
     RvoCacheScan::noteUse(recent);
-    RvoCacheScan::noteUse(dir.filePath(QStringLiteral("missing")));
+    RvoCacheScan::noteUse(dir.filePath("missing"));
     EXPECT_GE(modifiedSeconds(old), RvoCacheScan::currentTimeMs() / 1000 - 5);
     EXPECT_EQ(modifiedSeconds(recent), recentBefore);
 }

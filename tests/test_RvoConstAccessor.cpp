@@ -40,18 +40,6 @@ TEST(RvoConstAccessor, PinCountsStayExactThroughCopiesAndAssignment)
     EXPECT_TRUE(out.lines().isEmpty()) << "one pin, one unpin, no complaint";
 }
 
-TEST(RvoConstAccessor, PinnedBlockStaysThroughEviction)
-{
-    ManagerSetup setup(1, QString(), 10, 3 * 100000);
-    const QByteArray content = testContent(4, 100000);
-    const RvoDataReference ref = addBlock(content);
-    const RvoConstAccessor pinned = ref.constAccessor();
-    for (int i = 0; i < 10; ++i)
-        addBlock(testContent(10 + i, 100000));
-    EXPECT_TRUE(Access::holdsBlock(hashOf(ref)));
-    EXPECT_EQ(bytesOf(pinned), content);
-}
-
 // A reference without a digest goes on to ask for its block and make the
 // accessor from neither block nor digest: both say so, in that order.
 TEST(RvoConstAccessor, AccessorOfNoDigestIsNullAndSaysSo)
@@ -66,9 +54,7 @@ TEST(RvoConstAccessor, AccessorOfNoDigestIsNullAndSaysSo)
     EXPECT_EQ(null.count(), 0);
     EXPECT_TRUE(RvoConstAccessor(null).isNull());
     EXPECT_EQ(nullOut.lines(),
-              (QStringList {QStringLiteral("Null Value of m_DataHash"),
-                            QStringLiteral("Both Block and Pointer Are Null"),
-                            QStringLiteral("Null Block Value in That")}));
-    EXPECT_EQ(debug.messages(),
-              QStringList {QStringLiteral("Null Value of m_DataHash m_HashJob=0x0")});
+              (QStringList {"Null Value of m_DataHash", "Both Block and Pointer Are Null",
+                            "Null Block Value in That"}));
+    EXPECT_EQ(debug.messages(), QStringList {"Null Value of m_DataHash m_HashJob=0x0"});
 }

@@ -8,8 +8,7 @@ using Access = RvoDataBlockManagerTestAccess;
 TEST(RvoDataBlockManager, SetupStartsAReadAndAWriteThreadPerRoot)
 {
     QTemporaryDir dir;
-    const QStringList roots {dir.path() + QStringLiteral("/a/b"),
-                             dir.path() + QStringLiteral("/c")};
+    const QStringList roots {dir.path() + "/a/b", dir.path() + "/c"};
     EXPECT_TRUE(manager().setup(roots, -1, 4));
     EXPECT_TRUE(QDir(roots.at(0)).exists() && QDir(roots.at(1)).exists());
     EXPECT_EQ(manager().maxDataCacheSize(), RvoDataBlockManager::defaultCacheSize());
@@ -24,7 +23,7 @@ TEST(RvoDataBlockManager, SecondSetupIsSaidAndAddsThreads)
     ManagerSetup setup(2);
     StdoutCapture out;
     EXPECT_TRUE(manager().setup(setup.roots(), 1000, 4));
-    EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Setup called twice on DataBlock Manager")});
+    EXPECT_EQ(out.lines(), QStringList {"Setup called twice on DataBlock Manager"});
     EXPECT_EQ(Access::writeThreadCount(), 4);
 }
 
@@ -36,16 +35,15 @@ TEST(RvoDataBlockManager, EveryBudgetAndItsWriteLimitIsLogged)
     ManagerSetup setup(1, QString(), 10, 1000);
     manager().setMaxDataCacheSize(7);
     manager().setMaxDataCacheSize(-5);
-    EXPECT_EQ(debug.messages().filter(QStringLiteral("[DDI] Max")),
-              (QStringList {
-                      QStringLiteral("[DDI] Max data cache size    = 2147483648 bytes (2048 MB)"),
-                      QStringLiteral("[DDI] Max write pending size = 536870912 bytes (512 MB)"),
-                      QStringLiteral("[DDI] Max data cache size    = 1000 bytes (0 MB)"),
-                      QStringLiteral("[DDI] Max write pending size = 250 bytes (0 MB)"),
-                      QStringLiteral("[DDI] Max data cache size    = 7 bytes (0 MB)"),
-                      QStringLiteral("[DDI] Max write pending size = 1 bytes (0 MB)"),
-                      QStringLiteral("[DDI] Max data cache size    = -5 bytes (0 MB)"),
-                      QStringLiteral("[DDI] Max write pending size = -1 bytes (0 MB)")}));
+    EXPECT_EQ(debug.messages().filter("[DDI] Max"),
+              (QStringList {"[DDI] Max data cache size    = 2147483648 bytes (2048 MB)",
+                            "[DDI] Max write pending size = 536870912 bytes (512 MB)",
+                            "[DDI] Max data cache size    = 1000 bytes (0 MB)",
+                            "[DDI] Max write pending size = 250 bytes (0 MB)",
+                            "[DDI] Max data cache size    = 7 bytes (0 MB)",
+                            "[DDI] Max write pending size = 1 bytes (0 MB)",
+                            "[DDI] Max data cache size    = -5 bytes (0 MB)",
+                            "[DDI] Max write pending size = -1 bytes (0 MB)"}));
     EXPECT_EQ(manager().maxWritePendingSize(), -1);
 }
 
@@ -103,16 +101,16 @@ TEST(RvoDataBlockManager, BlockCodecSettingWritesAMixedRootThatReadsBackByteExac
 // A second setting of the same name is said.
 TEST(RvoDataBlockManager, SubCacheReachesEveryThreadAndTheLog)
 {
-    ManagerSetup setup(2, QStringLiteral("Project"));
+    ManagerSetup setup(2, "Project");
     for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(Access::writeThread(i)->subCache(), QStringLiteral("Project"));
-        EXPECT_EQ(Access::readThread(i)->subCache(), QStringLiteral("Project"));
+        EXPECT_EQ(Access::writeThread(i)->subCache(), "Project");
+        EXPECT_EQ(Access::readThread(i)->subCache(), "Project");
     }
-    RvoDdiLog::instance().log(RvoDdiLog::Information, "x.cpp", 1, QStringLiteral("here"));
-    EXPECT_TRUE(QFile::exists(setup.root(0) + QStringLiteral("/Project/DdiLog.txt")));
+    RvoDdiLog::instance().log(RvoDdiLog::Information, "x.cpp", 1, "here");
+    EXPECT_TRUE(QFile::exists(setup.root(0) + "/Project/DdiLog.txt"));
     StdoutCapture out;
-    manager().setSubCache(QStringLiteral("Project"));
-    EXPECT_EQ(out.lines(), QStringList {QStringLiteral("Subcache Set to Project twice")});
+    manager().setSubCache("Project");
+    EXPECT_EQ(out.lines(), QStringList {"Subcache Set to Project twice"});
 }
 
 TEST(RvoDataBlockManager, RequestPromotionReachesTheReadersAndIsLoggedWhenItChanges)
@@ -122,8 +120,7 @@ TEST(RvoDataBlockManager, RequestPromotionReachesTheReadersAndIsLoggedWhenItChan
     manager().setRequestPromotionEnabled(false);
     manager().setRequestPromotionEnabled(true);
     manager().setRequestPromotionEnabled(true);
-    EXPECT_EQ(debug.messages(),
-              QStringList {QStringLiteral("RvoDDi Setting Request Promotion Enabled to TRUE 1")});
+    EXPECT_EQ(debug.messages(), QStringList {"RvoDDi Setting Request Promotion Enabled to TRUE 1"});
     EXPECT_TRUE(Access::readThread(0)->requestPromotionEnabled()
                 && Access::readThread(1)->requestPromotionEnabled());
 }
@@ -136,34 +133,33 @@ TEST(RvoDataBlockManager, StatisticsDumpsGiveTheirLinesInOrder)
     manager().dumpStats();
     const QStringList lines = stats.messages();
     ASSERT_EQ(lines.size(), 7 + 8 + 5);
-    EXPECT_EQ(lines.mid(0, 8).join(QLatin1Char('|')),
-              QStringLiteral("==== RvoDdi Block Stats ====|Max Cache Size 3Mb|Number of managed "
-                             "blocks 0|Number of existant blocks -1|Block Memory Usage 0Mb|Number "
-                             "of LRU Blocks 0|Number Block Future Pointers -1|==== RvoDdi Hash "
-                             "Stats ===="));
-    EXPECT_EQ(lines.mid(15).join(QLatin1Char('|')),
-              QStringLiteral("==== Thread Stats ====|Read %1 0Mb|Read %2 0Mb|Written  %1 0Mb|"
-                             "Written  %2 0Mb")
+    EXPECT_EQ(lines.mid(0, 8).join('|'),
+              "==== RvoDdi Block Stats ====|Max Cache Size 3Mb|Number of managed "
+              "blocks 0|Number of existant blocks -1|Block Memory Usage 0Mb|Number "
+              "of LRU Blocks 0|Number Block Future Pointers -1|==== RvoDdi Hash "
+              "Stats ====");
+    EXPECT_EQ(lines.mid(15).join('|'),
+              QString("==== Thread Stats ====|Read %1 0Mb|Read %2 0Mb|Written  %1 0Mb|"
+                      "Written  %2 0Mb")
                       .arg(setup.root(0), setup.root(1)));
     DebugCapture threads;
     manager().dumpThreadStats();
-    EXPECT_EQ(threads.messages().join(QLatin1Char('|')),
-              QStringLiteral("==== Thread Stats ====| Read Thread 0 has 0 requests| Read Thread 1 "
-                             "has 0 requests| Write Thread 0 has 0 requests| Write Thread 1 has 0 "
-                             "requests"));
+    EXPECT_EQ(threads.messages().join('|'),
+              "==== Thread Stats ====| Read Thread 0 has 0 requests| Read Thread 1 "
+              "has 0 requests| Write Thread 0 has 0 requests| Write Thread 1 has 0 "
+              "requests");
 }
 
 // Reported twice and still served; a bucket count below one is refused.
 TEST(RvoDataBlockManager, UncreatableRootIsReportedAndStillServed)
 {
     QTemporaryDir bad;
-    ASSERT_TRUE(writeFile(bad.path() + QStringLiteral("/file"), QByteArray()));
-    const QString root = bad.path() + QStringLiteral("/file/root");
+    ASSERT_TRUE(writeFile(bad.path() + "/file", QByteArray()));
+    const QString root = bad.path() + "/file/root";
     StdoutCapture refused;
     manager().setup({root}, -1, 0);
-    const QString line = QStringLiteral("Cannot Create cache root at ") + root;
-    EXPECT_EQ(refused.lines(),
-              (QStringList {QStringLiteral("Bucket count 0 is below 1, keeping 10"), line, line}));
+    const QString line = "Cannot Create cache root at " + root;
+    EXPECT_EQ(refused.lines(), (QStringList {"Bucket count 0 is below 1, keeping 10", line, line}));
     EXPECT_EQ(manager().numBuckets(), 10);
     EXPECT_EQ(Access::writeThreadCount(), 1);
     manager().cleanUp();
@@ -175,7 +171,7 @@ TEST(RvoDataBlockManager, CleanUpResetsEverythingForANewSetup)
 {
     manager().cleanUp();
     {
-        ManagerSetup setup(1, QStringLiteral("S"), 10, 1 << 20);
+        ManagerSetup setup(1, "S", 10, 1 << 20);
         const QByteArray content = testContent(1);
         RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(content);
         Access::makeBlockLive(hash.data(), new RvoDataBlock(content));

@@ -39,18 +39,13 @@ TEST_F(RvoEviction, EvictionTakesTheLeastRecentlyUsedDownToNinetyPercent)
         EXPECT_EQ(inMemory(refs.at(i)), i != 1 && i != 2) << i;
 }
 
-// Evicted blocks are listed and sized still, and come back from disk with
-// their bytes when read or preloaded.
-TEST_F(RvoEviction, EvictedBlockIsReadBackFromDisk)
+// Evicted blocks are listed and sized still.
+TEST_F(RvoEviction, EvictedBlocksAreStillListedAndSized)
 {
     QList<RvoDataReference> all;
     manager().snapshot(all);
     EXPECT_EQ(all.size(), 11);
     EXPECT_EQ(manager().blockSize(hashOf(refs.at(2))), 10000);
-    EXPECT_EQ(bytesOf(refs.at(1)), testContent(1, 10000));
-    EXPECT_TRUE(inMemory(refs.at(1)));
-    refs.at(2).preload(RvoDataBlockManager::PreloadFirst);
-    EXPECT_TRUE(waitUntil([&] { return inMemory(refs.at(2)); }));
     manager().preloadData(RvoDataReference(), RvoDataBlockManager::PreloadFirst); // nothing
 }
 
@@ -102,45 +97,20 @@ TEST(RvoDataBlockManagerBlocks, DontCacheBlocksAreNeverEvicted)
     StdoutCapture out;
     const RvoDataReference big = addBlock(testContent(5, (1 << 20) + 1));
     EXPECT_EQ(out.lines(),
-              QStringList {QStringLiteral("Requested Block is larger than the maximum allocation "
-                                          "size %1 / %2")
-                                   .arg((1 << 20) + 1)
-                                   .arg(1 << 20)});
-    EXPECT_TRUE(inMemory(keep1) && inMemory(keep2));
+              QStringList {"Requested Block is larger than the maximum allocation size "
+                           "1048577 / 1048576"});
+    EXPECT_TRUE(inMemory(keep1) && inMemory(keep2) && inMemory(big));
     EXPECT_FALSE(inMemory(old1) || inMemory(old2));
-    EXPECT_TRUE(inMemory(big));
     EXPECT_TRUE(Access::blockIsLocked(hashOf(keep1)));
     manager().flush(true, RvoDataBlockManager::AllThreads);
     EXPECT_FALSE(QFile::exists(manager().getBlockDestination(QString(), keep1.hash())));
     EXPECT_TRUE(QFile::exists(manager().getBlockDestination(QString(), big.hash())));
 }
 
-TEST(RvoDataBlockManagerBlocks, PinsDoNotNestAndMisuseIsReported)
-{
-    ManagerSetup setup;
-    const RvoDataReference ref = addBlock(testContent(1, 100));
-    RvoDataHash *hash = hashOf(ref);
-    StdoutCapture out;
-    Access::lockBlock(hash);
-    Access::lockBlock(hash);
-    EXPECT_TRUE(Access::blockIsLocked(hash));
-    Access::unlockBlock(hash);
-    EXPECT_FALSE(Access::blockIsLocked(hash)) << "one unpin undoes two pins";
-    Access::unlockBlock(hash);
-    const QString address = QString::number(quintptr(hash));
-    EXPECT_EQ(
-            out.lines(),
-            (QStringList {QStringLiteral("Hash %1 is Not Contained in the LRU").arg(address),
-                          QStringLiteral("Lock Block %1 already contained in LRU").arg(address)}));
-
-    const RvoDataReference absent(RvoHashManager::instance().getHash(QByteArray("absent")));
-    EXPECT_TRUE(Access::blockIsLocked(hashOf(absent))) << "not in memory reads as locked";
-}
-
 // What is read stays.
 TEST(RvoDataBlockManagerBlocks, FreeAllSavesWhatItFrees)
 {
-    ManagerSetup setup(2, QStringLiteral("S"));
+    ManagerSetup setup(2, "S");
     QVector<RvoDataReference> refs;
     for (int i = 0; i < 20; ++i)
         refs.append(addBlock(testContent(i, 5000)));

@@ -30,9 +30,7 @@ bool run(const QString &program, const QStringList &arguments)
 
 bool mountTmpfs(const QString &options, const QString &path)
 {
-    return run(QStringLiteral("mount"),
-               {QStringLiteral("-t"), QStringLiteral("tmpfs"), QStringLiteral("-o"), options,
-                QStringLiteral("rvoddi-full"), path});
+    return run("mount", {"-t", "tmpfs", "-o", options, "rvoddi-full", path});
 }
 
 } // namespace
@@ -47,14 +45,14 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     if (geteuid() != 0)
         GTEST_SKIP() << "mounting a tmpfs needs root";
     QTemporaryDir dir;
-    const QString root = dir.filePath(QStringLiteral("root"));
+    const QString root = dir.filePath("root");
     ASSERT_TRUE(QDir().mkpath(root));
-    if (!mountTmpfs(QStringLiteral("size=1m"), root))
+    if (!mountTmpfs("size=1m", root))
         GTEST_SKIP() << "mount -t tmpfs failed (no CAP_SYS_ADMIN here?)";
     struct Unmount
     {
         QString path;
-        ~Unmount() { run(QStringLiteral("umount"), {QStringLiteral("-l"), path}); }
+        ~Unmount() { run("umount", {"-l", path}); }
     } unmount {root};
 
     constexpr int kBlock = 16 * 1024;
@@ -82,7 +80,7 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     manager().flush(false, RvoDataBlockManager::WriteThreads);
     // The rest of the file system is filled to its last page, so that no
     // save fits until it grows.
-    QFile filler(root + QStringLiteral("/filler"));
+    QFile filler(root + "/filler");
     ASSERT_TRUE(filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
     const QByteArray page(4096, 'f');
     while (filler.write(page) == page.size()) { }
@@ -113,7 +111,7 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     EXPECT_TRUE(writer->savesRefused());
     readAll();
 
-    ASSERT_TRUE(mountTmpfs(QStringLiteral("remount,size=64m"), root));
+    ASSERT_TRUE(mountTmpfs("remount,size=64m", root));
     // Retries the refused saves now rather than after their pauses.
     manager().flush(false, RvoDataBlockManager::WriteThreads);
     ASSERT_TRUE(waitUntil([&] { return produced.load() == kProduced; }, 60000));
@@ -132,13 +130,12 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     manager().cleanUp();
 
     const QStringList lines = debug.messages();
-    EXPECT_EQ(lines.filter(QStringLiteral("Cannot save blocks under %1: No space left on device (")
+    EXPECT_EQ(lines.filter(QString("Cannot save blocks under %1: No space left on device (")
                                    .arg(root))
                       .size(),
               1)
-            << qPrintable(lines.join(QLatin1Char('\n')));
-    EXPECT_EQ(lines.count(QStringLiteral("Saving blocks under %1 again").arg(root)), 1);
+            << qPrintable(lines.join('\n'));
+    EXPECT_EQ(lines.count(QString("Saving blocks under %1 again").arg(root)), 1);
     const QStringList printed = out.lines();
-    EXPECT_EQ(printed.filter(QStringLiteral("Cannot ")).size(), 1)
-            << qPrintable(printed.join(QLatin1Char('\n')));
+    EXPECT_EQ(printed.filter("Cannot ").size(), 1) << qPrintable(printed.join('\n'));
 }

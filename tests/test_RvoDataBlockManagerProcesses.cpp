@@ -20,7 +20,7 @@ const QString kChild = QStringLiteral(RVODDI_TEST_CHILD);
 // The state letter of process `pid` ('T' when stopped).
 char processState(qint64 pid)
 {
-    const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    const QByteArray stat = readFile(QString("/proc/%1/stat").arg(pid));
     const int end = stat.lastIndexOf(')'); // after the command name
     return end > 0 && end + 2 < stat.size() ? stat.at(end + 2) : '?';
 }
@@ -29,13 +29,13 @@ char processState(qint64 pid)
 // `roots` open (the log file there is always open).
 bool holdsFileUnder(qint64 pid, const QStringList &roots)
 {
-    const QString fds = QStringLiteral("/proc/%1/fd").arg(pid);
+    const QString fds = QString("/proc/%1/fd").arg(pid);
     for (const QString &fd : QDir(fds).entryList(QDir::AllEntries | QDir::System)) {
-        const QFileInfo target(QFile::symLinkTarget(fds + QLatin1Char('/') + fd));
-        if (!isBlockFileName(target.fileName()) && target.suffix() != QLatin1String("tmp"))
+        const QFileInfo target(QFile::symLinkTarget(fds + '/' + fd));
+        if (!isBlockFileName(target.fileName()) && target.suffix() != "tmp")
             continue;
         for (const QString &root : roots) {
-            if (target.filePath().startsWith(root + QLatin1Char('/')))
+            if (target.filePath().startsWith(root + '/'))
                 return true;
         }
     }
@@ -70,15 +70,15 @@ bool stopWhileWriting(qint64 pid, const QStringList &roots, int ms, std::mt19937
 // alone, that is rare.
 TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
 {
-    const int kills = qEnvironmentVariable("RVODDI_KILLS", QStringLiteral("40")).toInt();
+    const int kills = qEnvironmentVariable("RVODDI_KILLS", "40").toInt();
     QTemporaryDir dir;
-    const QStringList roots {dir.filePath(QStringLiteral("a")), dir.filePath(QStringLiteral("b"))};
-    const QString sideFile = dir.filePath(QStringLiteral("confirmed.txt"));
+    const QStringList roots {dir.filePath("a"), dir.filePath("b")};
+    const QString sideFile = dir.filePath("confirmed.txt");
     std::mt19937 random(std::random_device {}());
     int whileWriting = 0;
     for (int i = 0; i < kills; ++i) {
         QProcess child;
-        child.start(kChild, QStringList {QStringLiteral("kill"), sideFile} + roots);
+        child.start(kChild, QStringList {"kill", sideFile} + roots);
         ASSERT_TRUE(child.waitForStarted());
         const int ms = int(random() % 2000);
         if (i % 2) {
@@ -96,7 +96,7 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
     EXPECT_EQ(before.corrupt, QStringList());
 
     manager().setup(roots, -1, 7);
-    manager().setSubCache(QStringLiteral("Faults"));
+    manager().setSubCache("Faults");
     EXPECT_EQ(lostBlocks(confirmed), QStringList());
 
     // The collector takes temporary files only once they are old enough
@@ -123,12 +123,10 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
 TEST(RvoDataBlockManagerProcesses, ThreeProcessesShareOneRoot)
 {
     QTemporaryDir dir;
-    const QStringList roots {dir.filePath(QStringLiteral("a")), dir.filePath(QStringLiteral("b"))};
+    const QStringList roots {dir.filePath("a"), dir.filePath("b")};
     QProcess children[3];
     for (int i = 0; i < 3; ++i)
-        children[i].start(kChild,
-                          QStringList {QStringLiteral("share"), dir.path(), QString::number(i)}
-                                  + roots);
+        children[i].start(kChild, QStringList {"share", dir.path(), QString::number(i)} + roots);
     for (QProcess &child : children) {
         EXPECT_TRUE(child.waitForFinished(180000));
         EXPECT_EQ(child.exitStatus(), QProcess::NormalExit);

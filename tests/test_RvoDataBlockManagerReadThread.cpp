@@ -6,6 +6,15 @@
 
 using Access = RvoDataBlockManagerTestAccess;
 using Reader = RvoDataBlockManagerReadThread;
+constexpr auto First = RvoDataBlockManager::PreloadFirst,
+               Normal = RvoDataBlockManager::PreloadNormal,
+               Background = RvoDataBlockManager::PreloadBackground;
+
+// The block a root's read thread loads from its file, or null.
+static std::unique_ptr<RvoDataBlock> load(Reader *reader, const RvoSmartPointer<RvoDataHash> &hash)
+{
+    return std::unique_ptr<RvoDataBlock>(Reader::waitForBlock(reader->loadBlock(hash, false)));
+}
 
 // One root's read thread, not started: requests stay queued.
 class RvoReadThread : public ::testing::Test
@@ -24,20 +33,18 @@ protected:
 
 TEST_F(RvoReadThread, QueueServesPrioritiesInOrder)
 {
-    const char *names[]
-            = {"Friday", "Wednesday", "Monday", "Saturday", "Thursday", "Sunday", "Tuesday"};
+    const QStringList names {"Friday",   "Wednesday", "Monday", "Saturday",
+                             "Thursday", "Sunday",    "Tuesday"};
     const int priorities[] = {0, 1, 0, 1, 1, 2, 0};
     QHash<RvoDataHash *, QString> byHash;
     QVector<RvoSmartPointer<RvoDataHash>> hashes;
-    for (int i = 0; i < 7; ++i) {
-        hashes.append(request(names[i], priorities[i]));
-        byHash.insert(hashes.last().data(), QLatin1String(names[i]));
-    }
+    for (int i = 0; i < 7; ++i)
+        byHash.insert((hashes << request(names[i].toLatin1(), priorities[i])).last().data(),
+                      names[i]);
     QStringList order;
     for (const auto &entry : reader.queuedRequests())
         order.append(byHash.value(entry.second));
-    EXPECT_EQ(order.join(QLatin1Char(' ')),
-              QStringLiteral("Friday Monday Tuesday Wednesday Saturday Thursday Sunday"));
+    EXPECT_EQ(order.join(' '), "Friday Monday Tuesday Wednesday Saturday Thursday Sunday");
 }
 
 // Dropped requests keep their preloading mark.
@@ -45,12 +52,11 @@ TEST_F(RvoReadThread, FullQueueDropsOnlyBackgroundRequests)
 {
     QVector<RvoSmartPointer<RvoDataHash>> hashes;
     for (int i = 0; i < 50; ++i)
-        hashes.append(request(QByteArray::number(i), RvoDataBlockManager::PreloadBackground));
-    const RvoSmartPointer<RvoDataHash> background
-            = request("background", RvoDataBlockManager::PreloadBackground);
+        hashes.append(request(QByteArray::number(i), Background));
+    const RvoSmartPointer<RvoDataHash> background = request("background", Background);
     EXPECT_EQ(reader.requests(), 50);
     EXPECT_FALSE(background->isPreloading());
-    const RvoSmartPointer<RvoDataHash> normal = request("normal", RvoDataBlockManager::PreloadNormal);
+    const RvoSmartPointer<RvoDataHash> normal = request("normal", Normal);
     EXPECT_EQ(reader.requests(), 51);
     reader.killRequests();
     EXPECT_EQ(reader.requests(), 0);
@@ -62,25 +68,24 @@ TEST_F(RvoReadThread, FullQueueDropsOnlyBackgroundRequests)
 // the queue.
 TEST_F(RvoReadThread, PromotionRaisesAQueuedRequestOneStep)
 {
-    const RvoSmartPointer<RvoDataHash> first = request("first", RvoDataBlockManager::PreloadNormal);
-    const RvoSmartPointer<RvoDataHash> second
-            = request("second", RvoDataBlockManager::PreloadBackground);
-    reader.request(second.data(), RvoDataBlockManager::PreloadFirst);
-    EXPECT_EQ(reader.queuedRequests().at(1), qMakePair(2, second.data())) << "promotion is off";
-
+    const RvoSmartPointer<RvoDataHash> first = request("first", Normal);
+    const RvoSmartPointer<RvoDataHash> secondHash = request("second", Background);
+    RvoDataHash *second = secondHash.data();
+    const auto at = [&](int i) { return reader.queuedRequests().at(i); };
+    reader.request(second, First);
+    EXPECT_EQ(at(1), qMakePair(2, second)) << "promotion is off";
     reader.setRequestPromotionEnabled(true);
-    reader.request(second.data(), RvoDataBlockManager::PreloadBackground);
-    EXPECT_EQ(reader.queuedRequests().at(1), qMakePair(1, second.data()));
-    reader.request(second.data(), RvoDataBlockManager::PreloadBackground);
-    EXPECT_EQ(reader.queuedRequests().at(1), qMakePair(0, second.data()))
-            << "lowered, not moved, until the next re-sort";
-    reader.request(first.data(), RvoDataBlockManager::PreloadBackground);
-    EXPECT_EQ(reader.queuedRequests().at(0), qMakePair(1, first.data())) << "the front stays";
+    reader.request(second, Background);
+    EXPECT_EQ(at(1), qMakePair(1, second));
+    reader.request(second, Background);
+    EXPECT_EQ(at(1), qMakePair(0, second)) << "lowered, not moved, until the next re-sort";
+    reader.request(first.data(), Background);
+    EXPECT_EQ(at(0), qMakePair(1, first.data())) << "the front stays";
     for (int i = 3; i < 99; ++i)
-        reader.request(second.data(), RvoDataBlockManager::PreloadBackground);
-    EXPECT_EQ(reader.queuedRequests().at(1).second, second.data());
-    reader.request(second.data(), RvoDataBlockManager::PreloadBackground);
-    EXPECT_EQ(reader.queuedRequests().at(0), qMakePair(2 - 99, second.data()));
+        reader.request(second, Background);
+    EXPECT_EQ(at(1).second, second);
+    reader.request(second, Background);
+    EXPECT_EQ(at(0), qMakePair(2 - 99, second));
 }
 
 // An empty block's payload is the bare 4-byte length.
@@ -89,19 +94,19 @@ TEST_F(RvoReadThread, LoadedBlockIsRawMarkedCachedAndCounted)
     for (const QByteArray &content : {testContent(9, 123457), QByteArray()}) {
         const RvoSmartPointer<RvoDataHash> hash = digestOf(content);
         writeFile(blockPath(root.path(), QString(), hash.data()), blockFile(content));
-        RvoDataBlock *block = Reader::waitForBlock(reader.loadBlock(hash, false));
+        const std::unique_ptr<RvoDataBlock> block = load(&reader, hash);
         ASSERT_NE(block, nullptr);
-        EXPECT_EQ(bytesOf(block), content);
+        EXPECT_EQ(bytesOf(block.get()), content);
         EXPECT_TRUE(block->cached() && !block->isCompressed());
-        delete block;
     }
     EXPECT_EQ(reader.bytesRead(), 123457);
 }
 
 // Block files appear only complete: a damaged one (each kind of damage that
 // the reader meets in its own way; RvoBlockFile's cases name every kind) is
-// refused and deleted at once, and the root's thread goes on without delay. A refusal takes a few
-// milliseconds; the bound is a stall guard with room for a loaded machine
+// refused and deleted at once, and the root's thread goes on without delay.
+// A refusal takes a few milliseconds; the bound is a stall guard with room
+// for a loaded machine
 // (waiting for a file to grow took 16 s; ThreadSanitizer may spend a second
 // on a report it drops).
 constexpr qint64 kPromptly = 2000;
@@ -114,7 +119,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         std::memcpy(file.data() + offset, &value, sizeof value);
         return file;
     };
-    const QString data = QStringLiteral("Cannot read all Data from File '%1'");
+    const QString data = "Cannot read all Data from File '%1'";
     const struct
     {
         const char *what;
@@ -122,10 +127,9 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         QString line; // the first debug line, if any
         const char *fault; // the word of the deletion line
     } cases[] = {
-            {"missing", {}, QStringLiteral("Cannot Open File %1 to read. Exist?=0"), nullptr},
-            {"empty", QByteArray(""), QStringLiteral("Cannot read Size from File '%1'"), "short"},
-            {"cut in BlockSize", sound.left(8),
-             QStringLiteral("Cannot read BlockSize from File '%1'"), "short"},
+            {"missing", {}, "Cannot Open File %1 to read. Exist?=0", nullptr},
+            {"empty", QByteArray(""), "Cannot read Size from File '%1'", "short"},
+            {"cut in BlockSize", sound.left(8), "Cannot read BlockSize from File '%1'", "short"},
             {"payload cut", sound.left(1000), data, "lengths"},
             {"BlockSize 2 GiB", with(8, qint32(0x7fffffff)), data, "lengths"},
             {"Size disagrees with the payload", with(0, qint64(bad.size() + 1)), {}, "payload"},
@@ -146,7 +150,7 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
         if (!c.line.isEmpty())
             expected << c.line.arg(path);
         if (c.fault)
-            expected << QStringLiteral("Corrupt block file '%1' deleted (%2)")
+            expected << QString("Corrupt block file '%1' deleted (%2)")
                                 .arg(path, QLatin1String(c.fault));
         DebugCapture debug;
         QElapsedTimer timer;
@@ -164,8 +168,8 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
             writeFile(path, c.file);
         badHash->setPreloading(false);
         timer.restart();
-        reader->request(badHash.data(), RvoDataBlockManager::PreloadFirst);
-        reader->request(goodHash.data(), RvoDataBlockManager::PreloadFirst);
+        reader->request(badHash.data(), First);
+        reader->request(goodHash.data(), First);
         // Once the damaged file is gone nothing of this row touches it again.
         EXPECT_TRUE(waitUntil(
                 [&] { return Access::holdsBlock(goodHash.data()) && !QFile::exists(path); }));
@@ -181,26 +185,24 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
 TEST(RvoDataBlockManagerReadThread, SavesQueuedWhenAProcessExitsAreWritten)
 {
     QTemporaryDir root; // set up here only after the child: no fork with threads running
-    QStringList args {QStringLiteral("queue"), root.path(), QStringLiteral("Shared"),
-                      QStringLiteral("7")};
+    QStringList args {"queue", root.path(), "Shared", "7"};
     for (int seed = 300; seed < 340; ++seed)
         args << QString::number(seed);
     QProcess child;
-    child.start(QStringLiteral(RVODDI_TEST_CHILD), args);
+    child.start(RVODDI_TEST_CHILD, args);
     ASSERT_TRUE(child.waitForFinished(60000));
     EXPECT_EQ(child.exitCode(), 0) << child.readAllStandardError().constData();
-    const QStringList texts = QString::fromLocal8Bit(child.readAllStandardOutput())
-                                      .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    const QStringList texts
+            = QString(child.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
     ASSERT_EQ(texts.size(), 40);
     manager().setup({root.path()}, -1, 7);
-    manager().setSubCache(QStringLiteral("Shared"));
+    manager().setSubCache("Shared");
     for (int i = 0; i < texts.size(); ++i) {
         const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(texts.at(i));
         ASSERT_FALSE(hash.isNull());
-        RvoDataBlock *block = Reader::waitForBlock(Access::readThread(0)->loadBlock(hash, false));
+        const std::unique_ptr<RvoDataBlock> block = load(Access::readThread(0), hash);
         ASSERT_NE(block, nullptr) << i;
-        EXPECT_EQ(bytesOf(block), testContent(300 + i)) << i;
-        delete block;
+        EXPECT_EQ(bytesOf(block.get()), testContent(300 + i)) << i;
     }
     manager().cleanUp();
 }
@@ -219,11 +221,8 @@ TEST(RvoDataBlockManagerReadThread, ReaderRacingAWriterNeverSeesAPartialFile)
         std::thread reader([&] {
             for (;;) {
                 const bool afterQueueing = queued.load();
-                RvoDataBlock *block
-                        = Reader::waitForBlock(Access::readThread(0)->loadBlock(hash, false));
-                if (block) {
-                    EXPECT_EQ(bytesOf(block), content) << round;
-                    delete block;
+                if (const std::unique_ptr<RvoDataBlock> block = load(Access::readThread(0), hash)) {
+                    EXPECT_EQ(bytesOf(block.get()), content) << round;
                     return;
                 }
                 ASSERT_FALSE(afterQueueing) << "the write was queued before this read";
@@ -234,5 +233,5 @@ TEST(RvoDataBlockManagerReadThread, ReaderRacingAWriterNeverSeesAPartialFile)
         reader.join();
     }
     for (const QString &message : debug.messages())
-        EXPECT_FALSE(message.startsWith(QStringLiteral("Corrupt"))) << qPrintable(message);
+        EXPECT_FALSE(message.startsWith("Corrupt")) << qPrintable(message);
 }

@@ -7,7 +7,7 @@ namespace {
 
 QString logText(const QString &directory)
 {
-    return QString::fromUtf8(readFile(directory + QStringLiteral("/DdiLog.txt")));
+    return QString::fromUtf8(readFile(directory + "/DdiLog.txt"));
 }
 
 } // namespace
@@ -18,19 +18,18 @@ QString logText(const QString &directory)
 TEST(RvoDdiLog, UnusableDirectoryIsReportedAndFatalEntriesEndNothing)
 {
     QTemporaryDir dir;
-    ASSERT_TRUE(writeFile(dir.path() + QStringLiteral("/file"), QByteArray()));
-    ASSERT_TRUE(QDir(dir.path()).mkpath(QStringLiteral("busy/DdiLog.txt")));
+    ASSERT_TRUE(writeFile(dir.path() + "/file", QByteArray()));
+    ASSERT_TRUE(QDir(dir.path()).mkpath("busy/DdiLog.txt"));
     RvoDdiLog &log = RvoDdiLog::instance();
     DebugCapture debug;
-    EXPECT_TRUE(log.log(RvoDdiLog::Fatal, "f.cpp", 1, QStringLiteral("not fatal without a log")));
-    EXPECT_FALSE(log.setSubCache(dir.path() + QStringLiteral("/file/sub")));
-    EXPECT_FALSE(log.setSubCache(dir.path() + QStringLiteral("/busy")));
-    EXPECT_TRUE(log.log(RvoDdiLog::Fatal, "f.cpp", 1, QStringLiteral("still not fatal")));
+    EXPECT_TRUE(log.log(RvoDdiLog::Fatal, "f.cpp", 1, "not fatal without a log"));
+    EXPECT_FALSE(log.setSubCache(dir.path() + "/file/sub"));
+    EXPECT_FALSE(log.setSubCache(dir.path() + "/busy"));
+    EXPECT_TRUE(log.log(RvoDdiLog::Fatal, "f.cpp", 1, "still not fatal"));
     EXPECT_EQ(debug.messages(),
-              (QStringList {QStringLiteral("[ !! ] Subcache Directory does not exist and cannot be "
-                                           "created for logging"),
-                            QStringLiteral("[ !! ] Cannot Open DDi Log ") + dir.path()
-                                    + QStringLiteral("/busy/DdiLog.txt")}));
+              (QStringList {"[ !! ] Subcache Directory does not exist and cannot be "
+                            "created for logging",
+                            "[ !! ] Cannot Open DDi Log " + dir.path() + "/busy/DdiLog.txt"}));
 }
 
 // The directory is made with its parents. Only warnings are echoed on the
@@ -38,13 +37,13 @@ TEST(RvoDdiLog, UnusableDirectoryIsReportedAndFatalEntriesEndNothing)
 TEST(RvoDdiLog, EntryIsOneLineWithItsTagTimeMessageAndPosition)
 {
     QTemporaryDir dir;
-    const QString nested = dir.path() + QStringLiteral("/a/b/SubCache");
+    const QString nested = dir.path() + "/a/b/SubCache";
     RvoDdiLog &log = RvoDdiLog::instance();
     ASSERT_TRUE(log.setSubCache(nested));
     DebugCapture debug;
-    EXPECT_TRUE(log.log(RvoDdiLog::Information, "writer.cpp", 42, QStringLiteral("hello")));
-    RVODDI_LOG(RvoDdiLog::Warning, QStringLiteral("careful"));
-    const QStringList lines = logText(nested).split(QLatin1Char('\n'));
+    EXPECT_TRUE(log.log(RvoDdiLog::Information, "writer.cpp", 42, "hello"));
+    RVODDI_LOG(RvoDdiLog::Warning, "careful");
+    const QStringList lines = logText(nested).split('\n');
     ASSERT_EQ(lines.size(), 3);
     const QRegularExpression info(
             QStringLiteral(R"(^\[ I \] \d\d:\d\d:\d\d hello - writer\.cpp:42$)"));
@@ -63,17 +62,17 @@ TEST(RvoDdiLog, NothingIsWrittenWhileDisabledOrClosed)
     RvoDdiLog &log = RvoDdiLog::instance();
     ASSERT_TRUE(log.setSubCache(dir.path()));
     log.setEnabled(false);
-    EXPECT_TRUE(log.log(RvoDdiLog::Warning, "f.cpp", 2, QStringLiteral("disabled")));
+    EXPECT_TRUE(log.log(RvoDdiLog::Warning, "f.cpp", 2, "disabled"));
     log.setEnabled(true);
-    log.log(RvoDdiLog::Information, "f.cpp", 3, QStringLiteral("first"));
+    log.log(RvoDdiLog::Information, "f.cpp", 3, "first");
     EXPECT_TRUE(log.setSubCache(QString()));
-    log.log(RvoDdiLog::Information, "f.cpp", 4, QStringLiteral("while closed"));
+    log.log(RvoDdiLog::Information, "f.cpp", 4, "while closed");
     ASSERT_TRUE(log.setSubCache(dir.path()));
-    log.log(RvoDdiLog::Information, "f.cpp", 5, QStringLiteral("second"));
-    const QStringList lines = logText(dir.path()).split(QLatin1Char('\n'));
+    log.log(RvoDdiLog::Information, "f.cpp", 5, "second");
+    const QStringList lines = logText(dir.path()).split('\n');
     ASSERT_EQ(lines.size(), 3);
-    EXPECT_TRUE(lines.at(0).endsWith(QStringLiteral(" first - f.cpp:3"))
-                && lines.at(1).endsWith(QStringLiteral(" second - f.cpp:5")));
+    EXPECT_TRUE(lines.at(0).endsWith(" first - f.cpp:3")
+                && lines.at(1).endsWith(" second - f.cpp:5"));
 }
 
 TEST(RvoDdiLogDeathTest, FatalEntryEndsTheProcessWhenTheLogIsOpen)
@@ -84,8 +83,8 @@ TEST(RvoDdiLogDeathTest, FatalEntryEndsTheProcessWhenTheLogIsOpen)
     EXPECT_DEATH(
             {
                 RvoDdiLog::instance().setSubCache(dir.path());
-                RvoDdiLog::instance().log(RvoDdiLog::Fatal, "f.cpp", 9, QStringLiteral("boom"));
+                RvoDdiLog::instance().log(RvoDdiLog::Fatal, "f.cpp", 9, "boom");
             },
             "DDI FATAL Error, aborting");
-    EXPECT_TRUE(logText(dir.path()).contains(QStringLiteral("boom - f.cpp:9")));
+    EXPECT_TRUE(logText(dir.path()).contains("boom - f.cpp:9"));
 }

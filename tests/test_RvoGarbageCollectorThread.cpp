@@ -56,15 +56,9 @@ bool all(const QStringList &paths, bool exist = true)
 // Logs a pass as "title/total:" then "done text," for each step, then "end".
 struct LoggingReporter : RvoDataBlockManager::ProgressReporter
 {
-    void startProgress(const QString &t, int n) override
-    {
-        log += t + QStringLiteral("/%1:").arg(n);
-    }
-    void setProgress(int n, const QString &t) override
-    {
-        log += QStringLiteral("%1 %2,").arg(n).arg(t);
-    }
-    void finishProgress() override { log += QStringLiteral("end"); }
+    void startProgress(const QString &t, int n) override { log += t + QString("/%1:").arg(n); }
+    void setProgress(int n, const QString &t) override { log += QString("%1 %2,").arg(n).arg(t); }
+    void finishProgress() override { log += "end"; }
     QString log;
 };
 
@@ -78,21 +72,20 @@ protected:
     void SetUp() override
     {
         for (const QString &name : odd + QStringList {deadName(-1), old, young}) {
-            writeFile(root + QStringLiteral("/3/") + name, "data");
+            writeFile(root + "/3/" + name, "data");
             writeFile(dir + name, "data");
         }
-        ASSERT_TRUE(setAge(dir + old, 7200) && setAge(root + QStringLiteral("/3/") + old, 7200));
+        ASSERT_TRUE(setAge(dir + old, 7200) && setAge(root + "/3/" + old, 7200));
     }
 
     ManagerSetup setup {2};
     const QString root = setup.root(0);
-    const QString dir = root + QStringLiteral("/Named/3/");
+    const QString dir = root + "/Named/3/";
     // A 32-byte digest's text form, and one of a 128-byte digest's shape
     // with short words (its own is longer than a file name may be).
     const QStringList odd {RvoDataHash(QByteArray("x"), RvoDataHash::Skein256).toString(),
-                           QStringLiteral("1-").repeated(31) + QStringLiteral("1")};
-    const QString old = QStringLiteral("write-1-2-3-old.tmp");
-    const QString young = QStringLiteral("write-1-2-3-young.tmp");
+                           QString("1-").repeated(31) + "1"};
+    const QString old = "write-1-2-3-old.tmp", young = "write-1-2-3-young.tmp";
 };
 
 // With collection off a pass only says it went through the sub-cache.
@@ -100,11 +93,11 @@ TEST_F(RvoGarbageCollectorPass, NothingIsCollectedWithoutASubCacheOrWithCollecti
 {
     collectOnce();
     EXPECT_EQ(filesUnder({root}).size(), 10) << "no sub-cache named";
-    manager().setSubCache(QStringLiteral("Named"));
+    manager().setSubCache("Named");
     LoggingReporter off;
     manager().collectGarbage(&off);
     EXPECT_EQ(filesUnder({root}).size(), 11) << "collection off (and the sub-cache's log)";
-    EXPECT_EQ(off.log, QStringLiteral("Garbage Collecting/20:end"));
+    EXPECT_EQ(off.log, "Garbage Collecting/20:end");
 }
 
 // A pass deletes exactly the digest-shaped files of dead 64-byte digests
@@ -112,7 +105,7 @@ TEST_F(RvoGarbageCollectorPass, NothingIsCollectedWithoutASubCacheOrWithCollecti
 // root, and reports each root's sub-cache and each bucket it went through.
 TEST_F(RvoGarbageCollectorPass, PassLeavesExactlyLiveFilesOddNamesAndYoungTemporaries)
 {
-    manager().setSubCache(QStringLiteral("Named"));
+    manager().setSubCache("Named");
     QVector<RvoDataReference> refs;
     for (int i = 0; i < 20; ++i)
         refs.append(add(i));
@@ -120,22 +113,20 @@ TEST_F(RvoGarbageCollectorPass, PassLeavesExactlyLiveFilesOddNamesAndYoungTempor
     refs.remove(0, 8);
     manager().flush(false, RvoDataBlockManager::AllThreads);
     for (int b = 0; b < 20; ++b)
-        QDir().mkpath(setup.root(b / 10) + QStringLiteral("/Named/%1").arg(b % 10));
+        QDir().mkpath(setup.root(b / 10) + QString("/Named/%1").arg(b % 10));
 
     LoggingReporter on;
     collectOnce(&on);
-    QString steps = QStringLiteral("Garbage Collecting/20:");
+    QString steps = "Garbage Collecting/20:";
     for (int i = 1; i <= 22; ++i)
-        steps += QStringLiteral("%1 ,").arg(i);
-    EXPECT_EQ(on.log, steps + QStringLiteral("end"));
-    QStringList expected = odd + QStringList {young, QStringLiteral("DdiLog.txt")};
+        steps += QString("%1 ,").arg(i);
+    EXPECT_EQ(on.log, steps + "end");
+    QStringList expected = odd + QStringList {young, "DdiLog.txt"};
     for (const RvoDataReference &ref : std::as_const(refs))
-        expected.append(QFileInfo(destination(QStringLiteral("Named"), ref.hash())).fileName());
+        expected.append(QFileInfo(destination("Named", ref.hash())).fileName());
     expected.sort();
-    EXPECT_EQ(
-            filesUnder({root + QStringLiteral("/Named"), setup.root(1) + QStringLiteral("/Named")}),
-            expected);
-    EXPECT_EQ(filesUnder({root + QStringLiteral("/3")}).size(), 5) << "other levels untouched";
+    EXPECT_EQ(filesUnder({root + "/Named", setup.root(1) + "/Named"}), expected);
+    EXPECT_EQ(filesUnder({root + "/3"}).size(), 5) << "other levels untouched";
 }
 
 // The collector threads make passes on their own while collection is on;
@@ -143,10 +134,10 @@ TEST_F(RvoGarbageCollectorPass, PassLeavesExactlyLiveFilesOddNamesAndYoungTempor
 // before its next deletion, and no pass follows.
 TEST(RvoGarbageCollectorThread, StoppingCollectionEndsAPassBeforeItsNextDeletion)
 {
-    ManagerSetup setup(2, QStringLiteral("Start"));
+    ManagerSetup setup(2, "Start");
     const QString root = setup.root(0);
     for (int i = 0; i < 3000; ++i)
-        writeFile(root + QStringLiteral("/Start/%1/").arg(i % 10) + deadName(i), "x");
+        writeFile(root + QString("/Start/%1/").arg(i % 10) + deadName(i), "x");
     manager().startGarbageCollection();
     const int before = int(filesUnder({root}).size());
     EXPECT_TRUE(waitUntil([&] { return filesUnder({root}).size() < before; }, 5000));
@@ -165,7 +156,7 @@ TEST(RvoGarbageCollectorThread, StoppingCollectionEndsAPassBeforeItsNextDeletion
 // tried until it goes through in an off moment.
 TEST(RvoGarbageCollectorThread, SubCacheSwitchesNeverDeadlockWithACollector)
 {
-    ManagerSetup setup(2, QStringLiteral("Start"));
+    ManagerSetup setup(2, "Start");
     std::atomic<bool> stop {false};
     std::thread toggler([&] {
         while (!stop.load()) {
@@ -179,7 +170,7 @@ TEST(RvoGarbageCollectorThread, SubCacheSwitchesNeverDeadlockWithACollector)
     auto switching = std::async(std::launch::async, [] {
         int switched = 0;
         for (int i = 0; i < 1000; ++i) {
-            const QString name = QStringLiteral("Sub%1").arg(i);
+            const QString name = QString("Sub%1").arg(i);
             switched += waitUntil(
                     [&] { return manager().setSubCache(name), manager().subCache() == name; });
         }
@@ -198,38 +189,34 @@ TEST(RvoGarbageCollectorThread, SubCacheSwitchesNeverDeadlockWithACollector)
 // the sub-cache. Once one has gone, the other collects what is dead to it.
 TEST(RvoGarbageCollectorThread, ProcessesSharingASubCacheCollectOnlyWhenAlone)
 {
-    const QString shared = QStringLiteral("Shared");
+    const QString shared = "Shared";
     ManagerSetup setup(1, shared);
     const QVector<RvoDataReference> mine {add(1), add(2), add(3)};
     manager().flush(true, RvoDataBlockManager::AllThreads);
     QStringList myFiles;
     for (const RvoDataReference &ref : mine)
         myFiles.append(destination(shared, ref.hash()));
-    const QString dead = setup.root() + QStringLiteral("/Shared/2/") + deadName(-1);
+    const QString dead = setup.root() + "/Shared/2/" + deadName(-1);
     writeFile(dead, "data");
     DebugCapture debug;
     QProcess other;
-    other.start(QStringLiteral(RVODDI_TEST_CHILD),
-                {QStringLiteral("hold"), setup.root(), shared, QStringLiteral("11"),
-                 QStringLiteral("12")});
+    other.start(RVODDI_TEST_CHILD, {"hold", setup.root(), shared, "11", "12"});
     QStringList lines;
     auto readLines = [&] {
         other.waitForReadyRead(50);
-        lines += QString::fromLocal8Bit(other.readAllStandardOutput())
-                         .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        lines += QString(other.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
         return lines;
     };
-    ASSERT_TRUE(waitUntil([&] { return readLines().contains(QStringLiteral("ready")); }))
+    ASSERT_TRUE(waitUntil([&] { return readLines().contains("ready"); }))
             << other.readAllStandardError().constData();
     QStringList otherFiles;
     for (const QString &text : lines.mid(0, 2))
         otherFiles.append(destination(shared, text));
     manager().startGarbageCollection();
-    const QString skipped = QStringLiteral("Sub-cache ") + setup.root()
-            + QStringLiteral("/Shared is in use by another process: not collected");
-    EXPECT_TRUE(waitUntil([&] {
-        return readLines().contains(QStringLiteral("skipped")) && debug.count(skipped) == 1;
-    }));
+    const QString skipped
+            = "Sub-cache " + setup.root() + "/Shared is in use by another process: not collected";
+    EXPECT_TRUE(waitUntil(
+            [&] { return readLines().contains("skipped") && debug.count(skipped) == 1; }));
     EXPECT_TRUE(all(myFiles + otherFiles + QStringList {dead}));
     other.closeWriteChannel();
     ASSERT_TRUE(other.waitForFinished(30000) && other.exitCode() == 0);
@@ -245,7 +232,7 @@ TEST(RvoGarbageCollectorThread, ProcessesSharingASubCacheCollectOnlyWhenAlone)
 // trim when they pass the share.
 TEST(RvoGarbageCollectorThread, DiskBudgetTrimsLeastRecentlyUsedDeadFilesToNinetyPercent)
 {
-    const QString mine = QStringLiteral("Mine");
+    const QString mine = "Mine";
     ManagerSetup setup(1, mine);
     const QString root = setup.root();
     // Live here, and the oldest files: never deleted.
@@ -263,17 +250,14 @@ TEST(RvoGarbageCollectorThread, DiskBudgetTrimsLeastRecentlyUsedDeadFilesToNinet
     // sub-cache another holder has.
     QStringList dead, held;
     for (int i = 0; i < 45; ++i) {
-        const QString path = root
-                + (i >= 40         ? QStringLiteral("/Held/0/")
-                           : i % 2 ? QStringLiteral("/Free/%1/").arg(i % 10)
-                                   : QStringLiteral("/Mine/%1/").arg(i % 10))
-                + deadName(i);
+        const QString path = root + (i >= 40 ? "/Held" : (i % 2 ? "/Free" : "/Mine"))
+                + QString("/%1/").arg(i >= 40 ? 0 : i % 10) + deadName(i);
         writeFile(path, QByteArray(1000, 'x'));
         ASSERT_TRUE(setAge(path, 3600 * (i < 40 ? 500 - i : 2000)));
         (i < 40 ? dead : held).append(path);
     }
     RvoSubCacheLock otherHolder;
-    ASSERT_TRUE(otherHolder.lockShared(root + QStringLiteral("/Held")));
+    ASSERT_TRUE(otherHolder.lockShared(root + "/Held"));
     const qint64 total = liveBytes + 45 * 1000;
     const qint64 share = total - 1; // just over
     const int expectDeleted = int((total - (share - share / 10) + 999) / 1000);
@@ -289,7 +273,7 @@ TEST(RvoGarbageCollectorThread, DiskBudgetTrimsLeastRecentlyUsedDeadFilesToNinet
 
     // Saves, counted as they are published, push the root past its share
     // again and start the next trim.
-    auto trims = [&] { return debug.messages().filter(QStringLiteral("trimmed")).size(); };
+    auto trims = [&] { return debug.messages().filter("trimmed").size(); };
     for (int seed = 10; seed < 200 && trims() < 2; ++seed) {
         const RvoDataReference saved = add(seed); // dead after this round
         manager().flush(true, RvoDataBlockManager::AllThreads);

@@ -34,10 +34,7 @@ TEST(RvoOutputCapture, NestedCapturesOfAnyThreadEachRestoreWhatTheyFound)
         middle = first.lines();
     }
     std::printf("six\n");
-    EXPECT_EQ(inner,
-              (QStringList {QStringLiteral("two"), QStringLiteral("three, without a newline")}));
-    EXPECT_EQ(
-            middle,
-            (QStringList {QStringLiteral("one"), QStringLiteral("four"), QStringLiteral("five")}));
-    EXPECT_EQ(outer.lines(), QStringList {QStringLiteral("six")});
+    EXPECT_EQ(inner, (QStringList {"two", "three, without a newline"}));
+    EXPECT_EQ(middle, (QStringList {"one", "four", "five"}));
+    EXPECT_EQ(outer.lines(), QStringList {"six"});
 }

@@ -13,7 +13,7 @@ class RvoDataReference;
 // accessor (isNull) has no block: size() 0, data() null.
 //
 // Threading: the bytes may be read by many threads at once. Counting takes
-// the manager's delete lock, then the block's mutex (RvoDataBlockManager.h).
+// the manager's delete lock, then the block's mutex (docs/ARCHITECTURE.md).
 class RVODDI_EXPORT RvoConstAccessor
 {
 public:

@@ -39,7 +39,7 @@ class RvoDiskUsage;
 //
 // Threading: every public operation may be called from any thread; run() is
 // the thread's own. The queue lock is a leaf of the library's lock order
-// (RvoDataBlockManager.h): digest references are taken and dropped outside
+// (docs/ARCHITECTURE.md): digest references are taken and dropped outside
 // it, and nothing is called out of the thread while it is held.
 class RvoDataBlockManagerReadThread : public QThread
 {

@@ -42,7 +42,7 @@ class RvoDiskUsage;
 // Threading: writeBlock(), the queries, flush(), closeDown() and
 // setSubCache() may be called from any thread; run() and handleRequest()
 // are the thread's own. The queue lock is a leaf of the library's lock order
-// (RvoDataBlockManager.h): handleRequest takes the manager's delete lock only
+// (docs/ARCHITECTURE.md): handleRequest takes the manager's delete lock only
 // with the queue lock released.
 class RvoDataBlockManagerWriteThread : public QThread
 {

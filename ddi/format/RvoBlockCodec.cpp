@@ -523,6 +523,20 @@ bool RvoBlockCodec::decodeZlib(const uchar *stream, qint64 streamLength, qint64 
     return true;
 }
 
+bool RvoBlockCodec::finishTagged(bool decoded, const char *target, int element, const uchar *body,
+                                 QByteArray block, QByteArray *out)
+{
+    if (decoded && element > 1)
+        unshuffle(reinterpret_cast<const uchar *>(target), reinterpret_cast<uchar *>(block.data()),
+                  block.size(), element);
+    releaseScratch();
+    if (!decoded
+        || crc32Of(block.constData(), block.size()) != qFromLittleEndian<quint32>(body + 2))
+        return false;
+    *out = std::move(block);
+    return true;
+}
+
 bool RvoBlockCodec::decodeLz4(const uchar *body, qint64 length, qint64 expectedSize,
                               QByteArray *out)
 {
@@ -540,15 +554,7 @@ bool RvoBlockCodec::decodeLz4(const uchar *body, qint64 length, qint64 expectedS
             && LZ4_decompress_safe(reinterpret_cast<const char *>(body + TaggedHeader), target,
                                    int(blockLength), int(expectedSize))
                     == expectedSize;
-    if (decoded && element > 1)
-        unshuffle(reinterpret_cast<const uchar *>(target), reinterpret_cast<uchar *>(block.data()),
-                  expectedSize, element);
-    releaseScratch();
-    if (!decoded
-        || crc32Of(block.constData(), expectedSize) != qFromLittleEndian<quint32>(body + 2))
-        return false;
-    *out = std::move(block);
-    return true;
+    return finishTagged(decoded, target, element, body, std::move(block), out);
 }
 
 bool RvoBlockCodec::decodeZstd(const uchar *body, qint64 length, qint64 expectedSize,
@@ -573,13 +579,5 @@ bool RvoBlockCodec::decodeZstd(const uchar *body, qint64 length, qint64 expected
                                   size_t(frameLength))
             : 0;
     const bool decoded = !ZSTD_isError(produced) && produced == size_t(expectedSize);
-    if (decoded && element > 1)
-        unshuffle(reinterpret_cast<const uchar *>(target), reinterpret_cast<uchar *>(block.data()),
-                  expectedSize, element);
-    releaseScratch();
-    if (!decoded
-        || crc32Of(block.constData(), expectedSize) != qFromLittleEndian<quint32>(body + 2))
-        return false;
-    *out = std::move(block);
-    return true;
+    return finishTagged(decoded, target, element, body, std::move(block), out);
 }

@@ -100,6 +100,11 @@ private:
     bool decodeZlib(const uchar *stream, qint64 length, qint64 expectedSize, QByteArray *out);
     bool decodeLz4(const uchar *body, qint64 length, qint64 expectedSize, QByteArray *out);
     bool decodeZstd(const uchar *body, qint64 length, qint64 expectedSize, QByteArray *out);
+    // The end of either: the bytes decoded into `target` unshuffled into
+    // `block` when they were shuffled by `element`, the scratch let go, and
+    // the block checked against the payload's CRC-32 before it is handed out.
+    bool finishTagged(bool decoded, const char *target, int element, const uchar *body,
+                      QByteArray block, QByteArray *out);
 
     // Exactly one of the two writers exists, the one the constructor was
     // asked for; null when there was no memory for it.

@@ -27,21 +27,13 @@ constexpr int kThreads = 8;
 constexpr int kSeeds = 256; // distinct contents; threads add the same ones
 constexpr int kHeldPerThread = 48;
 constexpr qint64 kBudget = 4 << 20;
+constexpr auto CacheContent = RvoModifyAccessor::CacheContent;
 
 struct Counters
 {
     std::atomic<qint64> adds {0}, reads {0}, preloads {0}, copies {0}, drops {0}, frees {0},
             wrong {0};
 };
-
-// Content of every seed, 4 KiB to 244 KiB, made once and only read.
-std::vector<QByteArray> makeContents()
-{
-    std::vector<QByteArray> contents;
-    for (int seed = 0; seed < kSeeds; ++seed)
-        contents.push_back(testContent(seed, 4096 * (1 + (seed * 7919) % 61)));
-    return contents;
-}
 
 void work(int id, qint64 endMs, const QElapsedTimer &clock, const std::vector<QByteArray> &contents,
           Counters &counters)
@@ -53,9 +45,8 @@ void work(int id, qint64 endMs, const QElapsedTimer &clock, const std::vector<QB
         const int action = int(random() % 100);
         if (held.empty() || (action < 30 && held.size() < kHeldPerThread)) {
             const int seed = int(random() % kSeeds);
-            held.emplace_back(manager.addBlock(contents[size_t(seed)],
-                                               RvoModifyAccessor::CacheContent, random() & 1),
-                              seed);
+            const bool sync = random() & 1;
+            held.emplace_back(manager.addBlock(contents[size_t(seed)], CacheContent, sync), seed);
             ++counters.adds;
             if (id % 2) // the others ignore back-pressure, as a careless host would
                 manager.processIO();
@@ -79,7 +70,7 @@ void work(int id, qint64 endMs, const QElapsedTimer &clock, const std::vector<QB
             // A copy released unchanged is the same content: the same digest.
             RvoDataReference source = held[random() % held.size()].first;
             RvoModifyAccessor copy = source.modifyAccessor();
-            counters.wrong += copy.release(RvoModifyAccessor::CacheContent, true) != source;
+            counters.wrong += copy.release(CacheContent, true) != source;
             ++counters.copies;
         } else {
             std::swap(held[random() % held.size()], held.back());
@@ -94,13 +85,15 @@ void work(int id, qint64 endMs, const QElapsedTimer &clock, const std::vector<QB
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=false"));
+    QLoggingCategory::setFilterRules("rvoddi.debug=false");
     const double minutes = argc > 1 ? QString::fromLocal8Bit(argv[1]).toDouble() : 2.0;
     if (minutes <= 0) {
         std::fprintf(stderr, "usage: rvoddi-soak [MINUTES]\n");
         return 2;
     }
-    const std::vector<QByteArray> contents = makeContents();
+    std::vector<QByteArray> contents; // 4 KiB to 244 KiB a seed, made once and only read
+    for (int seed = 0; seed < kSeeds; ++seed)
+        contents.push_back(testContent(seed, 4096 * (1 + (seed * 7919) % 61)));
     QTemporaryDir first, second;
     RvoDataBlockManager &manager = RvoDataBlockManager::instance();
     RvoHashManager &registry = RvoHashManager::instance();
@@ -113,7 +106,7 @@ int main(int argc, char **argv)
     {
         StdoutCapture capture;
         manager.setup({first.path(), second.path()}, kBudget, 10);
-        manager.setSubCache(QStringLiteral("Soak"));
+        manager.setSubCache("Soak");
         manager.startGarbageCollection();
         hashesBefore = registry.hashCount();
         bytesBefore = manager.liveBytes();
@@ -141,12 +134,10 @@ int main(int argc, char **argv)
         // and saves finish, then the counts must return.
         QThreadPool::globalInstance()->waitForDone();
         manager.flush(false, RvoDataBlockManager::AllThreads);
-        waitUntil(
-                [&] {
-                    return registry.hashCount() == hashesBefore
-                            && manager.liveBytes() == bytesBefore;
-                },
-                30000);
+        const auto settled = [&] {
+            return registry.hashCount() == hashesBefore && manager.liveBytes() == bytesBefore;
+        };
+        waitUntil(settled, 30000);
         hashesAfter = registry.hashCount();
         bytesAfter = manager.liveBytes();
         for (int i = 0; i < 2; ++i) {

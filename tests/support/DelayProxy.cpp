@@ -23,42 +23,6 @@ using Clock = std::chrono::steady_clock;
 // A direction stops reading while this much waits in it.
 constexpr qint64 kMaxHeld = 16 << 20;
 
-struct Chunk
-{
-    Clock::time_point due;
-    QByteArray bytes; // empty: the sender closed its side
-};
-
-// Bytes on their way from one socket to the other.
-struct Direction
-{
-    int from = -1;
-    int to = -1;
-    std::deque<Chunk> chunks;
-    qint64 held = 0;
-    qint64 sent = 0; // of the front chunk
-    Clock::time_point linkFree {}; // when the paced link has sent what it holds
-    bool readClosed = false;
-    bool writeBlocked = false;
-    bool done = false;
-};
-
-struct Connection
-{
-    Direction up; // client to target
-    Direction down; // target to client
-    bool failed = false;
-
-    bool finished() const { return failed || (up.done && down.done); }
-};
-
-void setNonBlocking(int fd)
-{
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-    const int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-}
-
 sockaddr_in loopback(int port)
 {
     sockaddr_in address {};
@@ -67,6 +31,82 @@ sockaddr_in loopback(int port)
     address.sin_port = htons(quint16(port));
     return address;
 }
+
+// Bytes on their way from one socket to the other, each chunk stamped with
+// when it may go on; an empty chunk is the sender's end.
+struct Direction
+{
+    int from;
+    int to;
+    std::deque<std::pair<Clock::time_point, QByteArray>> chunks;
+    qint64 held = 0;
+    qint64 sent = 0; // of the front chunk
+    Clock::time_point linkFree {}; // when the paced link has sent what it holds
+    bool readClosed = false;
+    bool blocked = false; // the last send would have blocked
+    bool done = false;
+
+    bool reading() const { return !readClosed && held < kMaxHeld; }
+
+    // False when the connection failed.
+    bool read(std::chrono::microseconds delay, qint64 bytesPerSecond)
+    {
+        char buffer[65536];
+        const ssize_t n = ::read(from, buffer, sizeof buffer);
+        if (n < 0)
+            return errno == EAGAIN || errno == EINTR;
+        Clock::time_point sent = Clock::now();
+        if (bytesPerSecond > 0) {
+            linkFree = std::max(linkFree, sent)
+                    + std::chrono::microseconds(n * 1000000 / bytesPerSecond);
+            sent = linkFree;
+        }
+        chunks.emplace_back(sent + delay, QByteArray(buffer, int(n)));
+        held += n;
+        readClosed = n == 0;
+        return true;
+    }
+
+    // Passes on the chunks that are due; false when the connection failed.
+    bool write(Clock::time_point now)
+    {
+        blocked = false;
+        while (!chunks.empty() && chunks.front().first <= now) {
+            const QByteArray &bytes = chunks.front().second;
+            if (bytes.isEmpty()) {
+                ::shutdown(to, SHUT_WR);
+                chunks.pop_front();
+                done = true;
+                return true;
+            }
+            const ssize_t n = ::send(to, bytes.constData() + sent, size_t(bytes.size() - sent),
+                                     MSG_NOSIGNAL);
+            if (n < 0) {
+                blocked = errno == EAGAIN || errno == EINTR;
+                return blocked;
+            }
+            if ((sent += n) < bytes.size())
+                continue;
+            held -= bytes.size();
+            sent = 0;
+            chunks.pop_front();
+        }
+        return true;
+    }
+};
+
+struct Connection
+{
+    Direction up; // client to target
+    Direction down; // target to client
+    bool failed = false;
+
+    ~Connection()
+    {
+        ::close(up.from);
+        ::close(up.to);
+    }
+};
 
 } // namespace
 
@@ -77,80 +117,25 @@ struct DelayProxy::Loop
 
     void accept()
     {
-        const int client = ::accept(proxy.m_Listener, nullptr, nullptr);
-        if (client < 0)
-            return;
+        const int client = ::accept4(proxy.m_Listener, nullptr, nullptr, SOCK_CLOEXEC);
         const int target = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const sockaddr_in address = loopback(proxy.m_TargetPort);
-        if (target < 0
+        if (client < 0 || target < 0
             || ::connect(target, reinterpret_cast<const sockaddr *>(&address), sizeof address)
                     != 0) {
-            ::close(client);
-            if (target >= 0)
-                ::close(target);
+            for (int fd : {client, target}) {
+                if (fd >= 0)
+                    ::close(fd);
+            }
             return;
         }
-        setNonBlocking(client);
-        setNonBlocking(target);
-        auto connection = std::make_unique<Connection>();
-        connection->up.from = connection->down.to = client;
-        connection->up.to = connection->down.from = target;
-        connections.push_back(std::move(connection));
-        proxy.m_Connections.fetch_add(1);
-    }
-
-    // Takes what the sending side has, stamped with when it may go on.
-    void read(Direction &d, Connection &c)
-    {
-        char buffer[65536];
-        const ssize_t n = ::read(d.from, buffer, sizeof buffer);
-        if (n < 0 && (errno == EAGAIN || errno == EINTR))
-            return;
-        if (n < 0) {
-            c.failed = true;
-            return;
+        const int one = 1;
+        for (int fd : {client, target}) {
+            fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+            setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
         }
-        Clock::time_point sent = Clock::now();
-        if (proxy.m_BytesPerSecond > 0) {
-            d.linkFree = std::max(d.linkFree, sent)
-                    + std::chrono::microseconds(n * 1000000 / proxy.m_BytesPerSecond);
-            sent = d.linkFree;
-        }
-        d.chunks.push_back({sent + proxy.m_Delay, QByteArray(buffer, int(n))});
-        d.held += n;
-        d.readClosed = n == 0;
-    }
-
-    // Passes on the chunks that are due.
-    void write(Direction &d, Connection &c, Clock::time_point now)
-    {
-        d.writeBlocked = false;
-        while (!d.chunks.empty() && d.chunks.front().due <= now) {
-            Chunk &chunk = d.chunks.front();
-            if (chunk.bytes.isEmpty()) {
-                ::shutdown(d.to, SHUT_WR);
-                d.chunks.pop_front();
-                d.done = true;
-                return;
-            }
-            const ssize_t n = ::send(d.to, chunk.bytes.constData() + d.sent,
-                                     size_t(chunk.bytes.size() - d.sent), MSG_NOSIGNAL);
-            if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-                d.writeBlocked = true;
-                return;
-            }
-            if (n < 0) {
-                c.failed = true;
-                return;
-            }
-            d.sent += n;
-            proxy.m_Bytes.fetch_add(n);
-            if (d.sent < chunk.bytes.size())
-                continue;
-            d.held -= chunk.bytes.size();
-            d.sent = 0;
-            d.chunks.pop_front();
-        }
+        connections.push_back(std::unique_ptr<Connection>(
+                new Connection {{client, target, {}}, {target, client, {}}}));
     }
 
     void run()
@@ -162,21 +147,20 @@ struct DelayProxy::Loop
                 for (const Direction *d : {&c->up, &c->down}) {
                     // A socket polled for nothing is left out (fd -1): its
                     // hang-up would wake the loop over and over.
-                    const bool reading = !d->readClosed && d->held < kMaxHeld;
-                    fds.push_back({reading ? d->from : -1, POLLIN, 0});
-                    fds.push_back({d->writeBlocked ? d->to : -1, POLLOUT, 0});
-                    if (!d->chunks.empty() && !d->writeBlocked)
-                        wakeAt = std::min(wakeAt, d->chunks.front().due);
+                    fds.push_back({d->reading() ? d->from : -1, POLLIN, 0});
+                    fds.push_back({d->blocked ? d->to : -1, POLLOUT, 0});
+                    if (!d->chunks.empty() && !d->blocked)
+                        wakeAt = std::min(wakeAt, d->chunks.front().first);
                 }
             }
             timespec timeout {};
-            timespec *limit = nullptr;
             if (wakeAt != Clock::time_point::max()) {
-                const auto wait = std::max(Clock::duration::zero(), wakeAt - Clock::now());
-                const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(wait).count();
+                const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                        std::max(Clock::duration::zero(), wakeAt - Clock::now()))
+                                        .count();
                 timeout = {time_t(ns / 1000000000), long(ns % 1000000000)};
-                limit = &timeout;
             }
+            const timespec *limit = wakeAt == Clock::time_point::max() ? nullptr : &timeout;
             if (::ppoll(fds.data(), fds.size(), limit, nullptr) < 0 && errno != EINTR)
                 return;
             if (fds[0].revents)
@@ -184,37 +168,23 @@ struct DelayProxy::Loop
             const size_t polled = connections.size();
             if (fds[1].revents & POLLIN)
                 accept();
+            const Clock::time_point now = Clock::now();
             for (size_t i = 0; i < polled; ++i) {
                 Connection &c = *connections[i];
-                Direction *directions[] = {&c.up, &c.down};
                 for (int k = 0; k < 2; ++k) {
-                    const pollfd &from = fds[2 + i * 4 + k * 2];
+                    Direction &d = k == 0 ? c.up : c.down;
+                    const pollfd &from = fds[2 + i * 4 + size_t(k) * 2];
                     if (from.fd >= 0 && (from.revents & (POLLIN | POLLHUP | POLLERR)))
-                        read(*directions[k], c);
+                        c.failed |= !d.read(proxy.m_Delay, proxy.m_BytesPerSecond);
                 }
             }
-            const Clock::time_point now = Clock::now();
-            for (auto &c : connections) {
-                write(c->up, *c, now);
-                write(c->down, *c, now);
-            }
-            for (auto it = connections.begin(); it != connections.end();) {
-                if ((*it)->finished()) {
-                    ::close((*it)->up.from);
-                    ::close((*it)->up.to);
-                    it = connections.erase(it);
-                } else {
-                    ++it;
-                }
-            }
-        }
-    }
-
-    ~Loop()
-    {
-        for (auto &c : connections) {
-            ::close(c->up.from);
-            ::close(c->up.to);
+            for (auto &c : connections)
+                c->failed |= !c->up.write(now) || !c->down.write(now);
+            connections.erase(std::remove_if(connections.begin(), connections.end(),
+                                             [](const std::unique_ptr<Connection> &c) {
+                                                 return c->failed || (c->up.done && c->down.done);
+                                             }),
+                              connections.end());
         }
     }
 };
@@ -229,9 +199,8 @@ DelayProxy::DelayProxy(int targetPort, std::chrono::microseconds delay, qint64 b
 DelayProxy::~DelayProxy()
 {
     if (m_Thread.joinable()) {
-        const char stop = 0;
-        if (::write(m_Wake[1], &stop, 1) != 1)
-            ::close(m_Wake[1]); // the loop sees the pipe's end instead
+        ::close(m_Wake[1]); // the loop sees the pipe's end
+        m_Wake[1] = -1;
         m_Thread.join();
     }
     for (int fd : {m_Listener, m_Wake[0], m_Wake[1]}) {

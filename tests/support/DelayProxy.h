@@ -7,12 +7,10 @@
 // (a round trip costs twice that) and, with a rate, pacing each direction's
 // bytes to it. A connection the target refuses is closed at once.
 //
-// Threading: start() and the destructor on one thread; connections() and
-// bytes() from any. The proxy runs on a thread of its own.
+// Threading: one thread drives it; the proxy runs on a thread of its own.
 
 #include <QString>
 
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -30,10 +28,6 @@ public:
     bool start();
     int port() const { return m_Port; }
     QString error() const { return m_Error; }
-    // Connections accepted so far.
-    int connections() const { return m_Connections.load(); }
-    // Bytes forwarded so far, both directions together.
-    qint64 bytes() const { return m_Bytes.load(); }
 
 private:
     struct Loop;
@@ -43,11 +37,9 @@ private:
     const std::chrono::microseconds m_Delay;
     const qint64 m_BytesPerSecond;
     int m_Listener = -1;
-    int m_Wake[2] = {-1, -1}; // a pipe: a byte ends the loop
+    int m_Wake[2] = {-1, -1}; // a pipe: its closing ends the loop
     int m_Port = 0;
     QString m_Error;
-    std::atomic<int> m_Connections {0};
-    std::atomic<qint64> m_Bytes {0};
     std::thread m_Thread;
 };
 

@@ -15,20 +15,19 @@ ManagerSetup::ManagerSetup(int rootCount, const QString &subCache, int buckets, 
         m_Dirs.push_back(std::make_unique<QTemporaryDir>());
         m_Roots.append(m_Dirs.back()->path());
     }
-    RvoDataBlockManager &manager = RvoDataBlockManager::instance();
-    manager.setup(m_Roots, budget, buckets);
+    manager().setup(m_Roots, budget, buckets);
     if (!subCache.isEmpty())
-        manager.setSubCache(subCache);
+        manager().setSubCache(subCache);
 }
 
 ManagerSetup::~ManagerSetup()
 {
-    RvoDataBlockManager::instance().cleanUp();
+    manager().cleanUp();
 }
 
 RvoDataReference addBlock(const QByteArray &content, RvoModifyAccessor::Caching caching, bool sync)
 {
-    return RvoDataBlockManager::instance().addBlock(content, caching, sync);
+    return manager().addBlock(content, caching, sync);
 }
 
 QByteArray testContent(int seed, int size)
@@ -37,9 +36,7 @@ QByteArray testContent(int seed, int size)
     quint32 noise = quint32(seed) * 2654435761u + 1u;
     for (int i = 0; i < size; ++i) {
         noise = noise * 1103515245u + 12345u;
-        const int x = i % 256;
-        const int y = i / 256;
-        bytes[i] = char((x + y + seed * 13 + ((noise >> 28) & 3)) & 0xff);
+        bytes[i] = char((i % 256 + i / 256 + seed * 13 + ((noise >> 28) & 3)) & 0xff);
     }
     return bytes;
 }

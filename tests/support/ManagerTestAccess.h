@@ -43,24 +43,13 @@ public:
     }
     static int cacheIndex(const QString &hashText) { return manager().cacheIndex(hashText); }
     static int cacheIndex(const RvoDataHash *hash) { return manager().cacheIndex(hash); }
-    static void makeBlockLive(RvoDataHash *hash, RvoDataBlock *block)
-    {
-        manager().makeBlockLive(hash, block);
-    }
-    static RvoDataBlockManagerWriteThread *writeThread(int i)
-    {
-        return manager().writeThreads().value(i);
-    }
-    static RvoDataBlockManagerReadThread *readThread(int i)
-    {
-        return manager().readThreads().value(i);
-    }
+    static void makeBlockLive(RvoDataHash *h, RvoDataBlock *b) { manager().makeBlockLive(h, b); }
+    static auto *writeThread(int i) { return manager().writeThreads().value(i); }
+    static auto *readThread(int i) { return manager().readThreads().value(i); }
     static int writeThreadCount() { return int(manager().writeThreads().size()); }
     static int readThreadCount() { return int(manager().readThreads().size()); }
     static bool holdsBlock(RvoDataHash *hash) { return manager().holdsBlock(hash); }
     static bool blockIsLocked(RvoDataHash *hash) { return manager().blockIsLocked(hash); }
-    static void lockBlock(RvoDataHash *hash) { manager().lockBlock(hash); }
-    static void unlockBlock(RvoDataHash *hash) { manager().unlockBlock(hash); }
     static void freeBlock(RvoDataHash *hash) { manager().freeBlock(hash, false, false); }
     // The digests in the LRU, most recently used first.
     static QList<RvoDataHash *> lruOrder() { return manager().lruOrder(); }

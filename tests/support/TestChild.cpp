@@ -35,6 +35,13 @@
 
 namespace {
 
+// Prints a line on standard output at once.
+void say(const QString &line)
+{
+    std::printf("%s\n", qPrintable(line));
+    std::fflush(stdout);
+}
+
 int queueMode(const QStringList &args)
 {
     manager().setup({args.at(2)}, -1, args.at(4).toInt());
@@ -45,9 +52,8 @@ int queueMode(const QStringList &args)
         hashes.append(digestOf(content));
         RvoDataBlockManagerTestAccess::makeBlockLive(hashes.last().data(),
                                                      new RvoDataBlock(content));
-        std::printf("%s\n", qPrintable(hashes.last()->toString()));
+        say(hashes.last()->toString());
     }
-    std::fflush(stdout);
     return 0;
 }
 
@@ -56,11 +62,9 @@ std::atomic<bool> g_Skipped {false};
 void noteSkippedPass(QtMsgType, const QMessageLogContext &context, const QString &message)
 {
     if (qstrcmp(context.category, "rvoddi") == 0
-        && message.endsWith(QStringLiteral("is in use by another process: not collected"))
-        && !g_Skipped.exchange(true)) {
-        std::printf("skipped\n");
-        std::fflush(stdout);
-    }
+        && message.endsWith("is in use by another process: not collected")
+        && !g_Skipped.exchange(true))
+        say("skipped");
 }
 
 int holdMode(const QStringList &args)
@@ -70,11 +74,10 @@ int holdMode(const QStringList &args)
     QList<RvoDataReference> refs;
     for (const QString &seed : args.mid(4)) {
         refs.append(addBlock(testContent(seed.toInt(), 1000)));
-        std::printf("%s\n", qPrintable(refs.last().hash()));
+        say(refs.last().hash());
     }
     manager().flush(true, RvoDataBlockManager::AllThreads);
-    std::printf("ready\n");
-    std::fflush(stdout);
+    say("ready");
     manager().startGarbageCollection();
     while (std::fgetc(stdin) != EOF) { }
     refs.clear();
@@ -105,8 +108,7 @@ QByteArray lines(const QList<Added> &blocks)
 
 int killMode(const QString &sideFile)
 {
-    const int fd
-            = ::open(QFile::encodeName(sideFile).constData(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    const int fd = ::open(QFile::encodeName(sideFile), O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (fd < 0)
         return 2;
     std::mt19937 random(std::random_device {}());
@@ -129,12 +131,10 @@ int killMode(const QString &sideFile)
 
 int shareMode(const QString &dir, int index)
 {
-    const auto fileOf = [&dir](const QString &name) { return dir + QLatin1Char('/') + name; };
+    const auto fileOf = [&dir](const QString &name) { return dir + '/' + name; };
     // Start together, so that the three write the shared content at once.
-    QFile(fileOf(QStringLiteral("ready-%1").arg(index))).open(QIODevice::WriteOnly);
-    const bool allReady = waitUntil(
-            [&] { return QDir(dir).entryList({QStringLiteral("ready-*")}).size() == 3; }, 60000);
-    if (!allReady)
+    QFile(fileOf(QString("ready-%1").arg(index))).open(QIODevice::WriteOnly);
+    if (!waitUntil([&] { return QDir(dir).entryList({"ready-*"}).size() == 3; }, 60000))
         return 3;
     QList<Added> blocks;
     for (int i = 0; i < 24; ++i) {
@@ -143,14 +143,13 @@ int shareMode(const QString &dir, int index)
         manager().processIO();
     }
     manager().flush(true, RvoDataBlockManager::AllThreads);
-    QSaveFile published(fileOf(QStringLiteral("%1.txt").arg(index)));
+    QSaveFile published(fileOf(QString("%1.txt").arg(index)));
     if (!published.open(QIODevice::WriteOnly) || published.write(lines(blocks)) < 0
         || !published.commit())
         return 2;
     blocks.clear(); // the blocks leave memory: what follows reads files
 
-    const QStringList names {QStringLiteral("0.txt"), QStringLiteral("1.txt"),
-                             QStringLiteral("2.txt")};
+    const QStringList names {"0.txt", "1.txt", "2.txt"};
     if (!waitUntil([&] { return QDir(dir).entryList(names).size() == 3; }, 120000))
         return 3;
     int faults = 0;
@@ -182,24 +181,24 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     const QStringList args = app.arguments();
     const QString mode = args.value(1);
-    if (mode == QLatin1String("hold")) {
+    if (mode == "hold") {
         qInstallMessageHandler(noteSkippedPass);
         return args.size() >= 5 ? holdMode(args) : 2;
     }
-    QLoggingCategory::setFilterRules(QStringLiteral("rvoddi.debug=false"));
-    if (mode == QLatin1String("queue"))
+    QLoggingCategory::setFilterRules("rvoddi.debug=false");
+    if (mode == "queue")
         return args.size() >= 6 ? queueMode(args) : 2;
     int result = 2;
-    if (mode == QLatin1String("remote") && args.size() == 5) {
+    if (mode == "remote" && args.size() == 5) {
         manager().setup({args.at(4)}, 64 << 20, 10); // adding is never held back by the writes
         result = remoteMode(args.at(2), args.at(3).toInt());
-    } else if (mode == QLatin1String("kill") && args.size() >= 4) {
+    } else if (mode == "kill" && args.size() >= 4) {
         manager().setup(args.mid(3), 1 << 20, 7);
-        manager().setSubCache(QStringLiteral("Faults"));
+        manager().setSubCache("Faults");
         result = killMode(args.at(2));
-    } else if (mode == QLatin1String("share") && args.size() >= 5) {
+    } else if (mode == "share" && args.size() >= 5) {
         manager().setup(args.mid(4), 1 << 20, 7);
-        manager().setSubCache(QStringLiteral("Shared"));
+        manager().setSubCache("Shared");
         result = shareMode(args.at(2), args.at(3).toInt());
     }
     manager().cleanUp();
