@@ -1,10 +1,11 @@
-// The remote tier on this machine, against a local nginx (WebDAV) and a local
-// Redis started for the run, with distinct 256 KiB image-like tiles (2,048 by
-// default). A server "at D ms" is reached through the delay proxy of the
+// The remote tier on this machine, against a local nginx (WebDAV), a local
+// Redis and a local S3 server (s3rver, from npm: scripts/test installs it into
+// build/npm) started for the run, with distinct 256 KiB image-like tiles
+// (2,048 by default). A server "at D ms" is reached through the delay proxy of the
 // tests (tests/support/DelayProxy.h), which holds every byte D ms in each
 // direction: a round trip costs 2 D.
 //
-//   ingest/none, ingest/nginx, ingest/redis, ingest/<server>@D
+//   ingest/none, ingest/nginx, ingest/redis, ingest/s3, ingest/<server>@D
 //       Adds every tile through a manager with a 64 MiB budget and one root
 //       (asynchronous adds, waiting in 1 ms steps while the write queue is
 //       full), then flush(true, WriteThreads): the time until every block is
@@ -16,15 +17,19 @@
 //       uploads_skipped: the uploads the full queue dropped. Each run starts
 //       with an empty root and an empty server. The cost of the uploads is
 //       ingest/<server> against ingest/none.
-//   read/disk, read/nginx, read/redis, read/<server>@D
+//   read/disk, read/nginx, read/redis, read/s3, read/<server>@D
 //       A second process reads every tile back through const accessors,
 //       preloading 64 ahead: from a root that holds the block files (disk),
 //       or from an empty root with the remote tier (each file fetched,
 //       checked against its name, published into the root and decoded).
-//   fetch/nginx, fetch/redis
+//       read/s3-nginx: the S3 remote's signed requests, answered by the
+//       nginx of read/nginx serving the same files under the bucket's keys
+//       (it checks no signature): the S3 client's cost without s3rver's.
+//   fetch/nginx, fetch/redis, fetch/s3
 //       The raw fetch rate of the same servers for the same bytes: one curl
-//       process getting every tile's URL in turn over one connection, and one
-//       redis-cli process sending GET for every key in turn.
+//       process getting every tile's URL in turn over one connection (for
+//       S3 signing each request with --aws-sigv4), and one redis-cli process
+//       sending GET for every key in turn.
 //
 // Figures: tiles per second (the same tiles in every phase); the CPU per tile
 // of the reading or fetching program (all its threads) and of the server;
@@ -112,6 +117,7 @@ struct Fixture
 {
     LocalServer nginx {LocalServer::Nginx};
     LocalServer redis {LocalServer::Redis};
+    LocalServer s3 {LocalServer::S3};
     std::vector<QByteArray> tiles;
     QStringList names; // the tiles' block file names, from the first ingest
     QTemporaryDir filled; // a root that holds every tile's block file
@@ -130,6 +136,10 @@ const LocalServer *serverOf(const std::string &name)
         return &fixture().nginx;
     if (name == "redis")
         return &fixture().redis;
+    if (name == "s3")
+        return &fixture().s3;
+    if (name == "s3-nginx")
+        return &fixture().nginx;
     return nullptr;
 }
 
@@ -143,11 +153,11 @@ void setCpu(benchmark::State &state, double program, double server)
 
 QString specOf(const std::string &server)
 {
-    if (server == "nginx")
-        return fixture().nginx.url();
-    if (server == "redis")
-        return fixture().redis.url();
-    return QString();
+    if (server == "s3-nginx") // /tiles/blocks/<2>/<name>: a link "blocks" to "."
+        return QStringLiteral("s3://S3RVER:S3RVER@tiles/blocks|endpoint=http://127.0.0.1:%1")
+                .arg(fixture().nginx.port());
+    const LocalServer *local = serverOf(server);
+    return local ? local->url() : QString();
 }
 
 // A server `delayMs` away: a proxy, and the setting that reaches the server
@@ -162,9 +172,8 @@ struct Distance
             return;
         proxy = std::make_unique<DelayProxy>(local->port(), std::chrono::milliseconds(delayMs));
         proxy->start();
-        RvoRemoteEndpoint endpoint = local->endpoint();
-        endpoint.port = proxy->port();
-        spec = endpoint.plainUrl();
+        spec.replace(QStringLiteral("127.0.0.1:%1").arg(local->port()),
+                     QStringLiteral("127.0.0.1:%1").arg(proxy->port()));
     }
     std::unique_ptr<DelayProxy> proxy;
     QString spec;
@@ -201,6 +210,8 @@ void emptyServer(const std::string &server)
         f.redis.restart(); // keeps nothing across a restart
     if (server == "nginx")
         QDir(f.nginx.documentRoot()).removeRecursively();
+    if (server == "s3")
+        QDir(f.s3.documentRoot()).removeRecursively();
 }
 
 double processCpuSeconds(qint64 pid)
@@ -339,6 +350,8 @@ void BM_Read(benchmark::State &state, const std::string &source, int delayMs)
     file.write(f.names.join(QLatin1Char('\n')).toLatin1());
     file.close();
     const LocalServer *server = serverOf(source);
+    if (source == "s3-nginx")
+        QFile::link(QStringLiteral("."), f.nginx.documentRoot() + QStringLiteral("/blocks"));
     double programCpu = 0;
     double serverCpu = 0;
     for (auto _ : state) {
@@ -378,6 +391,11 @@ void BM_Fetch(benchmark::State &state, const std::string &server)
             file.write(QStringLiteral("url = \"%1/%2/%3\"\noutput = \"/dev/null\"\n")
                                .arg(f.nginx.url(), name.left(2), name)
                                .toLatin1());
+        else if (server == "s3")
+            file.write(QStringLiteral("url = \"http://127.0.0.1:%1/tiles/blocks/%2/%3\"\n"
+                                      "output = \"/dev/null\"\n")
+                               .arg(QString::number(f.s3.port()), name.left(2), name)
+                               .toLatin1());
         else
             file.write(QStringLiteral("GET rvoddi:%1\n").arg(name).toLatin1());
     }
@@ -387,9 +405,20 @@ void BM_Fetch(benchmark::State &state, const std::string &server)
     for (auto _ : state) {
         const double childrenBefore = cpuSeconds(RUSAGE_CHILDREN);
         const double serverBefore = processCpuSeconds(serverOf(server)->pid());
-        const double seconds = server == "nginx"
+        // S3: every request signed as the tier signs it, over http with the
+        // empty body's SHA-256.
+        const QStringList s3 {QStringLiteral("--aws-sigv4"),
+                              QStringLiteral("aws:amz:us-east-1:s3"),
+                              QStringLiteral("--user"),
+                              QStringLiteral("S3RVER:S3RVER"),
+                              QStringLiteral("-H"),
+                              QStringLiteral("x-amz-content-sha256: e3b0c44298fc1c149afbf4c8996fb92"
+                                             "427ae41e4649b934ca495991b7852b855")};
+        const double seconds = server != "redis"
                 ? runTimed(QStringLiteral("/usr/bin/curl"),
-                           {QStringLiteral("-sf"), QStringLiteral("-K"), commands}, QString())
+                           QStringList {QStringLiteral("-sf"), QStringLiteral("-K"), commands}
+                                   + (server == "s3" ? s3 : QStringList()),
+                           QString())
                 : runTimed(QStringLiteral("/usr/bin/redis-cli"),
                            {QStringLiteral("-p"), QString::number(f.redis.port())}, commands);
         if (seconds < 0) {
@@ -463,17 +492,19 @@ int main(int argc, char **argv)
     }
 
     Fixture &f = fixture();
-    if (!f.nginx.start() || !f.redis.start()) {
-        std::fprintf(stderr, "bench_remote: %s%s\n", qPrintable(f.nginx.error()),
-                     qPrintable(f.redis.error()));
+    if (!f.nginx.start() || !f.redis.start() || !f.s3.start()) {
+        std::fprintf(stderr, "bench_remote: %s%s%s\n", qPrintable(f.nginx.error()),
+                     qPrintable(f.redis.error()), qPrintable(f.s3.error()));
         return 1;
     }
     f.tiles.resize(size_t(g_Tiles));
     std::vector<int> indexes(static_cast<size_t>(g_Tiles));
     std::iota(indexes.begin(), indexes.end(), 0);
     QtConcurrent::blockingMap(indexes, [&f](int k) { f.tiles[size_t(k)] = makeImageLikeTile(k); });
-    // The first ingest fills the disk root of read/disk and both servers.
-    ingest(f.filled.path(), f.nginx.url() + QLatin1Char(' ') + f.redis.url(), nullptr, &f.names);
+    // The first ingest fills the disk root of read/disk and the servers.
+    ingest(f.filled.path(),
+           QStringList {f.nginx.url(), f.redis.url(), f.s3.url()}.join(QLatin1Char(' ')), nullptr,
+           &f.names);
     QDirIterator files(f.filled.path(), QDir::Files, QDirIterator::Subdirectories);
     while (files.hasNext())
         f.fileBytes += QFileInfo(files.next()).size();
@@ -489,24 +520,28 @@ int main(int argc, char **argv)
                                                                                    {"nginx", 0},
                                                                                    {"nginx", 5},
                                                                                    {"redis", 0},
-                                                                                   {"redis", 5}})
+                                                                                   {"redis", 5},
+                                                                                   {"s3", -1},
+                                                                                   {"s3", 5}})
         benchmark::RegisterBenchmark(name("ingest", server, delayMs).c_str(), BM_Ingest, server,
                                      delayMs)
                 ->UseManualTime()
                 ->Unit(benchmark::kMillisecond)
                 ->Iterations(1);
     std::vector<std::pair<std::string, int>> reads {{"disk", -1}};
-    for (const char *server : {"nginx", "redis"}) {
+    for (const char *server : {"nginx", "redis", "s3"}) {
         for (int delayMs : {-1, 0, 1, 5, 20})
             reads.emplace_back(server, delayMs);
     }
+    reads.emplace_back("s3-nginx", -1);
+    reads.emplace_back("s3-nginx", 5);
     for (const auto &[source, delayMs] : reads)
         benchmark::RegisterBenchmark(name("read", source, delayMs).c_str(), BM_Read, source,
                                      delayMs)
                 ->UseManualTime()
                 ->Unit(benchmark::kMillisecond)
                 ->Iterations(1);
-    for (const char *server : {"nginx", "redis"})
+    for (const char *server : {"nginx", "redis", "s3"})
         benchmark::RegisterBenchmark((std::string("fetch/") + server).c_str(), BM_Fetch,
                                      std::string(server))
                 ->UseManualTime()
