@@ -288,28 +288,26 @@ TEST(RvoHttpsRemoteClient, ServerCertificateIsCheckedAgainstTheSystemsOrTheCaFil
 #ifdef RVODDI_HAVE_REMOTE_HTTP
 namespace {
 
-// A loopback HTTP server of fixed answers, for what no real server says on
-// demand: one connection per request, answered in turn (the last answer
-// again when they run out) once its head is in; finish() gives the heads.
-class FixedAnswers
+// Loopback HTTP answers no real server gives on demand, in turn (the last
+// again), one connection a request; finish() gives the requests' heads.
+struct FixedAnswers
 {
-public:
     explicit FixedAnswers(QByteArrayList answers)
     {
         sockaddr_in address {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t length = sizeof address;
-        ::bind(m_Listener, reinterpret_cast<sockaddr *>(&address), length);
-        ::listen(m_Listener, 8);
-        ::getsockname(m_Listener, reinterpret_cast<sockaddr *>(&address), &length);
+        ::bind(listener, reinterpret_cast<sockaddr *>(&address), length);
+        ::listen(listener, 8);
+        ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
         port = ntohs(address.sin_port);
-        m_Thread = std::thread([this, answers] {
-            for (int fd; (fd = ::accept(m_Listener, nullptr, nullptr)) >= 0; ::close(fd)) {
+        thread = std::thread([this, answers] {
+            for (int fd; (fd = ::accept(listener, nullptr, nullptr)) >= 0; ::close(fd)) {
                 QByteArray head(8192, 0);
                 qint64 got = 0;
                 for (qint64 n = 1; n > 0 && !head.left(got).contains("\r\n\r\n"); got += n)
                     n = qMax<qint64>(0, ::recv(fd, head.data() + got, size_t(8192 - got), 0));
-                m_Heads.append(head.left(got));
-                const QByteArray &answer = answers.at(qMin(m_Heads.size(), answers.size()) - 1);
+                heads.append(head.left(got));
+                const QByteArray &answer = answers.at(qMin(heads.size(), answers.size()) - 1);
                 ::send(fd, answer.constData(), size_t(answer.size()), MSG_NOSIGNAL);
             }
         });
@@ -317,19 +315,17 @@ public:
     ~FixedAnswers() { finish(); }
     QByteArrayList finish()
     {
-        if (m_Thread.joinable()) {
-            ::shutdown(m_Listener, SHUT_RDWR);
-            m_Thread.join();
-            ::close(m_Listener);
+        if (thread.joinable()) {
+            ::shutdown(listener, SHUT_RDWR);
+            thread.join();
+            ::close(listener);
         }
-        return m_Heads;
+        return heads;
     }
+    int listener = ::socket(AF_INET, SOCK_STREAM, 0);
     int port = 0;
-
-private:
-    int m_Listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    QByteArrayList m_Heads; // the server thread's until finish()
-    std::thread m_Thread;
+    QByteArrayList heads; // the server thread's until finish()
+    std::thread thread;
 };
 
 QByteArray answer(const char *status, const QByteArray &rest = "Content-Length: 0\r\n\r\n")
@@ -339,11 +335,10 @@ QByteArray answer(const char *status, const QByteArray &rest = "Content-Length: 
 
 } // namespace
 
-// libcurl signs as the S3 dialect sets it up: AWS's published examples of
-// Signature Version 4 ("GET Object", "PUT Object" of examplebucket) come out
-// to the byte, sent to a loopback listener as the bucket's host (libcurl
-// 7.88 takes x-amz-date from a header given, and sends its own beside it).
-// A wrong secret key signs otherwise.
+// libcurl signs as the S3 dialect sets it up: AWS's published Signature
+// Version 4 examples ("GET Object", "PUT Object") to the byte, sent to
+// loopback with the bucket's Host (libcurl 7.88 takes x-amz-date from a
+// header given, and sends its own too). A wrong secret key signs otherwise.
 TEST(RvoS3RemoteClient, RequestsAreSignedAsAwsPublishedExamples)
 {
     FixedAnswers listener({answer("200 OK")});
