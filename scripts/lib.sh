@@ -17,18 +17,18 @@ RVODDI_PACKAGES=(cmake ninja-build g++ pkg-config qt6-base-dev libgtest-dev
 rvoddi_log() { printf '== %s\n' "$*" >&2; }
 
 # The S3 server of the remote tier's tests and bench_remote: s3rver from npm,
-# at the versions tests/s3rver/package-lock.json pins, installed into
+# at the versions scripts/npm/package-lock.json pins, installed into
 # build/npm (never globally; it runs offline from there). npm comes with
 # Debian's nodejs and npm where the machine has no npm yet.
 rvoddi_ensure_s3rver() {
-    local dir="$RVODDI_ROOT/build/npm" lock="$RVODDI_ROOT/tests/s3rver/package-lock.json"
+    local dir="$RVODDI_ROOT/build/npm" lock="$RVODDI_ROOT/scripts/npm/package-lock.json"
     if [ -x "$dir/node_modules/.bin/s3rver" ] && cmp -s "$lock" "$dir/package-lock.json"; then
         return 0
     fi
     command -v npm >/dev/null || rvoddi_ensure_packages nodejs npm
     rvoddi_log "installing s3rver into $dir"
     mkdir -p "$dir"
-    cp "$RVODDI_ROOT/tests/s3rver/package.json" "$lock" "$dir/"
+    cp "$RVODDI_ROOT/scripts/npm/package.json" "$lock" "$dir/"
     (cd "$dir" && npm ci --no-audit --no-fund --loglevel=error >&2)
 }
 
