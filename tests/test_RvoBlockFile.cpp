@@ -3,26 +3,12 @@
 #include "RvoBlockFile_p.h"
 #include "RvoSubCacheLock_p.h"
 
-#include <cstring>
-
 // A damaged file yields no bytes.
 TEST(RvoBlockFile, EveryKindOfDamageIsNamed)
 {
     const QByteArray block = testContent(1, 40000);
     const QByteArray sound = blockFile(block);
     const QString name = RvoBlockFile::digestText(block.constData(), block.size());
-    const auto withSize = [&](qint64 size) {
-        QByteArray file = sound;
-        std::memcpy(file.data(), &size, 8);
-        return file;
-    };
-    const auto withPayloadLength = [&](qint32 length) {
-        QByteArray file = sound;
-        std::memcpy(file.data() + 8, &length, 4);
-        return file;
-    };
-    QByteArray flipped = sound;
-    flipped[sound.size() / 2] = char(flipped[sound.size() / 2] ^ 0x10);
     const struct
     {
         const char *what;
@@ -34,12 +20,14 @@ TEST(RvoBlockFile, EveryKindOfDamageIsNamed)
             {"header cut", sound.left(11), name, RvoBlockFile::Short},
             {"payload cut", sound.left(sound.size() - 1), name, RvoBlockFile::Lengths},
             {"byte appended", sound + 'x', name, RvoBlockFile::Lengths},
-            {"negative size", withSize(-1), name, RvoBlockFile::Lengths},
-            {"2 GiB payload claimed", withPayloadLength(0x7FFFFFFF), name, RvoBlockFile::Lengths},
-            {"payload too short for its length", withPayloadLength(3), name, RvoBlockFile::Lengths},
-            {"size disagrees with payload", withSize(block.size() + 1), name,
+            {"negative size", patched(sound, 0, qint64(-1)), name, RvoBlockFile::Lengths},
+            {"2 GiB payload claimed", patched(sound, 8, qint32(0x7FFFFFFF)), name,
+             RvoBlockFile::Lengths},
+            {"payload too short for its length", patched(sound, 8, qint32(3)), name,
+             RvoBlockFile::Lengths},
+            {"size disagrees with payload", patched(sound, 0, qint64(block.size() + 1)), name,
              RvoBlockFile::Payload},
-            {"stream damaged", flipped, name, RvoBlockFile::Payload},
+            {"stream damaged", flipped(sound, int(sound.size() / 2)), name, RvoBlockFile::Payload},
             {"other name", sound, RvoBlockFile::digestText("x", 1), RvoBlockFile::Digest},
     };
     RvoBlockCodec codec;

@@ -2,8 +2,6 @@
 
 #include <QProcess>
 
-#include <cstring>
-
 using Access = RvoDataBlockManagerTestAccess;
 using Reader = RvoDataBlockManagerReadThread;
 constexpr auto First = RvoDataBlockManager::PreloadFirst,
@@ -114,11 +112,6 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
 {
     const QByteArray bad = testContent(41, 20000);
     const QByteArray sound = blockFile(bad);
-    const auto with = [&](int offset, auto value) {
-        QByteArray file = sound;
-        std::memcpy(file.data() + offset, &value, sizeof value);
-        return file;
-    };
     const QString data = "Cannot read all Data from File '%1'";
     const struct
     {
@@ -131,8 +124,11 @@ TEST(RvoDataBlockManagerReadThread, DamagedFilesAreRefusedAtOnceAndTheRootKeepsL
             {"empty", QByteArray(""), "Cannot read Size from File '%1'", "short"},
             {"cut in BlockSize", sound.left(8), "Cannot read BlockSize from File '%1'", "short"},
             {"payload cut", sound.left(1000), data, "lengths"},
-            {"BlockSize 2 GiB", with(8, qint32(0x7fffffff)), data, "lengths"},
-            {"Size disagrees with the payload", with(0, qint64(bad.size() + 1)), {}, "payload"},
+            {"BlockSize 2 GiB", patched(sound, 8, qint32(0x7fffffff)), data, "lengths"},
+            {"Size disagrees with the payload",
+             patched(sound, 0, qint64(bad.size() + 1)),
+             {},
+             "payload"},
     };
     ManagerSetup setup(1);
     Reader *reader = Access::readThread(0);

@@ -91,9 +91,8 @@ protected:
     void damage()
     {
         ASSERT_TRUE(QFile::resize(paths[0], QFileInfo(paths[0]).size() - 1));
-        QByteArray bytes = readFile(paths[1]);
-        bytes[bytes.size() / 2] = char(bytes[bytes.size() / 2] ^ 0x5a);
-        ASSERT_TRUE(writeFile(paths[1], bytes));
+        ASSERT_TRUE(writeFile(paths[1],
+                              flipped(readFile(paths[1]), int(QFileInfo(paths[1]).size() / 2))));
         ASSERT_TRUE(writeFile(paths[2], readFile(paths[3])));
         ASSERT_TRUE(writeFile(paths[4], "12345"));
     }

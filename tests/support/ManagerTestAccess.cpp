@@ -7,8 +7,6 @@
 #include <QDateTime>
 #include <QDirIterator>
 
-#include <cstring>
-
 ManagerSetup::ManagerSetup(int rootCount, const QString &subCache, int buckets, qint64 budget)
 {
     for (int i = 0; i < rootCount; ++i) {
@@ -74,11 +72,7 @@ QStringList lostBlocks(const QByteArray &lines)
 
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload)
 {
-    QByteArray bytes(12, '\0');
-    const qint32 blockSize = qint32(payload.size());
-    std::memcpy(bytes.data(), &size, 8);
-    std::memcpy(bytes.data() + 8, &blockSize, 4);
-    return bytes + payload;
+    return patched(patched(QByteArray(12, '\0'), 0, size), 8, qint32(payload.size())) + payload;
 }
 
 QByteArray blockFile(const QByteArray &content, const RvoBlockCodecSetting &setting)

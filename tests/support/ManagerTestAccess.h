@@ -29,6 +29,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -123,6 +124,20 @@ QStringList lostBlocks(const QByteArray &lines);
 
 // The raw bytes of a block file.
 QByteArray blockFileBytes(qint64 size, const QByteArray &payload);
+// `bytes` with `value`'s bytes at `offset`: a block file's size (at 0) or
+// its payload's length (at 8) changed, say.
+template<typename T>
+QByteArray patched(QByteArray bytes, int offset, T value)
+{
+    std::memcpy(bytes.data() + offset, &value, sizeof value);
+    return bytes;
+}
+// `bytes` with the byte at `offset` changed.
+inline QByteArray flipped(QByteArray bytes, int offset)
+{
+    bytes[offset] = char(bytes.at(offset) ^ 0x5a);
+    return bytes;
+}
 // The sound block file of `content`, its payload written as `setting` says
 // (by default qCompress's format, the zlib codec's own).
 QByteArray blockFile(const QByteArray &content, const RvoBlockCodecSetting &setting = {});
