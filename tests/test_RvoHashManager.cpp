@@ -37,20 +37,15 @@ TEST(RvoHashManager, TextFindsARegisteredDigestUntilItsLastReferenceGoes)
     const QString text = hash->toString();
     EXPECT_TRUE(registry.getHash(text) == hash); // that reference gone, not the last one
     EXPECT_TRUE(registry.isHashLive(text));
+    // Malformed text names none and registers none.
+    EXPECT_TRUE(registry.getHash(QString("1-2-3")).isNull());
+    EXPECT_FALSE(registry.isHashLive("1-2-3") || registry.isHashLive(QString()));
 
     registry.clearStats();
     hash.reset();
     EXPECT_FALSE(registry.isHashLive(text));
     EXPECT_EQ(RvoDataHash::hashCount(), liveBefore);
     EXPECT_EQ(statsLines(), stats(0, 0, 0, 1, 0)) << "one remove, none registered";
-}
-
-TEST(RvoHashManager, MalformedTextNamesNoDigest)
-{
-    RvoHashManager &registry = RvoHashManager::instance();
-    EXPECT_TRUE(registry.getHash(QString("1-2-3")).isNull());
-    EXPECT_FALSE(registry.isHashLive("1-2-3") || registry.isHashLive(QString()));
-    EXPECT_EQ(registry.hashCount(), 0);
 }
 
 // Bytes and raw memory of the same content find one object; the first
