@@ -4,7 +4,8 @@
 
 using Access = RvoDataBlockManagerTestAccess;
 
-// Missing roots are made with their parents; -1 keeps the budget.
+// Missing roots are made with their parents; -1 keeps the budget. A second
+// setup is said, and starts threads for its roots too.
 TEST(RvoDataBlockManager, SetupStartsAReadAndAWriteThreadPerRoot)
 {
     QTemporaryDir dir;
@@ -15,16 +16,11 @@ TEST(RvoDataBlockManager, SetupStartsAReadAndAWriteThreadPerRoot)
     EXPECT_EQ(Access::writeThreadCount(), 2);
     EXPECT_EQ(Access::readThreadCount(), 2);
     EXPECT_TRUE(Access::writeThread(0)->isRunning() && Access::readThread(1)->isRunning());
-    manager().cleanUp();
-}
-
-TEST(RvoDataBlockManager, SecondSetupIsSaidAndAddsThreads)
-{
-    ManagerSetup setup(2);
     StdoutCapture out;
-    EXPECT_TRUE(manager().setup(setup.roots(), 1000, 4));
+    EXPECT_TRUE(manager().setup(roots, 1000, 4));
     EXPECT_EQ(out.lines(), QStringList {"Setup called twice on DataBlock Manager"});
     EXPECT_EQ(Access::writeThreadCount(), 4);
+    manager().cleanUp();
 }
 
 // The default budget at start, then each one set; the write limit is a
