@@ -6,12 +6,6 @@
 
 namespace {
 
-// A name with the shape of a 64-byte digest's text form.
-QString blockName(int first)
-{
-    return QString::number(first) + QString("-7").repeated(15);
-}
-
 // Writes `bytes` bytes to `path`, last modified `ageSeconds` ago.
 bool writeFile(const QString &path, int bytes, qint64 ageSeconds = 0)
 {
@@ -31,19 +25,19 @@ TEST(RvoCacheScan, ScanSortsFilesIntoSubCachesBucketsAndKinds)
 {
     QTemporaryDir dir;
     const QString root = dir.path();
-    const QString old = root + "/A/0/" + blockName(10);
-    const QString recent = root + "/A/3/" + blockName(3);
+    const QString old = root + "/A/0/" + digestName(10);
+    const QString recent = root + "/A/3/" + digestName(3);
     // The unnamed sub-cache, its buckets directly under the root; "A" with
     // two buckets, a temporary file, a stray file and a lock file held here;
     // "A/B" below "A"; "7", a decimal sub-cache with buckets of its own.
-    ASSERT_TRUE(writeFile(root + "/2/" + blockName(2), 10));
+    ASSERT_TRUE(writeFile(root + "/2/" + digestName(2), 10));
     ASSERT_TRUE(writeFile(old, 100, RvoCacheScan::kUseRefreshSeconds + 60));
     ASSERT_TRUE(writeFile(recent, 30, RvoCacheScan::kUseRefreshSeconds - 60));
-    ASSERT_TRUE(writeFile(root + QString("/A/3/write-%1-99-1.tmp").arg(blockName(3)), 5));
+    ASSERT_TRUE(writeFile(root + QString("/A/3/write-%1-99-1.tmp").arg(digestName(3)), 5));
     ASSERT_TRUE(writeFile(root + "/A/3/notes.txt", 4));
     ASSERT_TRUE(writeFile(root + "/A/DdiLog.txt", 4));
-    ASSERT_TRUE(writeFile(root + "/A/B/1/" + blockName(1), 20));
-    ASSERT_TRUE(writeFile(root + "/7/0/" + blockName(20), 40));
+    ASSERT_TRUE(writeFile(root + "/A/B/1/" + digestName(1), 20));
+    ASSERT_TRUE(writeFile(root + "/7/0/" + digestName(20), 40));
     RvoSubCacheLock lock;
     ASSERT_TRUE(lock.lockShared(root + "/A"));
 
@@ -64,10 +58,10 @@ TEST(RvoCacheScan, ScanSortsFilesIntoSubCachesBucketsAndKinds)
 
               ":1:1:10:0:0:0:0 7:1:1:40:0:0:0:0 A:2:2:130:1:1:1:1 A/B:1:1:20:0:0:0:0");
     const RvoCacheScan::SubCache &unnamed = scan.subCaches.at(0);
-    EXPECT_EQ(unnamed.path(unnamed.blockFiles.at(0)), root + "/2/" + blockName(2));
+    EXPECT_EQ(unnamed.path(unnamed.blockFiles.at(0)), root + "/2/" + digestName(2));
     const RvoCacheScan::SubCache &a = scan.subCaches.at(2);
     for (const RvoCacheScan::BlockFile &file : a.blockFiles) {
-        EXPECT_EQ(file.bytes, file.name == blockName(10).toLatin1() ? 100 : 30);
+        EXPECT_EQ(file.bytes, file.name == digestName(10).toLatin1() ? 100 : 30);
         EXPECT_EQ(file.modifiedMs / 1000, modifiedSeconds(a.path(file)));
     }
     EXPECT_EQ(a.temporaryFiles.at(0).bytes, 5);
@@ -90,8 +84,8 @@ TEST(RvoCacheScan, ScanSortsFilesIntoSubCachesBucketsAndKinds)
 TEST(RvoCacheScan, NotedUseRefreshesAnOldBlockFile)
 {
     QTemporaryDir dir;
-    const QString old = dir.filePath(blockName(10));
-    const QString recent = dir.filePath(blockName(3));
+    const QString old = dir.filePath(digestName(10));
+    const QString recent = dir.filePath(digestName(3));
     ASSERT_TRUE(writeFile(old, 100, RvoCacheScan::kUseRefreshSeconds + 60));
     ASSERT_TRUE(writeFile(recent, 30, RvoCacheScan::kUseRefreshSeconds - 60));
     const qint64 recentBefore = modifiedSeconds(recent);

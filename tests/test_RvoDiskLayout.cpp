@@ -3,19 +3,6 @@
 
 using Access = RvoDataBlockManagerTestAccess;
 
-namespace {
-
-// A 64-byte digest whose text form begins with the given words.
-QString digestText(const QStringList &firstWords)
-{
-    QStringList words = firstWords;
-    while (words.size() < 16)
-        words.append("7");
-    return words.join('-');
-}
-
-} // namespace
-
 // The root is the digit sum of the first four characters (separators count
 // -1) modulo the root count; a negative sum chooses none.
 TEST(RvoDiskLayout, RootIsTheDigitSumOfFourCharacters)
@@ -28,7 +15,7 @@ TEST(RvoDiskLayout, RootIsTheDigitSumOfFourCharacters)
     EXPECT_EQ(Access::cacheIndex("9998-1"), 1); // 35
     StdoutCapture out;
     EXPECT_EQ(Access::cacheIndex("1-0-3"), -1); // -1+0-1+1 = -1
-    const QString none = digestText({"1", "0"});
+    const QString none = digestName({"1", "0"});
     EXPECT_EQ(manager().getBlockDestination(QString(), none), QString());
     EXPECT_EQ(out.lines(),
               (QStringList {"Cannot find suitable cache reading thread -1 for 1-0-3",
@@ -41,8 +28,8 @@ TEST(RvoDiskLayout, DestinationNamesTheRootSubCacheBucketAndFile)
 {
     ManagerSetup setup(2);
     manager().setSubCache("SubCache");
-    const QString even = digestText({"4150470588"}); // 4+1+5+0 = 10 -> root 0
-    const QString odd = digestText({"7", "12"}); // 9 -> root 1
+    const QString even = digestName({"4150470588"}); // 4+1+5+0 = 10 -> root 0
+    const QString odd = digestName({"7", "12"}); // 9 -> root 1
     EXPECT_EQ(QDir::cleanPath(manager().getBlockDestination("SubCache", even)),
               setup.root(0) + "/SubCache/8/" + even);
     EXPECT_EQ(QDir::cleanPath(manager().getBlockDestination(QString(), odd)),
@@ -57,7 +44,7 @@ TEST(RvoDiskLayout, NoRootIsChosenWithoutASetup)
 {
     StdoutCapture unset;
     EXPECT_EQ(Access::cacheIndex("4150-1"), -1);
-    EXPECT_EQ(manager().getBlockDestination(QString(), digestText({"1"})), QString());
+    EXPECT_EQ(manager().getBlockDestination(QString(), digestName(1)), QString());
     const QStringList lines = unset.lines();
     ASSERT_FALSE(lines.isEmpty());
     EXPECT_EQ(lines.first(), "Number of cache paths is zero");
@@ -79,7 +66,7 @@ TEST(RvoDiskLayout, OneRootTakesEveryDigest)
 // A null digest names no file and leaves the outputs alone.
 TEST(RvoDiskLayout, FileNameAndBucketKeepDoubledSeparators)
 {
-    const RvoDataHash hash(digestText({"4150470588"}));
+    const RvoDataHash hash(digestName({"4150470588"}));
     QString directory = "untouched";
     QString name;
     ASSERT_TRUE(buildFilename(&hash, "/r", "Sub", 10, directory, name));

@@ -16,12 +16,6 @@ RvoDataReference add(int seed)
     return manager().addBlock(testContent(seed, 1000), RvoModifyAccessor::CacheContent, true);
 }
 
-// The text form of a digest no block here has.
-QString deadName(int seed)
-{
-    return RvoDataHash(QByteArray::number(seed), RvoDataHash::Skein512).toString();
-}
-
 // One pass by hand with collection on.
 void collectOnce(RvoDataBlockManager::ProgressReporter *reporter = nullptr)
 {
@@ -71,7 +65,7 @@ class RvoGarbageCollectorPass : public ::testing::Test
 protected:
     void SetUp() override
     {
-        for (const QString &name : odd + QStringList {deadName(-1), old, young}) {
+        for (const QString &name : odd + QStringList {digestName(0), old, young}) {
             writeFile(root + "/3/" + name, "data");
             writeFile(dir + name, "data");
         }
@@ -137,7 +131,7 @@ TEST(RvoGarbageCollectorThread, StoppingCollectionEndsAPassBeforeItsNextDeletion
     ManagerSetup setup(2, "Start");
     const QString root = setup.root(0);
     for (int i = 0; i < 3000; ++i)
-        writeFile(root + QString("/Start/%1/").arg(i % 10) + deadName(i), "x");
+        writeFile(root + QString("/Start/%1/").arg(i % 10) + digestName(i), "x");
     manager().startGarbageCollection();
     const int before = int(filesUnder({root}).size());
     EXPECT_TRUE(waitUntil([&] { return filesUnder({root}).size() < before; }, 5000));
@@ -196,7 +190,7 @@ TEST(RvoGarbageCollectorThread, ProcessesSharingASubCacheCollectOnlyWhenAlone)
     QStringList myFiles;
     for (const RvoDataReference &ref : mine)
         myFiles.append(destination(shared, ref.hash()));
-    const QString dead = setup.root() + "/Shared/2/" + deadName(-1);
+    const QString dead = setup.root() + "/Shared/2/" + digestName(0);
     writeFile(dead, "data");
     DebugCapture debug;
     QProcess other;
@@ -251,7 +245,7 @@ TEST(RvoGarbageCollectorThread, DiskBudgetTrimsLeastRecentlyUsedDeadFilesToNinet
     QStringList dead, held;
     for (int i = 0; i < 45; ++i) {
         const QString path = root + (i >= 40 ? "/Held" : (i % 2 ? "/Free" : "/Mine"))
-                + QString("/%1/").arg(i >= 40 ? 0 : i % 10) + deadName(i);
+                + QString("/%1/").arg(i >= 40 ? 0 : i % 10) + digestName(i);
         writeFile(path, QByteArray(1000, 'x'));
         ASSERT_TRUE(setAge(path, 3600 * (i < 40 ? 500 - i : 2000)));
         (i < 40 ? dead : held).append(path);

@@ -28,6 +28,14 @@ RvoDataReference addBlock(const QByteArray &content, RvoModifyAccessor::Caching 
     return manager().addBlock(content, caching, sync);
 }
 
+QString digestName(const QStringList &firstWords)
+{
+    QStringList words = firstWords;
+    while (words.size() < 16)
+        words.append("7");
+    return words.join('-');
+}
+
 QByteArray testContent(int seed, int size)
 {
     QByteArray bytes(size, Qt::Uninitialized);

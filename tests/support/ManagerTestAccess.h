@@ -109,6 +109,14 @@ inline RvoDataHash *hashOf(const RvoDataReference &ref)
     return ref.hashPtr().data();
 }
 
+// A name with the shape of a 64-byte digest's text form that no block here
+// has: sixteen words, the given ones first, the others "7".
+QString digestName(const QStringList &firstWords);
+inline QString digestName(int first)
+{
+    return digestName(QStringList {QString::number(first)});
+}
+
 // Image-like test content: varied, compressible bytes.
 QByteArray testContent(int seed, int size = 65536);
 
