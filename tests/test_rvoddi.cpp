@@ -75,10 +75,20 @@ Outcome expectRun(const QStringList &arguments, int status, const QString &out,
 
 } // namespace
 
+// A root in a fresh directory, the manager cleaned up after each case.
+class rvoddi : public ::testing::Test
+{
+protected:
+    void TearDown() override { manager().cleanUp(); }
+
+    QTemporaryDir dir;
+    const QString root = dir.filePath("cache");
+};
+
 // Six block files, sorted by path; damage() spoils four, one per fault: cut
 // short by a byte, a payload byte changed, another block's file under this
 // name, and a file shorter than a header.
-class rvoddiVerify : public ::testing::Test
+class rvoddiVerify : public rvoddi
 {
 protected:
     void SetUp() override
@@ -97,8 +107,6 @@ protected:
         ASSERT_TRUE(writeFile(paths[4], "12345"));
     }
 
-    QTemporaryDir dir;
-    const QString root = dir.path();
     QStringList paths;
 };
 
@@ -147,10 +155,8 @@ TEST_F(rvoddiVerify, DeleteRemovesTheBadFilesOnly)
     expectRun({"verify", root}, 0, "**");
 }
 
-TEST(rvoddi, TrimDeletesTheLeastRecentlyUsedAndSkipsHeldSubCaches)
+TEST_F(rvoddi, TrimDeletesTheLeastRecentlyUsedAndSkipsHeldSubCaches)
 {
-    QTemporaryDir dir;
-    const QString root = dir.path();
     // "old" and "new" are left alone; "live" stays current in this process.
     const QStringList paths = storeBlocks(root, {"old", "new", "live"}, 4);
     ASSERT_EQ(paths.size(), 12);
@@ -183,31 +189,22 @@ TEST(rvoddi, TrimDeletesTheLeastRecentlyUsedAndSkipsHeldSubCaches)
     EXPECT_FALSE(expectRun({"trim", root, "--max-size", "0", "--force"}, 0, "**")
                          .out.contains("skipped"));
     expectLeft(paths.size());
-    manager().cleanUp();
 }
 
 // A block put by the tool is where a host set up the same way looks, and one
 // the library stored comes out byte-exact, to a file or standard output.
-TEST(rvoddi, PutAndGetRoundTripThroughTheLibrary)
+TEST_F(rvoddi, PutAndGetRoundTripThroughTheLibrary)
 {
-    QTemporaryDir dir;
-    const QString root = dir.filePath("cache");
     const QString input = dir.filePath("tile.bin");
     const QByteArray bytes = testContent(7, 225000).toBase64(); // text: stdout is read as text
     ASSERT_TRUE(writeFile(input, bytes));
     const QString digest = digestOf(bytes)->toString();
     expectRun({"put", root, input, "--sub-cache", "s"}, 0, digest + "  " + input + "\n");
     expectRun({"digest", input}, 0, digest + "  " + input + "\n");
-    manager().setup({root}, qint64(256) << 20, 10);
-    manager().setSubCache("s");
+    storeBlocks(root, {"s"}, 1); // testContent(1, 100000)
     EXPECT_EQ(bytesOf(RvoDataReference(RvoHashManager::instance().getHash(digest))), bytes);
-    const QByteArray stored = testContent(8, 100000);
-    {
-        const RvoDataReference kept
-                = manager().addBlock(stored, RvoModifyAccessor::CacheContent, true);
-        manager().flush(true, RvoDataBlockManager::AllThreads);
-    }
     manager().cleanUp();
+    const QByteArray stored = testContent(1, 100000);
     const QString output = dir.filePath("out.bin");
     expectRun({"get", root, digestOf(stored)->toString(), "-o", output}, 0, "");
     EXPECT_EQ(readFile(output), stored);
@@ -216,10 +213,8 @@ TEST(rvoddi, PutAndGetRoundTripThroughTheLibrary)
 
 // Usage errors exit with 2 and a message, failures with 1 and the system's
 // reason for the path that failed (a root that is a file, too).
-TEST(rvoddi, EachFailureSaysWhy)
+TEST_F(rvoddi, EachFailureSaysWhy)
 {
-    QTemporaryDir dir;
-    const QString root = dir.filePath("cache");
     const QString input = dir.filePath("tile.bin");
     ASSERT_TRUE(writeFile(input, "bytes"));
     const QString digest = digestOf("bytes")->toString();
@@ -249,7 +244,7 @@ TEST(rvoddi, EachFailureSaysWhy)
 
 // Three blocks in "idle", three in "busy" (current in this process, so
 // held), and a stray file in the first's bucket.
-class rvoddiListing : public ::testing::Test
+class rvoddiListing : public rvoddi
 {
 protected:
     void SetUp() override
@@ -259,10 +254,7 @@ protected:
         stray = QFileInfo(paths[0]).path() + "/notes.txt";
         ASSERT_TRUE(writeFile(stray, "x"));
     }
-    void TearDown() override { manager().cleanUp(); }
 
-    QTemporaryDir dir;
-    const QString root = dir.path();
     QStringList paths;
     QString stray;
 };
