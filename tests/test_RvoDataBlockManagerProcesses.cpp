@@ -104,9 +104,7 @@ TEST(RvoDataBlockManagerProcesses, BlocksOutliveAWriterKilledAtAnyMoment)
     for (const QString &path : before.temporaries)
         ASSERT_TRUE(setAge(path, RvoGarbageCollectorThread::kStrayFileAgeSeconds + 60))
                 << qPrintable(path);
-    manager().startGarbageCollection();
-    manager().collectGarbage(nullptr);
-    manager().stopGarbageCollection();
+    collectOnce();
     EXPECT_EQ(checkDisk(roots).temporaries, QStringList());
     manager().cleanUp();
 

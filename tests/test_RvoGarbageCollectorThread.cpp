@@ -16,14 +16,6 @@ RvoDataReference add(int seed)
     return manager().addBlock(testContent(seed, 1000), RvoModifyAccessor::CacheContent, true);
 }
 
-// One pass by hand with collection on.
-void collectOnce(RvoDataBlockManager::ProgressReporter *reporter = nullptr)
-{
-    manager().startGarbageCollection();
-    manager().collectGarbage(reporter);
-    manager().stopGarbageCollection();
-}
-
 // The names of the files under `directories`, sorted.
 QStringList filesUnder(const QStringList &directories)
 {

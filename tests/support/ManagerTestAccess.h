@@ -93,6 +93,14 @@ inline RvoDataBlockManager &manager()
     return RvoDataBlockManager::instance();
 }
 
+// One garbage collection pass by hand with collection on.
+inline void collectOnce(RvoDataBlockManager::ProgressReporter *reporter = nullptr)
+{
+    manager().startGarbageCollection();
+    manager().collectGarbage(reporter);
+    manager().stopGarbageCollection();
+}
+
 // The registry's digest of `content`.
 inline RvoSmartPointer<RvoDataHash> digestOf(const QByteArray &content)
 {
