@@ -12,7 +12,7 @@
 
 #include <QCryptographicHash>
 
-#include <arpa/inet.h>
+#include <sys/socket.h>
 #endif
 
 #include <optional>
@@ -297,12 +297,6 @@ struct FixedAnswers
 {
     explicit FixedAnswers(QByteArrayList answers)
     {
-        sockaddr_in address {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t length = sizeof address;
-        ::bind(listener, reinterpret_cast<sockaddr *>(&address), length);
-        ::listen(listener, 8);
-        ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
-        port = ntohs(address.sin_port);
         thread = std::thread([this, answers] {
             for (int fd; (fd = ::accept(listener, nullptr, nullptr)) >= 0; ::close(fd)) {
                 QByteArray head(8192, 0);
@@ -325,8 +319,8 @@ struct FixedAnswers
         }
         return heads;
     }
-    int listener = ::socket(AF_INET, SOCK_STREAM, 0);
     int port = 0;
+    int listener = listenOnLoopback(&port);
     QByteArrayList heads; // the server thread's until finish()
     std::thread thread;
 };

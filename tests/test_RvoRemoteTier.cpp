@@ -62,14 +62,6 @@ QStringList remoteStats()
             QRegularExpression(QStringLiteral("^Remote .*uploads skipped$")));
 }
 
-// The setting that reaches `server` through `proxy`.
-QString through(const LocalServer &server, const DelayProxy &proxy)
-{
-    RvoRemoteEndpoint endpoint = server.endpoint();
-    endpoint.port = proxy.port();
-    return endpoint.plainUrl();
-}
-
 // A reference to the block of `content`, which this process has not added.
 RvoDataReference referenceTo(const QByteArray &content)
 {
@@ -238,7 +230,7 @@ TEST(RvoRemoteTier, KillingTheServerMidRequestsLosesNothing)
     }
     RvoRemote::setPause(std::chrono::milliseconds(300));
     ManagerSetup setup;
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(through(nginx, proxy)
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(nginx.url(proxy.port())
                                                      + QStringLiteral("|operation-timeout=1000")));
     DebugCapture debug;
     QList<RvoDataReference> refs;
@@ -278,7 +270,7 @@ TEST(RvoRemoteTier, KillingTheServerMidRequestsLosesNothing)
             },
             20000));
     EXPECT_EQ(debug.messages().filter(QRegularExpression("^Remote .* unavailable: ")).size(), 1);
-    EXPECT_EQ(debug.count(QStringLiteral("Remote %1 available again").arg(through(nginx, proxy))),
+    EXPECT_EQ(debug.count(QStringLiteral("Remote %1 available again").arg(nginx.url(proxy.port()))),
               1);
 }
 
@@ -388,7 +380,7 @@ TEST_P(RvoRemoteTierAtDistance, PreloadedBlocksArriveInAFewRoundTripsNotOneEach)
                   RvoRemoteClient::Stored);
     }
     ManagerSetup setup;
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(through(server, proxy)));
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(server.url(proxy.port())));
     QElapsedTimer timer;
     timer.start();
     QList<RvoDataReference> refs;
@@ -416,7 +408,7 @@ TEST(RvoRemoteTier, LoadsOfABlockBeingFetchedWaitForThatFetch)
     const QByteArray content = testContent(5, 30000);
     ASSERT_TRUE(writeFile(nginx.filePath(nameOf(content)), blockFile(content)));
     ManagerSetup setup;
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(through(nginx, proxy)));
+    ASSERT_TRUE(Manager::instance().setRemoteStorage(nginx.url(proxy.port())));
     const RvoDataReference ref = referenceTo(content);
     ref.preload(Manager::PreloadNormal);
     std::atomic<int> wrong {0};
