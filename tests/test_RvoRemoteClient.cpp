@@ -196,29 +196,24 @@ TEST_P(RemoteClientPasswordTest, WrongOrMissingCredentialsAreUnauthorized)
     // nginx asks "alice" for it; Redis anyone, and the ACL user "alice".
     m_Server.requirePassword(QStringLiteral("alice"), QStringLiteral("s3cret"));
     START_SERVER();
-    struct Row
-    {
-        const char *user, *password;
-        const char *reason[2]; // nginx, Redis; none: accepted
+    const char *const rows[][4] = {
+            // user, password, and nginx's and Redis's reason (none: accepted)
+            {"", "", "HTTP 401", "NOAUTH"},
+            {"", "wrong-pass", "HTTP 401", "WRONGPASS"},
+            {"alice", "wrong-pass", "HTTP 401", "WRONGPASS"},
+            {"alice", "s3cret", nullptr, nullptr},
     };
-    const Row rows[] = {
-            {"", "", {"HTTP 401", "NOAUTH"}},
-            {"", "wrong-pass", {"HTTP 401", "WRONGPASS"}},
-            {"alice", "wrong-pass", {"HTTP 401", "WRONGPASS"}},
-            {"alice", "s3cret", {}},
-    };
-    int i = 0;
-    for (const Row &row : rows) {
-        SCOPED_TRACE(std::string(row.user) + ":" + row.password);
-        m_Endpoint.user = QString::fromLatin1(row.user);
-        m_Endpoint.password = QString::fromLatin1(row.password);
-        const char *reason = row.reason[GetParam()];
+    for (int i = 0; i < 4; ++i) {
+        SCOPED_TRACE(i);
+        m_Endpoint.user = QLatin1String(rows[i][0]);
+        m_Endpoint.password = QLatin1String(rows[i][1]);
+        const char *reason = rows[i][2 + GetParam()];
         QByteArray fetched;
         const auto remote = client();
-        const Remote::Result results[] = {remote->put(blockName(++i), testContent(i, 100)),
-                                          remote->get(blockName(i), &fetched)};
-        for (const Remote::Status accepted : {Remote::Stored, Remote::Found}) {
-            const Remote::Result &result = results[accepted == Remote::Found];
+        const std::pair<Remote::Result, Remote::Status> calls[]
+                = {{remote->put(blockName(i), testContent(i, 100)), Remote::Stored},
+                   {remote->get(blockName(i), &fetched), Remote::Found}};
+        for (const auto &[result, accepted] : calls) {
             EXPECT_EQ(result.status, reason ? Remote::Unauthorized : accepted);
             EXPECT_TRUE(reason ? result.error.startsWith(QLatin1String(reason))
                                : result.error.isEmpty())
