@@ -213,7 +213,9 @@ TEST(RvoRemoteTier, Lz4FileFromARemoteIsReadByAZlibHost)
 
 // The server, 100 ms away, is killed while 32 fetches and 32 uploads are
 // under way: every load ends at once without a block, nothing is published,
-// the disk serves on, and the uploads go once the server is back.
+// the disk serves on, and the uploads go once the server is back. It is
+// paused from the start, so that no request can end before the kill however
+// slowly this test runs.
 TEST(RvoRemoteTier, KillingTheServerMidRequestsLosesNothing)
 {
     LocalServer nginx(LocalServer::Nginx);
@@ -228,12 +230,13 @@ TEST(RvoRemoteTier, KillingTheServerMidRequestsLosesNothing)
     ManagerSetup setup;
     ASSERT_TRUE(Manager::instance().setRemoteStorage(nginx.url(proxy.port())
                                                      + QStringLiteral("|operation-timeout=1000")));
+    nginx.pause();
     DebugCapture debug;
     QList<RvoDataReference> refs;
     for (int seed = 0; seed < 32; ++seed)
         refs.append(addBlock(testContent(seed, 20000)));
     Manager::instance().flush(false, Manager::WriteThreads); // the uploads start
-    // Each fetch takes a 200 ms round trip; the preloads start them at once.
+    // The preloads start the fetches at once.
     QList<RvoDataReference> fetched;
     for (int seed = 100; seed < 132; ++seed) {
         fetched.append(referenceTo(testContent(seed, 20000)));
@@ -347,7 +350,8 @@ TEST(RvoRemoteTier, RefusalIsSaidOnceAndTheRemoteLeftAlone)
 
 // Blocks missing locally, preloaded through a server 20 ms away (a request
 // is a 40 ms round trip): they arrive together, in a few round trips rather
-// than one each, byte-exact.
+// than one each, byte-exact. Another block's file under one name (block 7's)
+// is rejected and counted; the others are used.
 using RvoRemoteTierAtDistance = ::testing::TestWithParam<LocalServer::Kind>;
 
 TEST_P(RvoRemoteTierAtDistance, PreloadedBlocksArriveInAFewRoundTripsNotOneEach)
@@ -360,8 +364,8 @@ TEST_P(RvoRemoteTierAtDistance, PreloadedBlocksArriveInAFewRoundTripsNotOneEach)
     std::vector<QByteArray> contents;
     for (int i = 0; i < 64; ++i) {
         contents.push_back(testContent(i, 30000));
-        ASSERT_EQ(client->put(nameOf(contents[i]), blockFile(contents[i])).status,
-                  RvoRemoteClient::Stored);
+        const QByteArray file = blockFile(i == 7 ? testContent(99) : contents[i]);
+        ASSERT_EQ(client->put(nameOf(contents[i]), file).status, RvoRemoteClient::Stored);
     }
     ManagerSetup setup;
     ASSERT_TRUE(Manager::instance().setRemoteStorage(server.url(proxy.port())));
@@ -373,7 +377,12 @@ TEST_P(RvoRemoteTierAtDistance, PreloadedBlocksArriveInAFewRoundTripsNotOneEach)
         refs.last().preload(Manager::PreloadNormal);
     }
     for (int i = 0; i < 64; ++i)
-        EXPECT_EQ(bytesOf(refs[i]), contents[size_t(i)]) << i;
+        EXPECT_EQ(bytesOf(refs[i]), i == 7 ? QByteArray() : contents[size_t(i)]) << i;
+    // Block 7 is asked for by its preload, and again by its load unless that
+    // waited for the preload's fetch.
+    const QString stats = remoteStats().value(0);
+    EXPECT_TRUE(stats.contains(QRegularExpression(" 0 misses, 0 errors, [12] rejected,")))
+            << qPrintable(stats);
     EXPECT_GE(timer.elapsed(), 40) << "no round trip at all: the proxy did not delay";
     EXPECT_LT(timer.elapsed(), 1200) << "64 round trips one after the other take 2.6 s";
 }
