@@ -12,7 +12,7 @@
 
 #include <QCryptographicHash>
 
-#include <arpa/inet.h>
+#include <sys/socket.h>
 #endif
 
 #include <optional>
@@ -196,29 +196,24 @@ TEST_P(RemoteClientPasswordTest, WrongOrMissingCredentialsAreUnauthorized)
     // nginx asks "alice" for it; Redis anyone, and the ACL user "alice".
     m_Server.requirePassword(QStringLiteral("alice"), QStringLiteral("s3cret"));
     START_SERVER();
-    struct Row
-    {
-        const char *user, *password;
-        const char *reason[2]; // nginx, Redis; none: accepted
+    const char *const rows[][4] = {
+            // user, password, and nginx's and Redis's reason (none: accepted)
+            {"", "", "HTTP 401", "NOAUTH"},
+            {"", "wrong-pass", "HTTP 401", "WRONGPASS"},
+            {"alice", "wrong-pass", "HTTP 401", "WRONGPASS"},
+            {"alice", "s3cret", nullptr, nullptr},
     };
-    const Row rows[] = {
-            {"", "", {"HTTP 401", "NOAUTH"}},
-            {"", "wrong-pass", {"HTTP 401", "WRONGPASS"}},
-            {"alice", "wrong-pass", {"HTTP 401", "WRONGPASS"}},
-            {"alice", "s3cret", {}},
-    };
-    int i = 0;
-    for (const Row &row : rows) {
-        SCOPED_TRACE(std::string(row.user) + ":" + row.password);
-        m_Endpoint.user = QString::fromLatin1(row.user);
-        m_Endpoint.password = QString::fromLatin1(row.password);
-        const char *reason = row.reason[GetParam()];
+    for (int i = 0; i < 4; ++i) {
+        SCOPED_TRACE(i);
+        m_Endpoint.user = QLatin1String(rows[i][0]);
+        m_Endpoint.password = QLatin1String(rows[i][1]);
+        const char *reason = rows[i][2 + GetParam()];
         QByteArray fetched;
         const auto remote = client();
-        const Remote::Result results[] = {remote->put(blockName(++i), testContent(i, 100)),
-                                          remote->get(blockName(i), &fetched)};
-        for (const Remote::Status accepted : {Remote::Stored, Remote::Found}) {
-            const Remote::Result &result = results[accepted == Remote::Found];
+        const std::pair<Remote::Result, Remote::Status> calls[]
+                = {{remote->put(blockName(i), testContent(i, 100)), Remote::Stored},
+                   {remote->get(blockName(i), &fetched), Remote::Found}};
+        for (const auto &[result, accepted] : calls) {
             EXPECT_EQ(result.status, reason ? Remote::Unauthorized : accepted);
             EXPECT_TRUE(reason ? result.error.startsWith(QLatin1String(reason))
                                : result.error.isEmpty())
@@ -297,12 +292,6 @@ struct FixedAnswers
 {
     explicit FixedAnswers(QByteArrayList answers)
     {
-        sockaddr_in address {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t length = sizeof address;
-        ::bind(listener, reinterpret_cast<sockaddr *>(&address), length);
-        ::listen(listener, 8);
-        ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
-        port = ntohs(address.sin_port);
         thread = std::thread([this, answers] {
             for (int fd; (fd = ::accept(listener, nullptr, nullptr)) >= 0; ::close(fd)) {
                 QByteArray head(8192, 0);
@@ -325,8 +314,8 @@ struct FixedAnswers
         }
         return heads;
     }
-    int listener = ::socket(AF_INET, SOCK_STREAM, 0);
     int port = 0;
+    int listener = listenOnLoopback(&port);
     QByteArrayList heads; // the server thread's until finish()
     std::thread thread;
 };

@@ -1,12 +1,13 @@
 #include "DelayProxy.h"
 
+#include "LocalServer.h"
+
 #include <QByteArray>
 
 #include <algorithm>
 #include <deque>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -23,15 +24,6 @@ using Clock = std::chrono::steady_clock;
 // A direction stops reading while this much waits in it.
 constexpr qint64 kMaxHeld = 16 << 20;
 
-sockaddr_in loopback(int port)
-{
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(quint16(port));
-    return address;
-}
-
 // Bytes on their way from one socket to the other, each chunk stamped with
 // when it may go on; an empty chunk is the sender's end.
 struct Direction
@@ -41,7 +33,6 @@ struct Direction
     std::deque<std::pair<Clock::time_point, QByteArray>> chunks;
     qint64 held = 0;
     qint64 sent = 0; // of the front chunk
-    Clock::time_point linkFree {}; // when the paced link has sent what it holds
     bool readClosed = false;
     bool blocked = false; // the last send would have blocked
     bool done = false;
@@ -49,19 +40,13 @@ struct Direction
     bool reading() const { return !readClosed && held < kMaxHeld; }
 
     // False when the connection failed.
-    bool read(std::chrono::microseconds delay, qint64 bytesPerSecond)
+    bool read(std::chrono::microseconds delay)
     {
         char buffer[65536];
         const ssize_t n = ::read(from, buffer, sizeof buffer);
         if (n < 0)
             return errno == EAGAIN || errno == EINTR;
-        Clock::time_point sent = Clock::now();
-        if (bytesPerSecond > 0) {
-            linkFree = std::max(linkFree, sent)
-                    + std::chrono::microseconds(n * 1000000 / bytesPerSecond);
-            sent = linkFree;
-        }
-        chunks.emplace_back(sent + delay, QByteArray(buffer, int(n)));
+        chunks.emplace_back(Clock::now() + delay, QByteArray(buffer, int(n)));
         held += n;
         readClosed = n == 0;
         return true;
@@ -118,11 +103,8 @@ struct DelayProxy::Loop
     void accept()
     {
         const int client = ::accept4(proxy.m_Listener, nullptr, nullptr, SOCK_CLOEXEC);
-        const int target = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const sockaddr_in address = loopback(proxy.m_TargetPort);
-        if (client < 0 || target < 0
-            || ::connect(target, reinterpret_cast<const sockaddr *>(&address), sizeof address)
-                    != 0) {
+        const int target = connectToLoopback(proxy.m_TargetPort);
+        if (client < 0 || target < 0) {
             for (int fd : {client, target}) {
                 if (fd >= 0)
                     ::close(fd);
@@ -153,15 +135,12 @@ struct DelayProxy::Loop
                         wakeAt = std::min(wakeAt, d->chunks.front().first);
                 }
             }
-            timespec timeout {};
-            if (wakeAt != Clock::time_point::max()) {
-                const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
+            int timeoutMs = -1; // nothing due: until a socket is ready
+            if (wakeAt != Clock::time_point::max())
+                timeoutMs = int(std::chrono::ceil<std::chrono::milliseconds>(
                                         std::max(Clock::duration::zero(), wakeAt - Clock::now()))
-                                        .count();
-                timeout = {time_t(ns / 1000000000), long(ns % 1000000000)};
-            }
-            const timespec *limit = wakeAt == Clock::time_point::max() ? nullptr : &timeout;
-            if (::ppoll(fds.data(), fds.size(), limit, nullptr) < 0 && errno != EINTR)
+                                        .count());
+            if (::poll(fds.data(), fds.size(), timeoutMs) < 0 && errno != EINTR)
                 return;
             if (fds[0].revents)
                 return;
@@ -175,7 +154,7 @@ struct DelayProxy::Loop
                     Direction &d = k == 0 ? c.up : c.down;
                     const pollfd &from = fds[2 + i * 4 + size_t(k) * 2];
                     if (from.fd >= 0 && (from.revents & (POLLIN | POLLHUP | POLLERR)))
-                        c.failed |= !d.read(proxy.m_Delay, proxy.m_BytesPerSecond);
+                        c.failed |= !d.read(proxy.m_Delay);
                 }
             }
             for (auto &c : connections)
@@ -189,10 +168,9 @@ struct DelayProxy::Loop
     }
 };
 
-DelayProxy::DelayProxy(int targetPort, std::chrono::microseconds delay, qint64 bytesPerSecond)
+DelayProxy::DelayProxy(int targetPort, std::chrono::microseconds delay)
     : m_TargetPort(targetPort)
     , m_Delay(delay)
-    , m_BytesPerSecond(bytesPerSecond)
 {
 }
 
@@ -211,17 +189,11 @@ DelayProxy::~DelayProxy()
 
 bool DelayProxy::start()
 {
-    m_Listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    if (m_Listener < 0 || ::bind(m_Listener, reinterpret_cast<sockaddr *>(&address), length) != 0
-        || ::listen(m_Listener, 128) != 0
-        || ::getsockname(m_Listener, reinterpret_cast<sockaddr *>(&address), &length) != 0
-        || ::pipe2(m_Wake, O_CLOEXEC) != 0) {
+    m_Listener = listenOnLoopback(&m_Port);
+    if (m_Listener < 0 || ::pipe2(m_Wake, O_CLOEXEC) != 0) {
         m_Error = QStringLiteral("delay proxy: %1").arg(QString::fromLocal8Bit(strerror(errno)));
         return false;
     }
-    m_Port = ntohs(address.sin_port);
     m_Thread = std::thread([this] { Loop {*this, {}}.run(); });
     return true;
 }

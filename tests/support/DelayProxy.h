@@ -4,8 +4,8 @@
 // Network distance on loopback (this kernel has no netem): a TCP proxy that
 // listens on 127.0.0.1 at a free port and connects each client it accepts
 // to 127.0.0.1:targetPort, holding every byte for `delay` in each direction
-// (a round trip costs twice that) and, with a rate, pacing each direction's
-// bytes to it. A connection the target refuses is closed at once.
+// (a round trip costs twice that). A connection the target refuses is closed
+// at once.
 //
 // Threading: one thread drives it; the proxy runs on a thread of its own.
 
@@ -18,8 +18,7 @@
 class DelayProxy
 {
 public:
-    // bytesPerSecond 0: no pacing.
-    DelayProxy(int targetPort, std::chrono::microseconds delay, qint64 bytesPerSecond = 0);
+    DelayProxy(int targetPort, std::chrono::microseconds delay);
     ~DelayProxy();
     DelayProxy(const DelayProxy &) = delete;
     DelayProxy &operator=(const DelayProxy &) = delete;
@@ -31,11 +30,9 @@ public:
 
 private:
     struct Loop;
-    void run();
 
     const int m_TargetPort;
     const std::chrono::microseconds m_Delay;
-    const qint64 m_BytesPerSecond;
     int m_Listener = -1;
     int m_Wake[2] = {-1, -1}; // a pipe: its closing ends the loop
     int m_Port = 0;

@@ -24,35 +24,41 @@ sockaddr_in loopback(int port)
     return address;
 }
 
-// A port nothing listens on now: the kernel's pick for a socket bound to
-// port 0. Another process may take it before the server does; start()
-// then tries another.
-int freePort()
+// Closes `fd` when it is a descriptor; whether it was.
+bool closed(int fd)
 {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    int port = 0;
-    if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0
-        && ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) == 0)
-        port = ntohs(address.sin_port);
-    if (fd >= 0)
-        ::close(fd);
-    return port;
-}
-
-bool accepts(int port)
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    const sockaddr_in address = loopback(port);
-    const bool connected = fd >= 0
-            && ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-    if (fd >= 0)
-        ::close(fd);
-    return connected;
+    return fd >= 0 && ::close(fd) == 0;
 }
 
 } // namespace
+
+int listenOnLoopback(int *port)
+{
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    if (fd >= 0
+        && (::bind(fd, reinterpret_cast<sockaddr *>(&address), length) != 0
+            || ::listen(fd, 128) != 0
+            || ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) != 0)) {
+        ::close(fd);
+        fd = -1;
+    }
+    *port = fd >= 0 ? ntohs(address.sin_port) : 0;
+    return fd;
+}
+
+int connectToLoopback(int port)
+{
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address = loopback(port);
+    if (fd >= 0
+        && ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        ::close(fd);
+        fd = -1;
+    }
+    return fd;
+}
 
 LocalServer::LocalServer(Kind kind)
     : m_Kind(kind)
@@ -88,9 +94,9 @@ bool LocalServer::start()
     }
     if (m_Port != 0)
         return launch();
-    // A port taken between its pick and the server's bind: try another.
+    // A port free when picked, but taken before the server's bind: try another.
     for (int attempt = 0; attempt < 5; ++attempt) {
-        m_Port = freePort();
+        closed(listenOnLoopback(&m_Port));
         if (launch())
             return true;
     }
@@ -115,7 +121,7 @@ bool LocalServer::launch()
     }
     QElapsedTimer clock;
     clock.start();
-    while (!accepts(m_Port)) {
+    while (!closed(connectToLoopback(m_Port))) {
         // Waiting for the end is the pause between tries, and how the
         // process learns that the server gave up (a port taken, a bad
         // configuration).
@@ -151,7 +157,7 @@ void LocalServer::kill()
     m_Process.waitForFinished(10000);
 }
 
-RvoRemoteEndpoint LocalServer::endpoint() const
+RvoRemoteEndpoint LocalServer::endpoint(int via) const
 {
     RvoRemoteEndpoint endpoint;
     const RvoRemoteEndpoint::Scheme http
@@ -160,7 +166,7 @@ RvoRemoteEndpoint LocalServer::endpoint() const
                                                           RvoRemoteEndpoint::S3}
                               .at(m_Kind);
     endpoint.host = QStringLiteral("127.0.0.1");
-    endpoint.port = m_Port;
+    endpoint.port = via ? via : m_Port;
     endpoint.path = QStringList {"/tiles", "", "/blocks"}.at(m_Kind);
     if (m_Kind == S3) {
         endpoint.bucket = QStringLiteral("tiles");
@@ -179,10 +185,10 @@ void LocalServer::requirePassword(const QString &user, const QString &password)
     m_Password = password;
 }
 
-QString LocalServer::url() const
+QString LocalServer::url(int via) const
 {
-    return m_Kind == S3 ? endpoint().plainUrl().replace("s3://", "s3://S3RVER:S3RVER@")
-                        : endpoint().plainUrl();
+    return m_Kind == S3 ? endpoint(via).plainUrl().replace("s3://", "s3://S3RVER:S3RVER@")
+                        : endpoint(via).plainUrl();
 }
 
 QString LocalServer::documentRoot() const
@@ -234,16 +240,14 @@ QStringList LocalServer::arguments(QString *error)
 {
     const QString d = dir();
     if (m_Kind == Redis) {
-        QStringList arguments {QStringLiteral("--port"),       QString::number(port()),
-                               QStringLiteral("--bind"),       QStringLiteral("127.0.0.1"),
-                               QStringLiteral("--save"),       QString(),
-                               QStringLiteral("--appendonly"), QStringLiteral("no"),
-                               QStringLiteral("--dir"),        d};
+        // Nothing saved: the empty argument of --save.
+        QString arguments = QStringLiteral("--port %1 --bind 127.0.0.1 --appendonly no --dir %2")
+                                    .arg(port())
+                                    .arg(d);
         if (!m_Password.isEmpty())
-            arguments << QStringLiteral("--requirepass") << m_Password << QStringLiteral("--user")
-                      << m_User << QStringLiteral("on") << QLatin1Char('>') + m_Password
-                      << QStringLiteral("~*") << QStringLiteral("+@all");
-        return arguments;
+            arguments += QStringLiteral(" --requirepass %1 --user %2 on >%1 ~* +@all")
+                                 .arg(m_Password, m_User);
+        return arguments.split(QLatin1Char(' ')) << QStringLiteral("--save") << QString();
     }
     if (m_Kind == S3)
         return QStringLiteral("-d %1/data -a 127.0.0.1 -p %2 --silent --no-vhost-buckets "

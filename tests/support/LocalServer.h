@@ -75,10 +75,11 @@ public:
 
     // The server as the remote-storage setting names it:
     // "http://127.0.0.1:PORT/tiles", "redis://127.0.0.1:PORT",
-    // "s3://S3RVER:S3RVER@tiles/blocks|endpoint=http://127.0.0.1:PORT".
-    QString url() const;
+    // "s3://S3RVER:S3RVER@tiles/blocks|endpoint=http://127.0.0.1:PORT";
+    // with `via`, at that port instead (a DelayProxy's in front of it).
+    QString url(int via = 0) const;
     // The server for a client: 100 ms to connect, 2 s per operation.
-    RvoRemoteEndpoint endpoint() const;
+    RvoRemoteEndpoint endpoint(int via = 0) const;
 
     // From the next start on, the server asks for `password`: nginx from
     // `user` (basic authentication), Redis from anyone and from the ACL user
@@ -114,6 +115,11 @@ private:
     int m_Port = 0;
     QString m_Error;
 };
+
+// Sockets on 127.0.0.1, closed on exec: one listening at a port the kernel
+// picks (*port), and one connected to `port`; -1 when that fails.
+int listenOnLoopback(int *port);
+int connectToLoopback(int port);
 
 // In a test: skips it when the server is not usable, fails it when the
 // server does not start.
