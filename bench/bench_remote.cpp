@@ -37,7 +37,10 @@
 // (fetch). A read's share of its server's raw fetch rate is the ratio of the
 // two tiles-per-second figures.
 //
-// bench_remote [--tiles N] [benchmark options]
+// bench_remote [--tiles N] [--link-mbit N] [benchmark options]
+//   --link-mbit: the proxy of a server at a distance also paces each
+//   direction to N megabits a second (a link of that bandwidth; default: not
+//   paced, only delayed)
 // bench_remote --read SPEC ROOT NAMES   the second process (internal)
 
 #include "DelayProxy.h"
@@ -79,6 +82,7 @@ constexpr qint64 kBudget = 64LL << 20;
 constexpr int kReadAhead = 64;
 
 int g_Tiles = 2048;
+qint64 g_LinkBytesPerSecond = 0; // --link-mbit; 0: not paced
 
 double secondsSince(Clock::time_point start)
 {
@@ -170,7 +174,8 @@ struct Distance
         spec = specOf(server);
         if (!local || delayMs < 0)
             return;
-        proxy = std::make_unique<DelayProxy>(local->port(), std::chrono::milliseconds(delayMs));
+        proxy = std::make_unique<DelayProxy>(local->port(), std::chrono::milliseconds(delayMs),
+                                             g_LinkBytesPerSecond);
         proxy->start();
         spec.replace(QStringLiteral("127.0.0.1:%1").arg(local->port()),
                      QStringLiteral("127.0.0.1:%1").arg(proxy->port()));
@@ -482,13 +487,17 @@ int main(int argc, char **argv)
     if (argc == 5 && std::strcmp(argv[1], "--read") == 0)
         return readMode(QString::fromLocal8Bit(argv[2]), QString::fromLocal8Bit(argv[3]),
                         QString::fromLocal8Bit(argv[4]));
-    for (int i = 1; i + 1 < argc; ++i) {
-        if (std::strcmp(argv[i], "--tiles") == 0) {
+    for (int i = 1; i + 1 < argc;) {
+        if (std::strcmp(argv[i], "--tiles") == 0)
             g_Tiles = std::atoi(argv[i + 1]);
-            std::memmove(argv + i, argv + i + 2, sizeof(char *) * size_t(argc - i - 1));
-            argc -= 2;
-            break;
+        else if (std::strcmp(argv[i], "--link-mbit") == 0)
+            g_LinkBytesPerSecond = std::atoll(argv[i + 1]) * 1000000 / 8;
+        else {
+            ++i;
+            continue;
         }
+        std::memmove(argv + i, argv + i + 2, sizeof(char *) * size_t(argc - i - 1));
+        argc -= 2;
     }
 
     Fixture &f = fixture();

@@ -24,6 +24,22 @@ using Clock = std::chrono::steady_clock;
 // A direction stops reading while this much waits in it.
 constexpr qint64 kMaxHeld = 16 << 20;
 
+// One direction of the link all connections share: with a rate, a chunk
+// leaves once the bytes before it, of any connection, have gone.
+struct Link
+{
+    qint64 bytesPerSecond = 0; // 0: no pacing
+    Clock::time_point free {}; // when the bytes given so far have gone
+
+    Clock::time_point departure(Clock::time_point now, qint64 bytes)
+    {
+        if (bytesPerSecond <= 0)
+            return now;
+        free = std::max(free, now) + std::chrono::microseconds(bytes * 1000000 / bytesPerSecond);
+        return free;
+    }
+};
+
 // Bytes on their way from one socket to the other, each chunk stamped with
 // when it may go on; an empty chunk is the sender's end.
 struct Direction
@@ -40,13 +56,13 @@ struct Direction
     bool reading() const { return !readClosed && held < kMaxHeld; }
 
     // False when the connection failed.
-    bool read(std::chrono::microseconds delay)
+    bool read(std::chrono::microseconds delay, Link &link)
     {
         char buffer[65536];
         const ssize_t n = ::read(from, buffer, sizeof buffer);
         if (n < 0)
             return errno == EAGAIN || errno == EINTR;
-        chunks.emplace_back(Clock::now() + delay, QByteArray(buffer, int(n)));
+        chunks.emplace_back(link.departure(Clock::now(), n) + delay, QByteArray(buffer, int(n)));
         held += n;
         readClosed = n == 0;
         return true;
@@ -99,6 +115,7 @@ struct DelayProxy::Loop
 {
     DelayProxy &proxy;
     std::vector<std::unique_ptr<Connection>> connections;
+    Link links[2] {{proxy.m_BytesPerSecond, {}}, {proxy.m_BytesPerSecond, {}}}; // up, down
 
     void accept()
     {
@@ -135,12 +152,17 @@ struct DelayProxy::Loop
                         wakeAt = std::min(wakeAt, d->chunks.front().first);
                 }
             }
-            int timeoutMs = -1; // nothing due: until a socket is ready
-            if (wakeAt != Clock::time_point::max())
-                timeoutMs = int(std::chrono::ceil<std::chrono::milliseconds>(
+            // Nanoseconds: a delay of 1 ms rounded to whole milliseconds would
+            // be off by up to its own size.
+            timespec timeout {};
+            if (wakeAt != Clock::time_point::max()) {
+                const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
                                         std::max(Clock::duration::zero(), wakeAt - Clock::now()))
-                                        .count());
-            if (::poll(fds.data(), fds.size(), timeoutMs) < 0 && errno != EINTR)
+                                        .count();
+                timeout = {time_t(ns / 1000000000), long(ns % 1000000000)};
+            }
+            const timespec *limit = wakeAt == Clock::time_point::max() ? nullptr : &timeout;
+            if (::ppoll(fds.data(), fds.size(), limit, nullptr) < 0 && errno != EINTR)
                 return;
             if (fds[0].revents)
                 return;
@@ -154,7 +176,7 @@ struct DelayProxy::Loop
                     Direction &d = k == 0 ? c.up : c.down;
                     const pollfd &from = fds[2 + i * 4 + size_t(k) * 2];
                     if (from.fd >= 0 && (from.revents & (POLLIN | POLLHUP | POLLERR)))
-                        c.failed |= !d.read(proxy.m_Delay);
+                        c.failed |= !d.read(proxy.m_Delay, links[k]);
                 }
             }
             for (auto &c : connections)
@@ -168,9 +190,10 @@ struct DelayProxy::Loop
     }
 };
 
-DelayProxy::DelayProxy(int targetPort, std::chrono::microseconds delay)
+DelayProxy::DelayProxy(int targetPort, std::chrono::microseconds delay, qint64 bytesPerSecond)
     : m_TargetPort(targetPort)
     , m_Delay(delay)
+    , m_BytesPerSecond(bytesPerSecond)
 {
 }
 
