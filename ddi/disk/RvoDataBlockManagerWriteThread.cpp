@@ -260,7 +260,8 @@ bool RvoDataBlockManagerWriteThread::park(Entry &&entry, Clock::time_point attem
     auto position = m_Queue.begin();
     while (position != m_Queue.end() && position->priority < entry.priority)
         ++position;
-    m_BytesInQueue += entry.size;
+    if (!entry.countedWhileTried)
+        m_BytesInQueue += entry.size;
     ++m_ParkedInQueue;
     m_Queue.insert(position, std::move(entry));
     m_RefusedAttempts.fetch_add(1, std::memory_order_relaxed);
@@ -308,7 +309,12 @@ void RvoDataBlockManagerWriteThread::run()
         }
         Entry entry = std::move(*due);
         m_Queue.erase(due);
-        m_BytesInQueue -= entry.size;
+        // A save taken off the queue makes room for producers, unless the
+        // disk refuses saves: then the room would only let one more block in
+        // each time a save is tried and refused again.
+        entry.countedWhileTried = m_Refusing.load(std::memory_order_relaxed);
+        if (!entry.countedWhileTried)
+            m_BytesInQueue -= entry.size;
         if (entry.refusals > 0)
             --m_ParkedInQueue;
         entry.triedInFlush = m_FlushSerial;
@@ -340,6 +346,8 @@ void RvoDataBlockManagerWriteThread::run()
             continue;
         }
         m_SavesRetired.fetch_add(1, std::memory_order_release);
+        if (entry.countedWhileTried)
+            m_BytesInQueue -= entry.size;
         // Saves succeed again once a refused one is written, or once none
         // waits: a save that was under way when another was refused, or
         // that found its file there, proves nothing.

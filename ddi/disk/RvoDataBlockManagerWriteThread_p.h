@@ -126,6 +126,9 @@ private:
         int refusals = 0; // attempts the file system refused
         Clock::time_point retryAt {}; // when a refused save is tried again
         quint64 triedInFlush = 0; // m_FlushSerial when it was last tried
+        // Its size stays in m_BytesInQueue while it is tried: taken while
+        // saves are refused, so that producers stay held back.
+        bool countedWhileTried = false;
     };
 
     // Lets go of a request's block: deletes it when the request owns it, or
