@@ -358,6 +358,13 @@ const char *RvoBlockCodec::shuffled(const char *data, qint64 size)
     return out;
 }
 
+void RvoBlockCodec::writeTaggedHeader(uchar tag, const char *data, qint64 size, uchar *out) const
+{
+    out[0] = tag;
+    out[1] = uchar(m_Setting.shuffle());
+    qToLittleEndian(crc32Of(data, size), out + 2);
+}
+
 qint64 RvoBlockCodec::compressLz4(const char *data, qint64 size, uchar *out, qint64 capacity)
 {
     if (capacity <= TaggedHeader)
@@ -367,9 +374,7 @@ qint64 RvoBlockCodec::compressLz4(const char *data, qint64 size, uchar *out, qin
     const char *input = shuffled(data, size);
     int written = 0;
     if (m_Lz4State && input) {
-        out[0] = Lz4Tag;
-        out[1] = uchar(m_Setting.shuffle());
-        qToLittleEndian(crc32Of(data, size), out + 2);
+        writeTaggedHeader(Lz4Tag, data, size, out);
         written = LZ4_compress_fast_extState(
                 m_Lz4State.get(), input, reinterpret_cast<char *>(out + TaggedHeader), int(size),
                 int(qMin(capacity - TaggedHeader, qint64(std::numeric_limits<int>::max()))), 1);
@@ -387,9 +392,7 @@ qint64 RvoBlockCodec::compressZstd(const char *data, qint64 size, uchar *out, qi
     const char *input = shuffled(data, size);
     size_t written = 0;
     if (m_ZstdCompressor && input) {
-        out[0] = ZstdTag;
-        out[1] = uchar(m_Setting.shuffle());
-        qToLittleEndian(crc32Of(data, size), out + 2);
+        writeTaggedHeader(ZstdTag, data, size, out);
         ZSTD_CCtx_reset(m_ZstdCompressor, ZSTD_reset_session_and_parameters);
         ZSTD_CCtx_setParameter(m_ZstdCompressor, ZSTD_c_compressionLevel, m_Setting.level());
         written = ZSTD_compress2(m_ZstdCompressor, out + TaggedHeader,

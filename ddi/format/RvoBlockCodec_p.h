@@ -94,6 +94,9 @@ private:
     qint64 compressZstd(const char *data, qint64 size, uchar *out, qint64 capacity);
     // `data` byte-shuffled into the scratch buffer; null without memory.
     const char *shuffled(const char *data, qint64 size);
+    // The tag, shuffle element and CRC-32 that start an LZ4 or Zstandard
+    // payload at `out`.
+    void writeTaggedHeader(uchar tag, const char *data, qint64 size, uchar *out) const;
     char *scratch(qint64 size);
     void releaseScratch();
     bool decode(const char *payload, qint64 length, qint64 expectedSize, QByteArray *out);
