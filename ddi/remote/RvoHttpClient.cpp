@@ -38,11 +38,6 @@ bool isValidName(const QString &name)
     return !name.isEmpty() && !name.startsWith(QLatin1Char('.'));
 }
 
-bool isUpload(Method method)
-{
-    return method != RvoHttpDialect::Get && method != RvoHttpDialect::Head;
-}
-
 qint64 nowMs()
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -177,7 +172,7 @@ struct RvoHttpClient::Loop
         curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, long(timeoutMs > 0 ? leftMs : 0));
         if (transfer->method == RvoHttpDialect::Head) {
             curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
-        } else if (isUpload(transfer->method)) {
+        } else if (RvoHttpDialect::isUpload(transfer->method)) {
             curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
             curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE,
                              curl_off_t(transfer->request.bytes.size()));

@@ -26,28 +26,28 @@ curl_slist *RvoHttpDialect::prepare(CURL *curl, Method method, const RvoRemoteRe
     return method == Put ? curl_slist_append(nullptr, "Expect:") : nullptr;
 }
 
+std::optional<RvoHttpDialect::Step> RvoHttpDialect::lookedUp(Method method, long status)
+{
+    if (method == Get && status == 200)
+        return ended(RvoRemoteClient::Found);
+    if (method == Get && status == 404)
+        return ended(RvoRemoteClient::Missing);
+    if (method == Head && status == 200)
+        return ended(RvoRemoteClient::Present);
+    if (method == Head && status == 404)
+        return next(Put);
+    return std::nullopt;
+}
+
 RvoHttpDialect::Step RvoHttpDialect::answered(Method method, const Answer &answer, int)
 {
     const long status = answer.status;
     if (status == 0)
         return ended(answer.failure.status, answer.failure.error);
-    switch (method) {
-    case Get:
-        if (status == 200)
-            return ended(RvoRemoteClient::Found);
-        if (status == 404)
-            return ended(RvoRemoteClient::Missing);
-        break;
-    case Head:
-        if (status == 200)
-            return ended(RvoRemoteClient::Present);
-        if (status == 404)
-            return next(Put);
-        break;
-    default:
-        if (status == 200 || status == 201 || status == 204)
-            return ended(RvoRemoteClient::Stored);
-    }
+    if (const std::optional<Step> step = lookedUp(method, status))
+        return *step;
+    if (isUpload(method) && (status == 200 || status == 201 || status == 204))
+        return ended(RvoRemoteClient::Stored);
     const QString reason = QStringLiteral("HTTP %1").arg(status);
     return ended(status == 401 || status == 403 ? RvoRemoteClient::Unauthorized
                                                 : RvoRemoteClient::Unavailable,

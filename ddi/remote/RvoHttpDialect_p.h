@@ -6,6 +6,8 @@
 
 #include <curl/curl.h>
 
+#include <optional>
+
 // What one kind of HTTP store makes of the requests that RvoHttpClient runs:
 // where a block file lives, what each request sends besides its body, and
 // what each answer means. This class is the plain store (nginx with WebDAV,
@@ -76,7 +78,13 @@ public:
     // What the answer to `method` means; `attempt` counts its tries from 1.
     virtual Step answered(Method method, const Answer &answer, int attempt);
 
+    // A PUT of either kind, which sends the request's bytes.
+    static bool isUpload(Method method) { return method != Get && method != Head; }
+
 protected:
+    // What a GET's or a HEAD's 200 or 404 means to every store: Found,
+    // Missing, Present, or a PUT next; none for any other answer.
+    static std::optional<Step> lookedUp(Method method, long status);
     static Step ended(RvoRemoteClient::Status status, const QString &reason = QString())
     {
         return {Step::End, {status, reason}, Get, 0};

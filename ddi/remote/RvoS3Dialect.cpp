@@ -9,11 +9,6 @@ namespace {
 // The SHA-256 of no bytes: a GET's or a HEAD's payload.
 const char kEmptySha256[] = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
 
-bool isPut(RvoHttpDialect::Method method)
-{
-    return method != RvoHttpDialect::Get && method != RvoHttpDialect::Head;
-}
-
 bool isSuccess(long status)
 {
     return status >= 200 && status < 300;
@@ -97,7 +92,7 @@ curl_slist *RvoS3Dialect::prepare(CURL *curl, Method method, const RvoRemoteRequ
         curl_easy_setopt(curl, CURLOPT_USERNAME, e.user.toUtf8().constData());
         curl_easy_setopt(curl, CURLOPT_PASSWORD, e.password.toUtf8().constData());
         const QByteArray payload = e.usesTls() ? QByteArray("UNSIGNED-PAYLOAD")
-                : isPut(method)                ? request.payloadHash
+                : isUpload(method)             ? request.payloadHash
                                                : QByteArray(kEmptySha256);
         headers = curl_slist_append(headers,
                                     QByteArray("x-amz-content-sha256: " + payload).constData());
@@ -159,20 +154,12 @@ RvoHttpDialect::Step RvoS3Dialect::answered(Method method, const Answer &answer,
                 : 100LL << qMin(attempt - 1, 20);
         return again;
     }
-    switch (method) {
-    case Get:
-        if (status == 200)
-            return ended(RvoRemoteClient::Found);
-        if (status == 404 && code != "NoSuchBucket")
-            return ended(RvoRemoteClient::Missing);
-        break;
-    case Head:
-        if (status == 200)
-            return ended(RvoRemoteClient::Present);
-        if (status == 404)
-            return next(Put);
-        break;
-    case PutIfAbsent:
+    // A GET of a missing bucket's key is no miss.
+    if (code != "NoSuchBucket") {
+        if (const std::optional<Step> step = lookedUp(method, status))
+            return *step;
+    }
+    if (method == PutIfAbsent) {
         if (status == 412) {
             m_Condition = Honoured;
             return ended(RvoRemoteClient::Present);
@@ -185,10 +172,8 @@ RvoHttpDialect::Step RvoS3Dialect::answered(Method method, const Answer &answer,
             m_Probing = true;
             return next(PutIfAbsentAgain);
         }
-        [[fallthrough]];
-    default:
-        if (isSuccess(status))
-            return ended(RvoRemoteClient::Stored);
     }
+    if (isUpload(method) && isSuccess(status))
+        return ended(RvoRemoteClient::Stored);
     return refused(status, code);
 }
