@@ -115,13 +115,11 @@ TEST(RvoRemoteTier, AnotherProcessReadsEveryBlockBackByteExact)
     EXPECT_EQ(std::count(held.begin(), held.end(), 0), 0) << "a shard holds none";
 }
 
-// Remotes are asked in order: a damaged file (from nginx or an S3 bucket) is
-// rejected, said and counted, and the next remote asked.
-using RvoRemoteTierDamage = ::testing::TestWithParam<LocalServer::Kind>;
-
-TEST_P(RvoRemoteTierDamage, DamagedFileIsRejectedAndTheNextRemoteAsked)
+// Remotes are asked in order: a damaged file is rejected, said and counted,
+// and the next remote asked.
+TEST(RvoRemoteTier, DamagedFileIsRejectedAndTheNextRemoteAsked)
 {
-    LocalServer first(GetParam());
+    LocalServer first(LocalServer::Nginx);
     LocalServer redis(LocalServer::Redis);
     START_OR_SKIP(first);
     START_OR_SKIP(redis);
@@ -156,9 +154,6 @@ TEST_P(RvoRemoteTierDamage, DamagedFileIsRejectedAndTheNextRemoteAsked)
     EXPECT_TRUE(stats.value(1).contains(QStringLiteral("1 hits, 2 misses, 0 errors, 0 rejected")))
             << qPrintable(stats.value(1));
 }
-
-INSTANTIATE_TEST_SUITE_P(NginxAndS3, RvoRemoteTierDamage,
-                         ::testing::Values(LocalServer::Nginx, LocalServer::S3));
 
 // One that does not answer holds a read no longer than its timeout, and is
 // skipped by the next.
