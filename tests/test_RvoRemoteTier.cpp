@@ -175,7 +175,7 @@ TEST(RvoRemoteTier, SilentRemoteCostsAtMostItsTimeout)
 }
 
 // Files move between machines unchanged: a host that writes zlib reads an
-// LZ4 or Zstandard file from a remote and keeps it as it came.
+// LZ4 file from a remote and keeps it as it came.
 TEST(RvoRemoteTier, Lz4FileFromARemoteIsReadByAZlibHost)
 {
     LocalServer nginx(LocalServer::Nginx);
@@ -183,14 +183,11 @@ TEST(RvoRemoteTier, Lz4FileFromARemoteIsReadByAZlibHost)
     ManagerSetup setup;
     ASSERT_TRUE(Manager::instance().setRemoteStorage(nginx.url()));
     ASSERT_EQ(Manager::instance().blockCodec(), QStringLiteral("zlib"));
-    for (const RvoBlockCodecSetting &setting :
-         {RvoBlockCodecSetting::lz4(), RvoBlockCodecSetting::zstd()}) {
-        const QByteArray content = testContent(int(setting.kind()), 30000);
-        const QByteArray file = blockFile(content, setting);
-        ASSERT_TRUE(writeFile(nginx.filePath(nameOf(content)), file));
-        EXPECT_EQ(read(nameOf(content)), content);
-        EXPECT_EQ(readFile(localFile(nameOf(content))), file);
-    }
+    const QByteArray content = testContent(1, 30000);
+    const QByteArray file = blockFile(content, RvoBlockCodecSetting::lz4());
+    ASSERT_TRUE(writeFile(nginx.filePath(nameOf(content)), file));
+    EXPECT_EQ(read(nameOf(content)), content);
+    EXPECT_EQ(readFile(localFile(nameOf(content))), file);
 }
 
 // The server, 100 ms away, is killed while 32 fetches and 32 uploads are
