@@ -62,10 +62,13 @@ QStringList remoteStats()
             QRegularExpression(QStringLiteral("^Remote .*uploads skipped$")));
 }
 
-// A reference to the block of `content`, which this process has not added.
-RvoDataReference referenceTo(const QByteArray &content)
+// A reference to the block of `content`, which this process has not added,
+// with its preload started.
+RvoDataReference preloaded(const QByteArray &content)
 {
-    return Manager::instance().getReference(digestOf(content).data());
+    const RvoDataReference ref = Manager::instance().getReference(digestOf(content).data());
+    ref.preload(Manager::PreloadNormal);
+    return ref;
 }
 
 bool holds(const LocalServer &server, const QString &name)
@@ -212,10 +215,8 @@ TEST(RvoRemoteTier, KillingTheServerMidRequestsLosesNothing)
     Manager::instance().flush(false, Manager::WriteThreads); // the uploads start
     // The preloads start the fetches at once.
     QList<RvoDataReference> fetched;
-    for (int seed = 100; seed < 132; ++seed) {
-        fetched.append(referenceTo(testContent(seed, 20000)));
-        fetched.last().preload(Manager::PreloadNormal);
-    }
+    for (int seed = 100; seed < 132; ++seed)
+        fetched.append(preloaded(testContent(seed, 20000)));
     nginx.kill();
     QElapsedTimer timer;
     timer.start();
@@ -336,10 +337,8 @@ TEST_P(RvoRemoteTierAtDistance, PreloadedBlocksArriveInAFewRoundTripsNotOneEach)
     QElapsedTimer timer;
     timer.start();
     QList<RvoDataReference> refs;
-    for (const QByteArray &content : contents) {
-        refs.append(referenceTo(content));
-        refs.last().preload(Manager::PreloadNormal);
-    }
+    for (const QByteArray &content : contents)
+        refs.append(preloaded(content));
     for (int i = 0; i < 64; ++i)
         EXPECT_EQ(bytesOf(refs[i]), i == 7 ? QByteArray() : contents[size_t(i)]) << i;
     // Block 7 is asked for by its preload, and again by its load unless that
@@ -366,8 +365,7 @@ TEST(RvoRemoteTier, LoadsOfABlockBeingFetchedWaitForThatFetch)
     ASSERT_TRUE(writeFile(nginx.filePath(nameOf(content)), blockFile(content)));
     ManagerSetup setup;
     ASSERT_TRUE(Manager::instance().setRemoteStorage(nginx.url(proxy.port())));
-    const RvoDataReference ref = referenceTo(content);
-    ref.preload(Manager::PreloadNormal);
+    const RvoDataReference ref = preloaded(content);
     std::atomic<int> wrong {0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t)
