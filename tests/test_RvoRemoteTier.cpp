@@ -172,22 +172,6 @@ TEST(RvoRemoteTier, SilentRemoteCostsAtMostItsTimeout)
     redis.resume();
 }
 
-// Files move between machines unchanged: a host that writes zlib reads an
-// LZ4 file from a remote and keeps it as it came.
-TEST(RvoRemoteTier, Lz4FileFromARemoteIsReadByAZlibHost)
-{
-    LocalServer nginx(LocalServer::Nginx);
-    START_OR_SKIP(nginx);
-    ManagerSetup setup;
-    ASSERT_TRUE(Manager::instance().setRemoteStorage(nginx.url()));
-    ASSERT_EQ(Manager::instance().blockCodec(), QStringLiteral("zlib"));
-    const QByteArray content = testContent(1, 30000);
-    const QByteArray file = blockFile(content, RvoBlockCodecSetting::lz4());
-    ASSERT_TRUE(writeFile(nginx.filePath(nameOf(content)), file));
-    EXPECT_EQ(read(nameOf(content)), content);
-    EXPECT_EQ(readFile(localFile(nameOf(content))), file);
-}
-
 // The server, 100 ms away, is killed while 32 fetches and 32 uploads are
 // under way: every load ends at once without a block, nothing is published,
 // the disk serves on, and the uploads go once the server is back. It is
