@@ -53,7 +53,7 @@ std::optional<QByteArray> askRedis(int port, const char *command, const QByteArr
         EXPECT_EQ(r_.status, Remote::expected) << #call << ": " << r_.error.toStdString();         \
     } while (false)
 
-// Both kinds of server through the same tests.
+// Every kind of server through the same tests.
 class RemoteClientTest : public ::testing::TestWithParam<LocalServer::Kind>
 {
 protected:
@@ -185,7 +185,7 @@ TEST_P(RemoteClientTest, PausedOrStoppedServerIsUnavailableInTime)
     }
 }
 
-// nginx and Redis: s3rver's keys are fixed (RvoRemoteTier.S3RefusalIsSaidOnceWithItsCode).
+// nginx and Redis: s3rver's keys are fixed (RvoRemoteTier.RefusalIsSaidOnce... has others).
 class RemoteClientPasswordTest : public RemoteClientTest
 {
 };
