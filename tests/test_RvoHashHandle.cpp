@@ -1,7 +1,5 @@
 #include "RvoHashHandle.h"
 
-#include <QSet>
-
 #include <gtest/gtest.h>
 
 TEST(RvoHashHandle, HandlesCompareAndHashTheDigestsTheyPointAt)
@@ -16,5 +14,4 @@ TEST(RvoHashHandle, HandlesCompareAndHashTheDigestsTheyPointAt)
     EXPECT_TRUE(RvoHashHandle(&a) != RvoHashHandle(&c));
     EXPECT_EQ(qHash(RvoHashHandle(&a), 99), qHash(RvoHashHandle(&b), 99));
     EXPECT_EQ(qHash(RvoHashHandle()), RvoQHashType(0)) << "a null handle points at nothing";
-    EXPECT_EQ(QSet<RvoHashHandle>({RvoHashHandle(&a), RvoHashHandle(&b)}).size(), 1);
 }
