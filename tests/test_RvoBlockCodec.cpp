@@ -314,26 +314,6 @@ TEST(RvoBlockCodec, ImpossibleSizesAreRefusedWithoutReading)
     EXPECT_TRUE(codec.compress(nullptr, 16).isNull());
 }
 
-// Block files may take at most 5 % more disk than qCompress level 2 would.
-TEST(RvoBlockCodec, TilesStayWithinFivePercentOfZlibLevel2)
-{
-    for (const Encoder encoder : Encoders) {
-        RvoBlockCodec codec(encoder);
-        for (const auto make : {makeImageLikeTile, makePhotoLikeTile}) {
-            qint64 ours = 0;
-            qint64 zlib = 0;
-            for (int index = 0; index < 8; ++index) {
-                const QByteArray tile = make(index, 256 * 1024);
-                ours += codec.compress(tile.constData(), tile.size()).size();
-                zlib += qCompress(tile, 2).size();
-            }
-            EXPECT_LE(double(ours), double(zlib) * 1.05)
-                    << nameOf(encoder) << " level " << RvoBlockCodec::level(encoder) << ": " << ours
-                    << " bytes against " << zlib;
-        }
-    }
-}
-
 TEST(RvoBlockCodec, SettingsParseFromTextAndABadOneSaysWhy)
 {
     const struct
