@@ -325,7 +325,6 @@ TEST(RvoBlockCodec, SettingsParseFromTextAndABadOneSaysWhy)
             {" LZ4 ", "lz4"},
             {"zstd", "zstd:2"},
             {"zstd:-5", "zstd:-5"},
-            {"brotli", "Bad block codec 'brotli': use zlib, lz4, zstd or zstd:LEVEL"},
             {"lz4:1", "Bad block codec 'lz4:1': lz4 takes no level"},
             {"zstd:0",
              "Bad block codec 'zstd:0': its level must be a whole number from -50 to 22, "
