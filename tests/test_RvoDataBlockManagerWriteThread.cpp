@@ -19,9 +19,10 @@ protected:
     Writer writer {Access::manager(), root.path(), 10, 4, nullptr};
 };
 
-// A block marked cached is not queued; when its save owns it, it is deleted
-// at once.
-TEST_F(RvoWriteThread, CachedBlockIsNotQueued)
+// A block marked cached is not queued (when its save owns it, it is deleted
+// at once). A save of a digest whose file is there finds it, leaves it
+// alone and marks the block saved.
+TEST_F(RvoWriteThread, SavedBlockIsNotWrittenAgain)
 {
     bool deleted[2] = {false, false};
     std::unique_ptr<TrackedBlock> kept(new TrackedBlock(testContent(0, 100), &deleted[0]));
@@ -32,6 +33,18 @@ TEST_F(RvoWriteThread, CachedBlockIsNotQueued)
     }
     EXPECT_EQ(writer.requests(), 0);
     EXPECT_TRUE(!deleted[0] && deleted[1]);
+
+    const QByteArray content = testContent(3, 70000);
+    const RvoSmartPointer<RvoDataHash> hash = digestOf(content);
+    const QByteArray file = blockFile(content) + "marker";
+    ASSERT_TRUE(writeFile(pathOf(hash), file));
+    std::unique_ptr<RvoDataBlock> again(new RvoDataBlock(content));
+    writer.writeBlock(Normal, hash, again.get(), false);
+    writer.start();
+    writer.flush();
+    EXPECT_EQ(readFile(pathOf(hash)), file);
+    EXPECT_EQ(writer.requestsHandled(), 0) << "a file found is no save";
+    EXPECT_TRUE(again->cached());
 }
 
 // Ascending priorities, first come first served; the queue takes as many
@@ -80,23 +93,6 @@ TEST_F(RvoWriteThread, CompressedBlockGoesToItsFileAsItIs)
     writer.flush();
     EXPECT_EQ(readFile(pathOf(digestOf(content))),
               blockFileBytes(content.size(), qCompress(content, 9)));
-}
-
-// A save of a digest whose file is there finds it, leaves it alone and
-// marks the block saved.
-TEST_F(RvoWriteThread, FileOnDiskIsNotWrittenAgain)
-{
-    const QByteArray content = testContent(3, 70000);
-    const RvoSmartPointer<RvoDataHash> hash = digestOf(content);
-    const QByteArray file = blockFile(content) + "marker";
-    ASSERT_TRUE(writeFile(pathOf(hash), file));
-    std::unique_ptr<RvoDataBlock> again(new RvoDataBlock(content));
-    writer.writeBlock(Normal, hash, again.get(), false);
-    writer.start();
-    writer.flush();
-    EXPECT_EQ(readFile(pathOf(hash)), file);
-    EXPECT_EQ(writer.requestsHandled(), 0) << "a file found is no save";
-    EXPECT_TRUE(again->cached());
 }
 
 // A root the file system refuses (a path through a file: ENOTDIR) until it is
