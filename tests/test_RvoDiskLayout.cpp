@@ -10,16 +10,16 @@ TEST(RvoDiskLayout, RootIsTheDigitSumOfFourCharacters)
 {
     {
         ManagerSetup one(1);
-        EXPECT_EQ(Access::cacheIndex("1-0-3"), 0);
+        EXPECT_EQ(Access::manager().cacheIndex("1-0-3"), 0);
     }
     ManagerSetup setup(2);
-    EXPECT_EQ(Access::cacheIndex("4150-1"), 0); // 0+5+1+4 = 10
-    EXPECT_EQ(Access::cacheIndex("7-12-5"), 1); // 2+1-1+7 = 9
-    EXPECT_EQ(Access::cacheIndex("9999-1"), 0); // 36, where three characters make 27
+    EXPECT_EQ(Access::manager().cacheIndex("4150-1"), 0); // 0+5+1+4 = 10
+    EXPECT_EQ(Access::manager().cacheIndex("7-12-5"), 1); // 2+1-1+7 = 9
+    EXPECT_EQ(Access::manager().cacheIndex("9999-1"), 0); // 36, where three characters make 27
     StdoutCapture out;
-    EXPECT_EQ(Access::cacheIndex("1-0-3"), -1); // -1+0-1+1 = -1
-    EXPECT_EQ(Access::cacheIndex("12"), -1);
-    EXPECT_EQ(Access::cacheIndex(static_cast<const RvoDataHash *>(nullptr)), -1);
+    EXPECT_EQ(Access::manager().cacheIndex("1-0-3"), -1); // -1+0-1+1 = -1
+    EXPECT_EQ(Access::manager().cacheIndex("12"), -1);
+    EXPECT_EQ(Access::manager().cacheIndex(static_cast<const RvoDataHash *>(nullptr)), -1);
     const QString none = digestName({"1", "0"});
     EXPECT_EQ(manager().getBlockDestination(QString(), none), QString());
     EXPECT_EQ(out.lines(),
@@ -49,7 +49,7 @@ TEST(RvoDiskLayout, DestinationNamesTheRootSubCacheBucketAndFile)
 TEST(RvoDiskLayout, NoRootIsChosenWithoutASetup)
 {
     StdoutCapture unset;
-    EXPECT_EQ(Access::cacheIndex("4150-1"), -1);
+    EXPECT_EQ(Access::manager().cacheIndex("4150-1"), -1);
     EXPECT_EQ(manager().getBlockDestination(QString(), digestName(1)), QString());
     const QStringList lines = unset.lines();
     EXPECT_EQ(lines.value(0), "Number of cache paths is zero");

@@ -42,8 +42,6 @@ public:
     {
         return RvoDataBlockManager::Private::of(RvoDataBlockManager::instance());
     }
-    static int cacheIndex(const QString &hashText) { return manager().cacheIndex(hashText); }
-    static int cacheIndex(const RvoDataHash *hash) { return manager().cacheIndex(hash); }
     static void makeBlockLive(RvoDataHash *h, RvoDataBlock *b) { manager().makeBlockLive(h, b); }
     static auto *writeThread(int i) { return manager().writeThreads().value(i); }
     static auto *readThread(int i) { return manager().readThreads().value(i); }
