@@ -50,7 +50,6 @@ TEST(RvoRemoteSpec, EntriesParseIntoServersInOrder)
               QStringLiteral("rw 3: redis://127.0.0.1:6380/2 100/900 "
                              "redis://127.0.0.1:6381/2 100/900 "
                              "redis://127.0.0.1:6382/2 100/900"));
-    EXPECT_EQ(remotes[2].shardNames.join(QLatin1Char(',')), QStringLiteral("6380,6381,6382"));
     const RvoRemoteEndpoint &redis = remotes[1].servers.value(0);
     EXPECT_EQ(redis.user + QLatin1Char(':') + redis.password, QStringLiteral("u:p@ss"));
     EXPECT_EQ(redis.maskedUrl(), QStringLiteral("redis://***@cache2:6379"));

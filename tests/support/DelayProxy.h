@@ -5,8 +5,8 @@
 // listens on 127.0.0.1 at a free port and connects each client it accepts
 // to 127.0.0.1:targetPort, holding every byte for `delay` in each direction
 // (a round trip costs twice that) and, with a rate, pacing each direction's
-// bytes, all connections' together, to it (a link of that bandwidth). A connection the target refuses is
-// closed at once.
+// bytes, all connections' together, to it (a link of that bandwidth). A
+// connection the target refuses is closed at once.
 //
 // Threading: one thread drives it; the proxy runs on a thread of its own.
 

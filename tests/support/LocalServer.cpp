@@ -86,12 +86,10 @@ QString LocalServer::notUsable() const
 
 bool LocalServer::start()
 {
-    if (isRunning())
+    if (m_Process.isRunning())
         return true;
-    if (!isUsable()) {
-        m_Error = notUsable();
+    if (m_Error = notUsable(); !m_Error.isEmpty())
         return false;
-    }
     if (m_Port != 0)
         return launch();
     // A port free when picked, but taken before the server's bind: try another.
@@ -141,7 +139,7 @@ bool LocalServer::launch()
 
 void LocalServer::stop()
 {
-    if (!isRunning())
+    if (!m_Process.isRunning())
         return;
     m_Process.signal(SIGTERM);
     m_Process.signal(SIGCONT);
@@ -151,7 +149,7 @@ void LocalServer::stop()
 
 void LocalServer::kill()
 {
-    if (!isRunning())
+    if (!m_Process.isRunning())
         return;
     m_Process.signal(SIGKILL);
     m_Process.waitForFinished(10000);

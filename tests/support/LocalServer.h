@@ -39,10 +39,9 @@ public:
     LocalServer(const LocalServer &) = delete;
     LocalServer &operator=(const LocalServer &) = delete;
 
-    // Whether the server's program is there and this build of RvoDdi has
-    // its kind of remote; when not, a test skips with notUsable() ("nginx is
-    // not installed (/usr/sbin/nginx): ...", or the setting's refusal).
-    bool isUsable() const { return notUsable().isEmpty(); }
+    // Why a test must skip: the server's program is missing ("nginx is not
+    // installed (/usr/sbin/nginx): ..."), or this build of RvoDdi lacks its
+    // kind of remote (the setting's refusal); empty when neither.
     QString notUsable() const;
 
     // Starts the server and waits, at most 10 seconds, until its port
@@ -65,7 +64,6 @@ public:
         return start();
     }
 
-    bool isRunning() const { return m_Process.isRunning(); }
     int port() const { return m_Port; }
     // The server's process id while it runs (for its CPU time).
     qint64 pid() const { return m_Process.pid(); }
@@ -124,7 +122,7 @@ int connectToLoopback(int port);
 // In a test: skips it when the server is not usable, fails it when the
 // server does not start.
 #define START_OR_SKIP(server)                                                                      \
-    if (!(server).isUsable())                                                                      \
+    if (!(server).notUsable().isEmpty())                                                           \
         GTEST_SKIP() << (server).notUsable().toStdString();                                        \
     ASSERT_TRUE((server).start()) << (server).error().toStdString()
 
