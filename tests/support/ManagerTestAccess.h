@@ -42,8 +42,6 @@ public:
     {
         return RvoDataBlockManager::Private::of(RvoDataBlockManager::instance());
     }
-    static int cacheIndex(const QString &hashText) { return manager().cacheIndex(hashText); }
-    static int cacheIndex(const RvoDataHash *hash) { return manager().cacheIndex(hash); }
     static void makeBlockLive(RvoDataHash *h, RvoDataBlock *b) { manager().makeBlockLive(h, b); }
     static auto *writeThread(int i) { return manager().writeThreads().value(i); }
     static auto *readThread(int i) { return manager().readThreads().value(i); }
@@ -128,10 +126,8 @@ inline QString digestName(int first)
 // Image-like test content: varied, compressible bytes.
 QByteArray testContent(int seed, int size = 65536);
 
-// The bytes a block, an accessor or a reference (through a const accessor)
-// gives to read.
+// The bytes a block or a reference (through a const accessor) gives to read.
 QByteArray bytesOf(const RvoDataBlock *block);
-QByteArray bytesOf(const RvoConstAccessor &accessor);
 QByteArray bytesOf(const RvoDataReference &ref);
 
 // Reads back, through the manager, the blocks of lines "SEED SIZE DIGEST"
@@ -157,9 +153,8 @@ inline QByteArray flipped(QByteArray bytes, int offset)
 // The sound block file of `content`, its payload written as `setting` says
 // (by default qCompress's format, the zlib codec's own).
 QByteArray blockFile(const QByteArray &content, const RvoBlockCodecSetting &setting = {});
-// Where the block file of `hash` lies, spelt as the IO threads spell it.
-QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash,
-                  int buckets = 10);
+// Where the block file of `hash` lies (ten buckets), spelt as the IO threads spell it.
+QString blockPath(const QString &root, const QString &subCache, const RvoDataHash *hash);
 // The block that the block file at `path` holds; null unless it is sound.
 QByteArray blockIn(const QString &path);
 

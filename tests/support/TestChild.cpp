@@ -1,10 +1,11 @@
 // rvoddi-test-child MODE ...: the other processes of the tests that need
-// more than one. The kill, share and remote modes write a line "SEED SIZE
-// DIGEST" per block they confirmed, testContent(SEED, SIZE) being its content.
+// more than one. The queue, kill, share and remote modes write a line "SEED
+// SIZE DIGEST" per block they stored, testContent(SEED, SIZE) being its
+// content.
 //
-// queue ROOT SUBCACHE BUCKETS SEED...: stores testContent(SEED), prints each
-//     digest's text form and returns from main with the saves still queued:
-//     the manager's exit clean-up must write them.
+// queue ROOT SUBCACHE BUCKETS SEED...: stores testContent(SEED), prints its
+//     line and returns from main with the saves still queued: the manager's
+//     exit clean-up must write them.
 // hold ROOT SUBCACHE SEED...: keeps testContent(SEED, 1000) live with garbage
 //     collection on until standard input closes; prints each digest's text
 //     form, "ready" once the blocks are on disk, and "skipped" when its
@@ -52,7 +53,7 @@ int queueMode(const QStringList &args)
         hashes.append(digestOf(content));
         RvoDataBlockManagerTestAccess::makeBlockLive(hashes.last().data(),
                                                      new RvoDataBlock(content));
-        say(hashes.last()->toString());
+        say(QString("%1 %2 %3").arg(seed).arg(content.size()).arg(hashes.last()->toString()));
     }
     return 0;
 }
