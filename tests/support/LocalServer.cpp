@@ -237,22 +237,25 @@ static bool writeFile(const QString &path, const QString &text, QString *error)
 QStringList LocalServer::arguments(QString *error)
 {
     const QString d = dir();
+    // A temporary directory may hold a space: paths and passwords go as
+    // arguments of their own, and quoted in nginx's configuration.
     if (m_Kind == Redis) {
         // Nothing saved: the empty argument of --save.
-        QString arguments = QStringLiteral("--port %1 --bind 127.0.0.1 --appendonly no --dir %2")
-                                    .arg(port())
-                                    .arg(d);
+        QStringList arguments = QStringLiteral("--port %1 --bind 127.0.0.1 --appendonly no")
+                                        .arg(port())
+                                        .split(QLatin1Char(' '))
+                << QStringLiteral("--save") << QString() << QStringLiteral("--dir") << d;
         if (!m_Password.isEmpty())
-            arguments += QStringLiteral(" --requirepass %1 --user %2 on >%1 ~* +@all")
-                                 .arg(m_Password, m_User);
-        return arguments.split(QLatin1Char(' ')) << QStringLiteral("--save") << QString();
+            arguments << QStringLiteral("--requirepass") << m_Password << QStringLiteral("--user")
+                      << m_User << QStringLiteral("on") << QLatin1Char('>') + m_Password
+                      << QStringLiteral("~*") << QStringLiteral("+@all");
+        return arguments;
     }
     if (m_Kind == S3)
-        return QStringLiteral("-d %1/data -a 127.0.0.1 -p %2 --silent --no-vhost-buckets "
-                              "--configure-bucket tiles")
-                .arg(d)
-                .arg(port())
-                .split(QLatin1Char(' '));
+        return QStringList {QStringLiteral("-d"), d + QStringLiteral("/data")}
+        + QStringLiteral("-a 127.0.0.1 -p %1 --silent --no-vhost-buckets --configure-bucket tiles")
+                  .arg(port())
+                  .split(QLatin1Char(' '));
     if (!QDir().mkpath(documentRoot())) {
         *error = QStringLiteral("cannot create %1").arg(documentRoot());
         return {};
@@ -263,13 +266,13 @@ QStringList LocalServer::arguments(QString *error)
         if (!writeFile(d + QStringLiteral("/htpasswd"),
                        QStringLiteral("%1:{PLAIN}%2\n").arg(m_User, m_Password), error))
             return {};
-        auth = QStringLiteral("auth_basic rvoddi; auth_basic_user_file %1/htpasswd;").arg(d);
+        auth = QStringLiteral("auth_basic rvoddi; auth_basic_user_file \"%1/htpasswd\";").arg(d);
     }
     QString listen = QStringLiteral("127.0.0.1:%1").arg(port());
     if (m_Tls) {
         if (!QFile::exists(certificatePath()) && !makeCertificate(d, error))
             return {};
-        listen += QStringLiteral(" ssl; ssl_certificate %1; ssl_certificate_key %2/key.pem")
+        listen += QStringLiteral(" ssl; ssl_certificate \"%1\"; ssl_certificate_key \"%2/key.pem\"")
                           .arg(certificatePath(), d);
     }
     // No master process: the server is one process that pause() stops
@@ -279,21 +282,21 @@ QStringList LocalServer::arguments(QString *error)
     const QString config
             = QStringLiteral("daemon off;\n"
                              "master_process off;\n"
-                             "pid %1/nginx.pid;\n"
-                             "error_log %1/error.log info;\n"
+                             "pid \"%1/nginx.pid\";\n"
+                             "error_log \"%1/error.log\" info;\n"
                              "events { worker_connections 256; }\n"
                              "http {\n"
                              "    log_format rvoddi '$connection $request_method $uri $status';\n"
-                             "    access_log %1/access.log rvoddi;\n"
-                             "    client_body_temp_path %1/client_body;\n"
-                             "    proxy_temp_path %1/proxy;\n"
-                             "    fastcgi_temp_path %1/fastcgi;\n"
-                             "    uwsgi_temp_path %1/uwsgi;\n"
-                             "    scgi_temp_path %1/scgi;\n"
+                             "    access_log \"%1/access.log\" rvoddi;\n"
+                             "    client_body_temp_path \"%1/client_body\";\n"
+                             "    proxy_temp_path \"%1/proxy\";\n"
+                             "    fastcgi_temp_path \"%1/fastcgi\";\n"
+                             "    uwsgi_temp_path \"%1/uwsgi\";\n"
+                             "    scgi_temp_path \"%1/scgi\";\n"
                              "    default_type application/octet-stream;\n"
                              "    server {\n"
                              "        listen %2;\n"
-                             "        root %1/www;\n"
+                             "        root \"%1/www\";\n"
                              "        location /tiles/ {\n"
                              "            dav_methods PUT;\n"
                              "            create_full_put_path on;\n"
